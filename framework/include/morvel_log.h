@@ -41,13 +41,13 @@ constexpr const char* sourceBaseName(const char* path) noexcept {
 
 #define MORVEL_QUOTED(literal) #literal
 #define MORVEL_FORMAT(kind, message) "%s %s(%d): " MORVEL_QUOTED(kind) " " MORVEL_QUOTED(message)
-#define MORVEL_LINE(level, kind, message, ...)                                            \
-  do {                                                                                    \
-    if (::zor::morvelLogEnabled(level)) {                                                 \
-      static constexpr const char* morvelFile = ::zor::sourceBaseName(__FILE__);          \
+#define MORVEL_LINE(level, kind, message, ...)                                             \
+  do {                                                                                     \
+    if (::zor::morvelLogEnabled(level)) {                                                  \
+      static constexpr const char* morvelFile = ::zor::sourceBaseName(__FILE__);           \
       ::zor::morvelLogPrint(0, level, "ZOR_LOG", MORVEL_FORMAT(kind, message), morvelFile, \
-                            __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);               \
-    }                                                                                     \
+                            __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                \
+    }                                                                                      \
   } while (false)
 
 #define MORVEL_DEBUG(level, message, ...) \

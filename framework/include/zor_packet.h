@@ -44,9 +44,9 @@ struct PacketBuffer {
   PacketBuffer& operator=(const PacketBuffer&) = delete;
 
   std::uint8_t* data;
-  std::uint64_t capacity;           ///< bytes at `data`
-  PacketBudget* budget = nullptr;   ///< not owned; must outlive the packet
-  std::size_t charge = 0;           ///< what `budget` gets back
+  std::uint64_t capacity;          ///< bytes at `data`
+  PacketBudget* budget = nullptr;  ///< not owned; must outlive the packet
+  std::size_t charge = 0;          ///< what `budget` gets back
 };
 
 /// A packet owns its buffer. Not thread-safe: one thread at a time.

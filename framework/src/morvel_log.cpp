@@ -42,8 +42,7 @@ bool morvelLogEnabled(int level) noexcept {
   return level >= gLevel.load(std::memory_order_relaxed);
 }
 
-void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* format,
-                    ...) noexcept {
+void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* format, ...) noexcept {
   if (!morvelLogEnabled(level)) return;
   char* text = nullptr;
   std::va_list arguments;
@@ -52,8 +51,8 @@ void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* for
   va_end(arguments);
   if (length < 0) return;
   try {
-    spdlog::default_logger_raw()->log(spdlogLevel(level),
-                                      spdlog::string_view_t("[" + std::string(tag) + "] " + visible(text)));
+    spdlog::default_logger_raw()->log(
+        spdlogLevel(level), spdlog::string_view_t("[" + std::string(tag) + "] " + visible(text)));
   } catch (...) {  // a line that cannot be written must not end the request
   }
   std::free(text);

@@ -5,12 +5,12 @@
 namespace zor {
 
 constexpr std::array<const char*, 36> kTable = {
-    "zorModule",    "zorVersion",   "eventType",  "event",         "errorCode",  "message",
-    "vid",          "pid",          "vmid",       "productName",   "redirtype",  "morvelPolicy",
-    "type",         "class",        "status",     "localPolicy",   "remotePolicy", "autoconnect",
-    "turbousb",     "biz",          "step",       "TimeMs",        "startTs",    "success",
-    "context",      "desktopId",    "redirTypeList", "deviceType", "credibility", "flowLevel",
-    "flowName",     "zorContext",   "processId",  "vmContextId",   "zor.mounted", "mounted"};
+    "zorModule", "zorVersion", "eventType",     "event",       "errorCode",    "message",
+    "vid",       "pid",        "vmid",          "productName", "redirtype",    "morvelPolicy",
+    "type",      "class",      "status",        "localPolicy", "remotePolicy", "autoconnect",
+    "turbousb",  "biz",        "step",          "TimeMs",      "startTs",      "success",
+    "context",   "desktopId",  "redirTypeList", "deviceType",  "credibility",  "flowLevel",
+    "flowName",  "zorContext", "processId",     "vmContextId", "zor.mounted",  "mounted"};
 
 static_assert(std::string_view(kTable[kTraceKeyMessage]) == "message");
 static_assert(std::string_view(kTable[kTraceKeyProductName]) == "productName");

@@ -20,7 +20,9 @@ namespace zor::wire {
 using Bytes = std::span<const std::byte>;
 
 template <class T>
-concept Record = requires { T::kFields; };
+concept Record = requires {
+  T::kFields;
+};
 
 template <class T>
 constexpr std::size_t wireSize() noexcept {
@@ -106,7 +108,8 @@ std::byte* encodeAt(std::byte* at, const T& value) noexcept {
       std::memcpy(at, &value, sizeof value);
     } else {
       auto bits = static_cast<std::make_unsigned_t<T>>(value);
-      for (std::size_t i = 0; i < sizeof value; ++i, bits = static_cast<decltype(bits)>(bits >> 8)) {
+      for (std::size_t i = 0; i < sizeof value;
+           ++i, bits = static_cast<decltype(bits)>(bits >> 8)) {
         at[i] = static_cast<std::byte>(bits & 0xff);
       }
     }

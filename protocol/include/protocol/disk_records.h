@@ -32,12 +32,11 @@ struct udisk_stat {
   std::uint32_t st_uid;
   std::uint32_t st_gid;
   std::uint32_t reserved;  ///< always 0
-  static constexpr auto kFields =
-      std::tuple(&udisk_stat::st_dev, &udisk_stat::st_ino, &udisk_stat::st_nlink,
-                 &udisk_stat::st_size, &udisk_stat::st_rdev, &udisk_stat::st_blocks,
-                 &udisk_stat::st_blksize, &udisk_stat::st_atim, &udisk_stat::st_mtim,
-                 &udisk_stat::st_ctim, &udisk_stat::st_mode, &udisk_stat::st_uid,
-                 &udisk_stat::st_gid, &udisk_stat::reserved);
+  static constexpr auto kFields = std::tuple(
+      &udisk_stat::st_dev, &udisk_stat::st_ino, &udisk_stat::st_nlink, &udisk_stat::st_size,
+      &udisk_stat::st_rdev, &udisk_stat::st_blocks, &udisk_stat::st_blksize, &udisk_stat::st_atim,
+      &udisk_stat::st_mtim, &udisk_stat::st_ctim, &udisk_stat::st_mode, &udisk_stat::st_uid,
+      &udisk_stat::st_gid, &udisk_stat::reserved);
   bool operator==(const udisk_stat&) const = default;
 };
 static_assert(zor::wire::wireSize<udisk_stat>() == 120);

@@ -47,8 +47,9 @@ struct FileCreateRecord {
   std::uint32_t flags;
   std::uint32_t mode;
   std::int32_t fd;  ///< reply: not negative when the file was created
-  static constexpr auto kFields = std::tuple(&FileCreateRecord::pathLength, &FileCreateRecord::flags,
-                                             &FileCreateRecord::mode, &FileCreateRecord::fd);
+  static constexpr auto kFields =
+      std::tuple(&FileCreateRecord::pathLength, &FileCreateRecord::flags, &FileCreateRecord::mode,
+                 &FileCreateRecord::fd);
   static constexpr auto kStrings = std::tuple(&FileCreateRecord::pathLength);
 };
 static_assert(wireSize<FileCreateRecord>() == 16);
@@ -77,11 +78,10 @@ struct FileWriteRecord {
   std::uint16_t pathLength;
   std::uint8_t replyMark;  ///< a reply is sent only when it equals replyMatch
   std::uint8_t replyMatch;
-  static constexpr auto kFields =
-      std::tuple(&FileWriteRecord::offset, &FileWriteRecord::file_buf_length,
-                 &FileWriteRecord::reserved, &FileWriteRecord::fuse_length,
-                 &FileWriteRecord::pathLength, &FileWriteRecord::replyMark,
-                 &FileWriteRecord::replyMatch);
+  static constexpr auto kFields = std::tuple(
+      &FileWriteRecord::offset, &FileWriteRecord::file_buf_length, &FileWriteRecord::reserved,
+      &FileWriteRecord::fuse_length, &FileWriteRecord::pathLength, &FileWriteRecord::replyMark,
+      &FileWriteRecord::replyMatch);
   static constexpr auto kStrings = std::tuple(&FileWriteRecord::pathLength);
 };
 static_assert(wireSize<FileWriteRecord>() == 24);
@@ -124,8 +124,8 @@ struct TruncateRecord {
   std::uint64_t length;
   std::uint32_t pathLength;
   std::int32_t result;
-  static constexpr auto kFields = std::tuple(&TruncateRecord::length, &TruncateRecord::pathLength,
-                                             &TruncateRecord::result);
+  static constexpr auto kFields =
+      std::tuple(&TruncateRecord::length, &TruncateRecord::pathLength, &TruncateRecord::result);
   static constexpr auto kStrings = std::tuple(&TruncateRecord::pathLength);
 };
 static_assert(wireSize<TruncateRecord>() == 16);
@@ -199,8 +199,8 @@ struct TwoPathRecord {
   std::int32_t result;
   std::uint16_t firstLength;
   std::uint16_t secondLength;
-  static constexpr auto kFields = std::tuple(&TwoPathRecord::result, &TwoPathRecord::firstLength,
-                                             &TwoPathRecord::secondLength);
+  static constexpr auto kFields =
+      std::tuple(&TwoPathRecord::result, &TwoPathRecord::firstLength, &TwoPathRecord::secondLength);
   static constexpr auto kStrings =
       std::tuple(&TwoPathRecord::firstLength, &TwoPathRecord::secondLength);
 };

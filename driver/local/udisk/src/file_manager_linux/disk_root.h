@@ -1,0 +1,127 @@
+// The mount point of a disk, held open while one request is served, and the
+// places below it that remote paths name.
+//
+// Nothing that goes through these types leaves the mount point: not by
+// dot-dot, not by a symbolic link on the disk, not by a magic link, and not in
+// a race with somebody who renames directories meanwhile. The kernel resolves
+// every path in one step from the open mount point (openat2); on a kernel
+// without that call the path is walked component by component and symbolic
+// links are refused.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "unique_fd.h"
+
+namespace zor {
+
+/// What tells a mount point's disk from whatever shows there once it is gone.
+struct MountIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const MountIdentity&) const = default;
+};
+
+/// One thread at a time. Opened per request and closed with it: a descriptor
+/// that stayed open would keep the disk from being unmounted.
+class DiskRoot {
+ public:
+  /// Opens the directory `mountPoint`, of at most 255 bytes. An empty one is
+  /// refused: there is no disk.
+  explicit DiskRoot(const char* mountPoint);
+  DiskRoot(DiskRoot&&) = default;
+
+  /// 0, or the errno with which everything below this root fails.
+  int error() const noexcept { return mError; }
+  void refuse(int error) noexcept { mError = error; }
+
+  const MountIdentity& identity() const noexcept { return mIdentity; }
+  int fd() const noexcept { return mFd.get(); }
+
+  /// The local path as it is written in log lines: both texts, nothing between.
+  std::string localPath(std::string_view remotePath) const;
+  /// Whether `localPath` of that text names something below the mount point,
+  /// rather than a neighbour whose name begins alike; and whether it is short
+  /// enough for the system.
+  int checkText(std::string_view remotePath) const noexcept;
+
+  /// Opens `path`, relative to the root. Symbolic links are followed as far as
+  /// they stay inside (not at all without openat2).
+  UniqueFd open(const char* path, int flags, mode_t mode = 0) const;
+  /// A descriptor for use with the *at calls. It stays valid until the second
+  /// next call: two places may be in use at a time.
+  int openParent(std::string_view parent);
+
+  /// Makes every root of the process walk paths as on a kernel without openat2.
+  static void forceComponentWalk(bool forced) noexcept;
+
+ private:
+  struct Parent {
+    std::string path;
+    UniqueFd fd;
+  };
+
+  UniqueFd walk(const char* path, int flags, mode_t mode) const;
+
+  char mMountPoint[256] = {};
+  std::size_t mMountPointLength = 0;
+  UniqueFd mFd;
+  MountIdentity mIdentity;
+  int mError = 0;
+  std::array<Parent, 2> mParents;
+  std::size_t mNextParent = 0;
+};
+
+/// A place for a file operation: below a `DiskRoot`, or a complete local path
+/// that the caller vouches for. Handlers can only make the former from what a
+/// peer sent. Lives on the stack of one operation.
+class Location {
+ public:
+  /// `path` must outlive this object.
+  explicit Location(const char* localPath) noexcept : mPath(localPath) {}
+  /// `root` must outlive this object.
+  Location(DiskRoot& root, std::string_view remotePath) noexcept;
+  Location(const Location&) = delete;
+  Location& operator=(const Location&) = delete;
+
+  /// 0, or the errno that the operation is to fail with.
+  int error() const noexcept { return mError; }
+  bool confined() const noexcept { return mRoot != nullptr; }
+  DiskRoot* root() const noexcept { return mRoot; }
+  /// Relative to the root, or the local path.
+  const char* path() const noexcept { return mPath; }
+
+  /// A name in an open directory. `dirFd` is -1 (and errno set) when there is no
+  /// such directory. The name itself may still be a symbolic link: operate on
+  /// it without following.
+  struct Entry {
+    int dirFd;
+    const char* name;
+    explicit operator bool() const noexcept { return dirFd != -1; }
+  };
+  Entry entry() const;
+
+  /// Opens the place itself, following symbolic links.
+  UniqueFd open(int flags, mode_t mode = 0) const;
+
+  /// A trailing slash: only a directory will do.
+  bool directoryOnly() const noexcept { return mDirectoryOnly; }
+
+ private:
+  Entry wholeAsDirectory() const;
+
+  DiskRoot* mRoot = nullptr;
+  const char* mPath;
+  int mError = 0;
+  bool mDirectoryOnly = false;
+  char mText[PATH_MAX];  // deliberately not initialised
+};
+
+}  // namespace zor

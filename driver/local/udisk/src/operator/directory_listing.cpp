@@ -1,0 +1,90 @@
+// Commands 107 (listing) and 121 (has it changed?).
+#include <cstdlib>
+#include <string>
+
+#include "compare_cache.h"
+#include "morvel_log.h"
+#include "reply.h"
+#include "request.h"
+#include "udisk_operator.h"
+
+namespace zor {
+namespace {
+
+// A listing that frees its buffer. Stays empty when the directory cannot be listed.
+struct Listing : _UDISK_DIR_ATTR {
+  Listing() : _UDISK_DIR_ATTR{} {}
+  ~Listing() { std::free(entries); }
+  Listing(const Listing&) = delete;
+  Listing& operator=(const Listing&) = delete;
+
+  wire::Bytes bytes() const noexcept {
+    return {reinterpret_cast<const std::byte*>(entries), bufferLength};
+  }
+};
+
+Reply listingReply(Request<wire::DirRecord>& request, unsigned char headerLength,
+                   const Listing& listing) {
+  request.record.listingLength = listing.bufferLength;
+  request.record.entryCount = static_cast<std::uint16_t>(listing.entryCount);
+  Reply answer(
+      request.packet(), headerLength,
+      wire::wireSize<wire::DirRecord>() + request.path().received.size() + listing.bufferLength);
+  answer.add(request.record).add(request.path().received).add(listing.bytes());
+  return answer;
+}
+
+}  // namespace
+
+int UDiskOperator::dir_read(unsigned char headerLength, ZorPacket* packet) {
+  Request<wire::DirRecord> request(*packet);
+  if (!request) return -1;
+  const PeerString& path = request.path();
+  MORVEL_DEBUG(kLogFrequent, "dir_read dir: %s, size:%d\n", std::string(path.text).c_str(),
+               request.record.pathLength);
+  if (!path.whole()) {
+    MORVEL_ERROR("dir_read dir not match\n");
+    return -1;
+  }
+  DiskRoot disk = openDisk(*packet);
+  MORVEL_DEBUG(kLogFrequent, "dir_read full path: %s\n", disk.localPath(path.text).c_str());
+  Listing listing;
+  mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
+  Reply answer = listingReply(request, headerLength, listing);
+  MORVEL_DEBUG(kLogFrequent, "dir_read send back size: %d\n", static_cast<int>(answer.size()));
+  return reply(*packet, answer);
+}
+
+int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
+  Request<wire::DirRecord> request(*packet);
+  wire::Bytes cached;
+  if (!request || !request.data(request.record.listingLength, cached)) return -1;
+  const PeerString& path = request.path();
+  MORVEL_DEBUG(kLogDebug, "cache_file_count:%d", request.record.entryCount);
+  MORVEL_DEBUG(kLogDebug, "check_dir dir: %s, size:%d\n", std::string(path.text).c_str(),
+               request.record.pathLength);
+  if (!path.whole()) {
+    MORVEL_ERROR("check dir not match\n");
+    return -1;
+  }
+  DiskRoot disk = openDisk(*packet);
+  MORVEL_DEBUG(kLogDebug, "check dir full path: %s\n", disk.localPath(path.text).c_str());
+  Listing listing;
+  mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
+
+  // A cached listing that makes no sense describes no directory: its holder
+  // gets the fresh one.
+  const std::optional<ListingEntries> old =
+      ListingEntries::parse(cached, request.record.entryCount);
+  const std::optional<ListingEntries> now =
+      ListingEntries::parse(listing.bytes(), listing.entryCount);
+  if (old && now && sameListing(*old, *now)) {
+    MORVEL_DEBUG(kLogDebug, "========== not update==========");
+    return -1;
+  }
+  Reply answer = listingReply(request, headerLength, listing);
+  MORVEL_DEBUG(kLogDebug, "check_dir send back size: %d\n", static_cast<int>(answer.size()));
+  return reply(*packet, answer);
+}
+
+}  // namespace zor

@@ -1,0 +1,48 @@
+// Command 105: reading a piece of a file.
+#include <algorithm>
+#include <string>
+
+#include "morvel_log.h"
+#include "protocol/commands.h"
+#include "reply.h"
+#include "request.h"
+#include "trace_message.h"
+#include "udisk_operator.h"
+
+namespace zor {
+
+int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
+  Request<wire::FileReadRecord> request(*packet);
+  if (!request) return -1;
+  wire::FileReadRecord& record = request.record;
+  const PeerString& path = request.path();
+  limitReadRate(record.size, PeriodStart::kWithThisRead);
+  DiskRoot disk = openDisk(*packet);
+
+  // The contents are read to where they are sent from.
+  Reply answer(*packet, headerLength,
+               wire::wireSize<wire::FileReadRecord>() + path.received.size());
+  answer.add(record).add(path.received);
+  const int count = mFileManager->UdiskReadFile(Location(disk, path.text), record.offset,
+                                                std::min(record.size, wire::kMaxReadSize), answer);
+  if (count < 0) MORVEL_ERROR("file_read failed res: %d, \n", -1);
+  if (const std::string context(path.text); isTraced(context)) {
+    if (count >= 0) {
+      TraceZorDevice("UDISK_READ_FILE_SUCCESS", mDevice, true,
+                     UDISK_TRACE_MESSAGE("udisk readFile success"), context, "");
+    } else {
+      TraceZorDevice("UDISK_READ_FILE_FAIL", mDevice, false,
+                     UDISK_TRACE_MESSAGE("udisk readFile fail"), context, "");
+      mDevice->NotifyReadFailure(context);
+    }
+  }
+  record.size = static_cast<std::uint32_t>(std::max(count, 0));
+  answer.rewrite(0, record);
+  if (record.size > 0) answer.commit(record.size);
+  MORVEL_DEBUG(kLogFrequent, "file_read send back size:%d, buf length: %d, offset: %llu",
+               static_cast<int>(answer.size()), static_cast<int>(record.size),
+               static_cast<unsigned long long>(record.offset));
+  return reply(*packet, answer);
+}
+
+}  // namespace zor

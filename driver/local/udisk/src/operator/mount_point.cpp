@@ -1,0 +1,107 @@
+// Where the disk is: the mount point that every remote path is mapped below.
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "morvel_log.h"
+#include "udisk_operator.h"
+
+namespace zor {
+
+int UDiskOperator::resetRootPath() {
+  const std::lock_guard lock(mMountMutex);
+  std::memset(mMountPoint, 0, sizeof mMountPoint);
+  mStatvfsList.clear();
+  mMountIdentity.reset();
+  ++mMountGeneration;
+  return -1;
+}
+
+int UDiskOperator::SetRootPath(char* letter, char* label) {
+  if (letter == nullptr || label == nullptr) return resetRootPath();
+  const std::size_t letterLength = std::strlen(letter);
+  const std::size_t labelLength = std::strlen(label);
+  if (letterLength >= sizeof mMountPoint || labelLength >= sizeof mMountPoint - letterLength) {
+    MORVEL_ERROR("mount point is longer than %d characters: %s%s",
+                 static_cast<int>(sizeof mMountPoint) - 1, letter, label);
+    return resetRootPath();
+  }
+  LabelRecord record(
+      static_cast<udisk_label_statvfs*>(std::calloc(1, sizeof(udisk_label_statvfs))));
+  if (!record) {
+    MORVEL_ERROR("no memory for the statistics of %s%s", letter, label);
+    return resetRootPath();
+  }
+  std::memcpy(record->label, label, std::min(labelLength, sizeof record->label));
+
+  std::uint64_t generation = 0;
+  {
+    const std::lock_guard lock(mMountMutex);
+    std::memset(mMountPoint, 0, sizeof mMountPoint);
+    std::memcpy(mMountPoint, letter, letterLength);
+    std::memcpy(mMountPoint + letterLength, label, labelLength);
+    mMountIdentity.reset();
+    generation = ++mMountGeneration;
+  }
+  const std::string mountPoint = std::string(letter) + label;
+  MORVEL_DEBUG(kLogDebug, "letter: %s, mMountPoint: %s, label: %s\n", letter, mountPoint.c_str(),
+               label);
+  MORVEL_DEBUG(kLogDebug, "==============letter:%s\n", mountPoint.c_str());
+  mFileManager->UdiskGetStatvfs(openMountPoint(), &record->statistics);
+
+  const std::lock_guard lock(mMountMutex);
+  // Set or reset again meanwhile: the record describes what is no longer there.
+  if (generation == mMountGeneration) mStatvfsList.push_back(std::move(record));
+  return 0;
+}
+
+DiskRoot UDiskOperator::openMountPoint() {
+  char mountPoint[sizeof mMountPoint];
+  std::uint64_t generation = 0;
+  {
+    const std::lock_guard lock(mMountMutex);
+    std::memcpy(mountPoint, mMountPoint, sizeof mountPoint);
+    generation = mMountGeneration;
+  }
+  DiskRoot root(mountPoint);
+  if (root.error() != 0) return root;
+
+  const std::lock_guard lock(mMountMutex);
+  if (generation != mMountGeneration) {
+    root.refuse(ENODEV);
+  } else if (!mMountIdentity) {
+    mMountIdentity = root.identity();
+  } else if (*mMountIdentity != root.identity()) {
+    MORVEL_ERROR("the disk at %s is gone, another file system shows there", mountPoint);
+    root.refuse(EIO);
+  }
+  return root;
+}
+
+DiskRoot UDiskOperator::openDisk(const ZorPacket& request) {
+  DiskRoot root = openMountPoint();
+  const Operation* operation = findOperation(request.GetCmd());
+  if (root.error() == 0 && mReadOnly && operation != nullptr && operation->changesDisk) {
+    root.refuse(EROFS);
+  }
+  return root;
+}
+
+std::string UDiskOperator::GetRemoteMountPoint() {
+  std::string drive = GetDrvName();
+  MORVEL_DEBUG(kLogDebug, "remote mMountDrive:%s", drive.c_str());
+  return drive;
+}
+
+std::string UDiskOperator::GetLocalMountPoint() {
+  std::string mountPoint;
+  {
+    const std::lock_guard lock(mMountMutex);
+    mountPoint = mMountPoint;
+  }
+  MORVEL_DEBUG(kLogDebug, "local mMountDrive:%s", mountPoint.c_str());
+  return mountPoint;
+}
+
+}  // namespace zor

@@ -1,0 +1,100 @@
+// Commands 100 (mount), 101 (unmount) and 200 (the remote side's drive).
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "morvel_log.h"
+#include "reply.h"
+#include "request.h"
+#include "trace_message.h"
+#include "udisk_operator.h"
+
+namespace zor {
+namespace {
+
+// One plain component; anything else could create a directory elsewhere.
+bool isPlainName(const PeerString& name) noexcept {
+  return name.whole() && !name.text.empty() && name.text != "." && name.text != ".." &&
+         name.text.find('/') == std::string_view::npos;
+}
+
+// Empty when the password database does not know the user.
+std::string homeDirectory() {
+  const long hint = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> memory(hint > 0 ? static_cast<std::size_t>(hint) : 16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  ::getpwuid_r(::getuid(), &entry, memory.data(), memory.size(), &found);
+  return found != nullptr && found->pw_dir != nullptr ? found->pw_dir : "";
+}
+
+void mountDirectory(const std::string& name, char (&path)[256]) {
+  const std::string home = ::getuid() != 0 ? homeDirectory() : "";
+  if (home.empty()) {
+    std::snprintf(path, sizeof path, "/media/%s", name.c_str());
+  } else {
+    std::snprintf(path, sizeof path, "%s%s%s", home.c_str(), "/", name.c_str());
+  }
+}
+
+}  // namespace
+
+int UDiskOperator::mountEcho(unsigned char headerLength,
+                             const Request<wire::MountNameRecord>& request) {
+  const std::string_view name = request.path().received;
+  Reply answer(request.packet(), headerLength,
+               wire::wireSize<wire::MountNameRecord>() + name.size());
+  answer.add(request.record).add(name);
+  return reply(request.packet(), answer);
+}
+
+int UDiskOperator::mount_remote(unsigned char headerLength, ZorPacket* packet) {
+  const Request<wire::MountNameRecord> request(*packet);
+  if (!request) return -1;
+  if (isPlainName(request.path())) {
+    char path[256] = {};
+    mountDirectory(std::string(request.path().text), path);
+    struct stat status {};
+    if (::stat(path, &status) != 0 || !S_ISDIR(status.st_mode)) {
+      const int result = ::mkdir(path, 0777);
+      MORVEL_DEBUG(kLogDebug, "mkdir res: %d", result);
+    }
+    SetRootPath(path, nullptr);
+    MORVEL_DEBUG(kLogDebug, "mount path: %s\n", path);
+  } else {
+    MORVEL_ERROR("mount name is not a plain name: %s", std::string(request.path().text).c_str());
+    SetRootPath(nullptr, nullptr);
+  }
+  return mountEcho(headerLength, request);
+}
+
+int UDiskOperator::umount_remote(unsigned char headerLength, ZorPacket* packet) {
+  const Request<wire::MountNameRecord> request(*packet);
+  if (!request) return -1;
+  SetRootPath(nullptr, nullptr);
+  return mountEcho(headerLength, request);
+}
+
+int UDiskOperator::mount_response(unsigned char /*headerLength*/, ZorPacket* packet) {
+  MORVEL_DEBUG(kLogDebug, "vmId: %d", vmId);
+  const Request<wire::MountResponseRecord> request(*packet);
+  if (!request) return -1;
+  const std::string drive(request.strings[0].text);
+  const std::string label(request.strings[1].text);
+  MORVEL_DEBUG(kLogDebug, "mount_response header_len: %d, label: %s, drive: %s\n",
+               static_cast<int>(wire::wireSize<wire::MountResponseRecord>()), label.c_str(),
+               drive.c_str());
+  {
+    const std::lock_guard lock(mMountMutex);
+    mMountDrive = drive;
+  }
+  TraceZorDevice("DEVICE_OPEN", mDevice, true,
+                 UDISK_TRACE_MESSAGE("udisk create success RemoteMountPoint:" + drive), "", "");
+  return -1;
+}
+
+}  // namespace zor

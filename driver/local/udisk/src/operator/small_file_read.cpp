@@ -1,0 +1,95 @@
+// Command 123: pieces of several files in one reply.
+#include <string>
+
+#include "morvel_log.h"
+#include "protocol/commands.h"
+#include "reply.h"
+#include "request.h"
+#include "udisk_operator.h"
+
+namespace zor {
+namespace {
+
+// A request for more than this is refused whole.
+constexpr std::uint64_t kMaxBatchSize = 64U << 20;
+
+struct SmallFileEntry {
+  wire::FileReadRecord record;
+  PeerString file_name;
+};
+
+// 0, or what the handler returns for a request that is refused.
+int readEntry(wire::Cursor& cursor, SmallFileEntry& entry) {
+  const std::size_t remaining = cursor.rest().size();
+  if (!cursor.get(entry.record)) {
+    MORVEL_ERROR("small_file_read remaining %d, \n", static_cast<int>(remaining));
+    return -2;
+  }
+  const std::uint32_t length = entry.record.pathLength;
+  if (length == 0 || length > cursor.rest().size()) return -3;
+  entry.file_name = PeerString(cursor.take(length));
+  return 0;
+}
+
+}  // namespace
+
+int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet) {
+  constexpr std::size_t kFixed = wire::wireSize<wire::FileReadRecord>();
+  MORVEL_DEBUG(kLogFrequent, "small_file_read entry, \n");
+  const wire::Bytes payload = payloadOf(*packet);
+  wire::Cursor cursor(payload);
+  wire::SmallFileRecord batch{};
+  if (!cursor.get(batch)) {
+    MORVEL_ERROR("small_file_read payload_length %d, \n", static_cast<int>(payload.size()));
+    return -1;
+  }
+  MORVEL_DEBUG(kLogFrequent, "small_file_read num_records %d, \n",
+               static_cast<int>(batch.num_records));
+
+  // Every record is looked at before any file is touched. They are read twice
+  // rather than kept: a list of them could be larger than the request.
+  DiskRoot disk = openDisk(*packet);
+  std::uint64_t requested = headerLength;  // what the limiter and the log count
+  std::uint64_t names = 0;
+  wire::Cursor check = cursor;
+  SmallFileEntry entry{};
+  for (std::uint32_t i = 0; i < batch.num_records; ++i) {
+    if (const int refusal = readEntry(check, entry); refusal != 0) return refusal;
+    const wire::FileReadRecord& record = entry.record;
+    MORVEL_DEBUG(kLogFrequent,
+                 "small_file_read file_name %s path %s offset %d buflen %d filename_length %d, \n",
+                 std::string(entry.file_name.text).c_str(),
+                 disk.localPath(entry.file_name.text).c_str(), static_cast<int>(record.offset),
+                 static_cast<int>(record.size), static_cast<int>(record.pathLength));
+    names += kFixed + record.pathLength;
+    requested += std::uint64_t{kFixed} + record.pathLength + record.size;
+  }
+  if (requested > kMaxBatchSize) {
+    reportMalformed(*packet);
+    return -1;
+  }
+
+  Reply answer(*packet, headerLength, wire::wireSize<wire::SmallFileRecord>() + names);
+  answer.add(batch);
+  for (std::uint32_t i = 0; i < batch.num_records && readEntry(cursor, entry) == 0; ++i) {
+    wire::FileReadRecord block{entry.record.offset, 0, 0, entry.record.pathLength, 0};
+    const std::size_t at = answer.size() - headerLength;
+    answer.add(block).add(entry.file_name.received);
+    const int count = mFileManager->UdiskReadFile(Location(disk, entry.file_name.text),
+                                                  block.offset, entry.record.size, answer);
+    if (count < 0) MORVEL_ERROR("file_read failed res: %d, \n", 0);
+    if (count > 0) {
+      block.size = static_cast<std::uint32_t>(count);
+      answer.rewrite(at, block);
+      answer.commit(block.size);
+    }
+    MORVEL_DEBUG(kLogFrequent, "file_read send back size:%d, buf length: %d, offset: %llu",
+                 static_cast<int>(requested), static_cast<int>(block.size),
+                 static_cast<unsigned long long>(block.offset));
+  }
+  limitReadRate(static_cast<std::uint32_t>(requested), PeriodStart::kEmpty);
+  reply(*packet, answer);
+  return 0;
+}
+
+}  // namespace zor

@@ -1,0 +1,33 @@
+// Reports of notable moments to the device's trace sink.
+#include "trace_keys.h"
+#include "udisk_operator.h"
+#include "zor_tracer.h"
+
+namespace zor {
+
+void UDiskOperator::TraceZorDevice(std::string eventName, ZorDevice* device, bool success,
+                                   std::string message, const std::string& context,
+                                   const std::string& /*extra*/) {
+  if (device == nullptr) return;
+  const std::shared_ptr<ZorDevBase> base = device->GetDevBase();
+  if (!base) return;
+  const std::string name = "LOCAL_" + eventName;
+  const TraceAttributes attributes = {{kTraceKeys[kTraceKeyStatus], success ? "success" : "error"},
+                                      {kTraceKeys[kTraceKeyMessage], std::move(message)},
+                                      {kTraceKeys[kTraceKeySuccess], success ? "true" : "false"},
+                                      {kTraceKeys[kTraceKeyProductName], GetLocalMountPoint()}};
+  const std::string id = ZorTracer::GetInstance().GenerateTraceId();
+  if (context.empty()) {
+    base->TraceEvent(id, name, attributes);
+  } else {
+    base->TraceEvent(id, context, name, attributes);
+  }
+}
+
+bool UDiskOperator::isTraced(const std::string& path) {
+  const std::shared_ptr<ZorDevBase> base = mDevice->GetDevBase();
+  const std::shared_ptr<ZorPathTable> table = base ? base->GetPathTable() : nullptr;
+  return table && table->Lookup(path) != nullptr;
+}
+
+}  // namespace zor

@@ -1,0 +1,179 @@
+// The object that serves the remote side of one redirected disk.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "file_manager_linux/file_manager_linux.h"
+#include "operation.h"
+#include "protocol/records.h"
+#include "zor_device.h"
+#include "zor_driver.h"
+#include "zor_packet.h"
+
+namespace zor {
+
+class Reply;
+template <wire::Record R>
+class Request;
+
+/// Milliseconds since the Unix epoch, from the wall clock.
+std::int64_t getCurrentTime();
+
+/// 1 when the path's suffix is one of those whose files may be made longer
+/// than `kTruncateLimit`, else 0.
+int check_microsoft_suffix(char* path);
+
+/// The statistics of the disk as they were last read, under its label.
+struct udisk_label_statvfs {
+  char label[256];  ///< padded with zero bytes; a label of 256 bytes fills it
+  udisk_statvfs statistics;
+};
+
+/// What the framework sees of a disk's operator, beside its identity.
+class UdiskOperatorInf : public DriverObj {
+ public:
+  ~UdiskOperatorInf() override;
+  /// The drive name that the remote side reported; empty before that.
+  virtual std::string GetRemoteMountPoint() = 0;
+  /// Where the disk is mounted here; empty after a reset.
+  virtual std::string GetLocalMountPoint() = 0;
+};
+
+/// Threads: `EventHandle` and every handler on the driver's data-event thread,
+/// one request at a time; `BusEventHandle` on the framework's bus-event thread;
+/// `SetRootPath`, `SetReadOnly`, `TraceZorDevice` and the accessors on any.
+///
+/// A handler takes (header length, request) and returns what sending its reply
+/// returned, or a negative value when it sent none. The request stays the
+/// caller's and is only read. Nobody needs the result.
+class UDiskOperator : public UdiskOperatorInf {
+ public:
+  explicit UDiskOperator(ZorDevice* device);  ///< `device` must outlive the operator
+  ~UDiskOperator() override;
+  UDiskOperator(const UDiskOperator&) = delete;
+  UDiskOperator& operator=(const UDiskOperator&) = delete;
+
+  int GetCID() override { return 0; }
+  int GetVid() override { return 0; }
+  int GetPid() override { return 0; }
+  std::string GetDrvName() override;
+  std::uint8_t GetDevId() override;
+  void Stop() override {}
+  std::string GetRemoteMountPoint() override;
+  std::string GetLocalMountPoint() override;
+
+  /// Every command of the protocol, in the order of the codes (dispatch.cpp).
+  static std::span<const Operation> Operations() noexcept;
+
+  /// Serves one request (dispatch.cpp). Never throws.
+  void EventHandle(std::unique_ptr<ZorPacket> packet) noexcept;
+  /// Takes in a bandwidth announcement (bandwidth.cpp). Always 0.
+  int BusEventHandle(std::shared_ptr<ZorPacket> packet);
+
+  /// Sets the mount point to `letter` + `label` and returns 0; with a null
+  /// argument, or a result that does not fit, resets it and returns -1. While
+  /// there is no mount point every request fails (mount_point.cpp).
+  int SetRootPath(char* letter, char* label);
+  /// From now on every command that would change the disk fails as on a
+  /// write-protected one.
+  void SetReadOnly(bool readOnly) noexcept { mReadOnly = readOnly; }
+
+  /// Reports an event to the device's trace sink. `extra` is not used (trace.cpp).
+  void TraceZorDevice(std::string eventName, ZorDevice* device, bool success, std::string message,
+                      const std::string& context, const std::string& extra);
+
+  // mount_requests.cpp
+  int mount_remote(unsigned char headerLength, ZorPacket* request);
+  int umount_remote(unsigned char headerLength, ZorPacket* request);
+  int mount_response(unsigned char headerLength, ZorPacket* request);
+  // attribute_queries.cpp
+  int get_file_attr(unsigned char headerLength, ZorPacket* request);
+  int get_xattr(unsigned char headerLength, ZorPacket* request);
+  int get_statvfs(unsigned char headerLength, ZorPacket* request);
+  // file_create.cpp
+  int file_create(unsigned char headerLength, ZorPacket* request);
+  int file_open(unsigned char headerLength, ZorPacket* request);
+  // file_read.cpp, file_write.cpp, small_file_read.cpp
+  int file_read(unsigned char headerLength, ZorPacket* request);
+  int file_write(unsigned char headerLength, ZorPacket* request);
+  int small_file_read(unsigned char headerLength, ZorPacket* request);
+  // directory_listing.cpp
+  int dir_read(unsigned char headerLength, ZorPacket* request);
+  int check_dir(unsigned char headerLength, ZorPacket* request);
+  // attribute_changes.cpp
+  int file_truncate(unsigned char headerLength, ZorPacket* request);
+  int file_fsync(unsigned char headerLength, ZorPacket* request);
+  int file_chmod(unsigned char headerLength, ZorPacket* request);
+  int file_chown(unsigned char headerLength, ZorPacket* request);
+  // handle_operations.cpp
+  int file_flush(unsigned char headerLength, ZorPacket* request);
+  int file_release(unsigned char headerLength, ZorPacket* request);
+  // namespace_changes.cpp
+  int make_dir(unsigned char headerLength, ZorPacket* request);
+  int remove_dir(unsigned char headerLength, ZorPacket* request);
+  int set_link(unsigned char headerLength, ZorPacket* request);
+  int set_unlink(unsigned char headerLength, ZorPacket* request);
+  int set_rename(unsigned char headerLength, ZorPacket* request);
+
+  /// Whether the cached listing still describes the directory: the same names,
+  /// sizes and modification times in whole seconds, in any order.
+  /// REQUIRES: both listings hold that many entries, all well-formed
+  /// (compare_cache.cpp).
+  bool compare_cache(int cachedCount, int currentCount, unsigned char* cached,
+                     unsigned char* current);
+
+ private:
+  friend struct UDiskOperatorPeek;  // tests look at the state that has no accessor
+
+  struct FreeDeleter {
+    void operator()(void* memory) const noexcept;
+  };
+  using LabelRecord = std::unique_ptr<udisk_label_statvfs, FreeDeleter>;
+
+  /// Whether a read opens the new period of the limiter or only ends the old one.
+  enum class PeriodStart { kWithThisRead, kEmpty };
+
+  int resetRootPath();
+  /// The mount point, open for the request at hand. Everything below it fails
+  /// when there is no mount point, when another file system shows in its place,
+  /// or when the request would change a read-only disk.
+  DiskRoot openDisk(const ZorPacket& request);
+  DiskRoot openMountPoint();
+  int reply(const ZorPacket& request, Reply& reply);
+  int echo(const ZorPacket& request);
+  int mountEcho(unsigned char headerLength, const Request<wire::MountNameRecord>& request);
+  bool isTraced(const std::string& path);
+  void limitReadRate(std::uint32_t count, PeriodStart start);
+
+  ZorDevice* mDevice;
+  std::unique_ptr<FileManagerLinux> mFileManager;
+  std::int32_t vmId = 0;
+  char mMountPoint[256] = "/media/";
+  std::string mMountDrive;
+  std::list<LabelRecord> mStatvfsList;
+  std::int32_t mDiskChanged = 0;  ///< data-event thread only
+  std::atomic<std::uint32_t> mBandwidth{0};
+  std::atomic<std::int64_t> mReadTime{0};
+  std::atomic<std::int64_t> mBandwidthTime{0};
+  std::int64_t mBandwidthTraceTime = 0;  ///< bus-event thread only, as the next
+  std::int64_t mBandwidthCheckTime = 0;
+  std::uint32_t mWindowBytes = 0;  ///< data-event thread only, as the next
+  std::int64_t mRelishTime = 0;
+
+  std::atomic<bool> mReadOnly{false};
+  /// Guards mMountPoint, mMountDrive, mStatvfsList and the two below; never
+  /// held over a file-system call.
+  std::mutex mMountMutex;
+  std::optional<MountIdentity> mMountIdentity;  ///< of the mount point's first use
+  std::uint64_t mMountGeneration = 0;           ///< counts the settings of mMountPoint
+};
+
+}  // namespace zor

@@ -1,0 +1,62 @@
+// From the framework's threads to the data-event thread.
+#include <chrono>
+
+#include "morvel_log.h"
+#include "operator/udisk_operator.h"
+#include "udisk_driver.h"
+
+namespace zor {
+
+int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
+  MORVEL_DEBUG(kLogFrequent, "udisk client OnEvent\n");
+  if (!packet) return 0;
+  if (const int own = mDevice->GetDevId(), other = packet->GetDevId(); own != other) {
+    MORVEL_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own, other);
+    return -1;
+  }
+  const std::lock_guard lock(mMutex);
+  if (mQueue != nullptr && !mStop) {
+    g_queue_push_tail(mQueue, packet.release());
+    mCond.notify_one();
+  }
+  return 0;
+}
+
+int UDiskDriver::onBusEvent(std::shared_ptr<ZorPacket> packet) {
+  if (!packet) return 0;
+  MORVEL_DEBUG(kLogFrequent, "client-busevent getPacket devId=%u,reqID=%u \n",
+               unsigned{packet->GetDevId()}, packet->GetRequestId());
+  if (mOperator) mOperator->BusEventHandle(packet);
+  return 0;
+}
+
+int UDiskDriver::OnEvent(signed char devId, int, unsigned char* /*data*/, int /*length*/) {
+  if (static_cast<std::uint8_t>(devId) == mDevice->GetDevId()) return 0;
+  MORVEL_ERROR("this msg is invalid\n");
+  return -1;
+}
+
+void UDiskDriver::DataEventHandle() {
+  while (true) {
+    std::unique_ptr<ZorPacket> packet;
+    {
+      std::unique_lock lock(mMutex);
+      if (g_queue_is_empty(mQueue)) {
+        mCond.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
+      }
+      if (mStop) {
+        while (!g_queue_is_empty(mQueue)) {
+          packet.reset(static_cast<ZorPacket*>(g_queue_pop_head(mQueue)));
+        }
+        return;
+      }
+      if (!g_queue_is_empty(mQueue)) {
+        MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");
+        packet.reset(static_cast<ZorPacket*>(g_queue_pop_head(mQueue)));
+      }
+    }
+    if (packet) mOperator->EventHandle(std::move(packet));
+  }
+}
+
+}  // namespace zor

@@ -1,0 +1,91 @@
+#include "udisk_driver.h"
+
+#include <cstdio>
+
+#include "morvel_log.h"
+#include "operator/trace_message.h"
+#include "operator/udisk_operator.h"
+#include "service/udisk_service.h"
+
+namespace zor {
+
+UDiskDriver::UDiskDriver(ZorDevice* device, const char* params) : mDevice(device) {
+  if (params != nullptr) storePolicy(params);
+}
+
+UDiskDriver::~UDiskDriver() = default;
+
+int UDiskDriver::Init() {
+  MORVEL_DEBUG(kLogDebug, "client udisk init\n");
+  mOperator = std::make_shared<UDiskOperator>(mDevice);
+  mStop = false;
+  mQueue = g_queue_new();
+  if (mQueue == nullptr) {
+    mOperator.reset();
+    return -1;
+  }
+  mDataThread = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
+  MORVEL_DEBUG(kLogDebug, "client udisk init service\n");
+  mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
+  if (mService->StartLoop() == -1) {
+    mService.reset();
+    stopDataThread();
+    freeQueue();
+    mOperator.reset();
+    return -1;
+  }
+  mOperator->TraceZorDevice("UDISK_DRIVER_OPEN", mDevice, true,
+                            UDISK_TRACE_MESSAGE("udisk driver open success"), "", "");
+  MORVEL_DEBUG(kLogDebug, "client udisk init success\n");
+  return 0;
+}
+
+int UDiskDriver::Close(signed char /*reason*/) {
+  MORVEL_DEBUG(kLogDebug, "udisk client close\n");
+  if (mService) {
+    mService->StopLoop();
+    mService.reset();
+  }
+  stopDataThread();
+  freeQueue();
+  if (mOperator) {
+    mOperator->TraceZorDevice("UDISK_DRIVER_CLOSE", mDevice, true,
+                              UDISK_TRACE_MESSAGE("udisk driver close success"), "", "");
+    mOperator.reset();
+  }
+  MORVEL_DEBUG(kLogDebug, "udisk client close out\n");
+  return 0;
+}
+
+void UDiskDriver::stopDataThread() {
+  if (!mDataThread) return;
+  mStop = true;
+  {
+    const std::lock_guard lock(mMutex);
+    mCond.notify_one();
+  }
+  mDataThread->join();
+  mDataThread.reset();
+}
+
+void UDiskDriver::freeQueue() {
+  const std::lock_guard lock(mMutex);
+  if (mQueue == nullptr) return;
+  g_queue_free(mQueue);
+  mQueue = nullptr;
+}
+
+int UDiskDriver::onPolicyChange(const std::string& policy) {
+  storePolicy(policy.c_str());
+  return 0;
+}
+
+int UDiskDriver::policy_setting(const char* /*policy*/) { return 0; }
+
+void UDiskDriver::storePolicy(const char* policy) noexcept {
+  std::snprintf(mPolicy, sizeof mPolicy, "%s", policy);
+}
+
+std::shared_ptr<DriverObj> UDiskDriver::GetDriverObj() { return mOperator; }
+
+}  // namespace zor

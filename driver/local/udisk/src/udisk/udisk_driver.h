@@ -1,0 +1,70 @@
+// The driver of one redirected disk: takes the framework's events in and owns
+// everything that serves them.
+#pragma once
+
+#include <glib.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "zor_device.h"
+#include "zor_driver.h"
+#include "zor_packet.h"
+
+namespace zor {
+
+class UDiskOperator;
+class UDiskService;
+
+/// Init, Close, the destructor and the policy operations run on the
+/// framework's thread; the event callbacks on any of its threads. `Close` must
+/// precede the destruction of a driver that `Init` started.
+class UDiskDriver : public ZorRawDriver {
+ public:
+  /// `device` is not owned; of `params` the first 127 characters are kept.
+  UDiskDriver(ZorDevice* device, const char* params);
+  ~UDiskDriver() override;
+  UDiskDriver(const UDiskDriver&) = delete;
+  UDiskDriver& operator=(const UDiskDriver&) = delete;
+
+  /// Creates the operator, the data-event thread and the service. 0, or -1 with
+  /// everything undone. A thread that the system refuses throws.
+  int Init();
+  int Close(signed char reason) override;
+  int onPolicyChange(const std::string& policy) override;
+  int policy_setting(const char* policy);
+  std::shared_ptr<DriverObj> GetDriverObj() override;
+
+  // event_intake.cpp
+  int onEvent(std::unique_ptr<ZorPacket> packet, int flags) override;
+  int onBusEvent(std::shared_ptr<ZorPacket> packet) override;
+  int OnEvent(signed char devId, int, unsigned char* data, int length);
+  /// Body of the data-event thread: serves the queue, in order, until the stop.
+  void DataEventHandle();
+
+ private:
+  friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
+
+  void storePolicy(const char* policy) noexcept;
+  void stopDataThread();
+  void freeQueue();
+
+  std::shared_ptr<UDiskOperator> mOperator;
+  GQueue* mQueue = nullptr;  ///< owned ZorPacket*; guarded by mMutex
+  std::condition_variable mCond;
+  std::mutex mMutex;
+  std::atomic<bool> mStop{false};
+  ZorDevice* mDevice;
+  char mPolicy[128] = {};
+  std::unique_ptr<std::thread> mDataThread;
+  std::unique_ptr<UDiskService> mService;
+};
+
+/// The module's open entry: a running driver, or null.
+ZorDriver* udisk_open(ZorDevice* device, const std::string& params);
+
+}  // namespace zor
