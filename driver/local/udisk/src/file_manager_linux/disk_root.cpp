@@ -68,7 +68,7 @@ int DiskRoot::checkText(std::string_view remotePath) const noexcept {
 }
 
 UniqueFd DiskRoot::open(const char* path, int flags, mode_t mode) const {
-  flags |= O_CLOEXEC | O_NOCTTY;
+  flags |= O_CLOEXEC;  // openat2 refuses flags that make no sense, such as O_NOCTTY with O_PATH
   if (!gComponentWalk.load(std::memory_order_relaxed)) {
     UniqueFd fd(openBeneath(mFd.get(), path, flags, mode));
     if (fd || !noOpenat2(errno)) return fd;
@@ -182,8 +182,7 @@ UniqueFd Location::open(int flags, mode_t mode) const {
   }
   if (mDirectoryOnly) flags |= O_DIRECTORY;
   if (confined()) return mRoot->open(mPath, flags, mode);
-  return UniqueFd(
-      retryOnInterrupt([&] { return ::open(mPath, flags | O_CLOEXEC | O_NOCTTY, mode); }));
+  return UniqueFd(retryOnInterrupt([&] { return ::open(mPath, flags | O_CLOEXEC, mode); }));
 }
 
 }  // namespace zor

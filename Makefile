@@ -1,0 +1,41 @@
+# The two commands of this project are `make demo` and `make test`; both install
+# what they need, build, and run. See README.md.
+
+PRESETS := release asan tsan
+JOBS ?= $(shell nproc)
+
+# The sanitizers' shadow memory does not fit every randomised address layout.
+FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
+
+.PHONY: demo test $(PRESETS:%=test-%) bench setup format tidy clean
+
+demo: build-release
+	scripts/demo.sh build/release/bin
+
+test: $(PRESETS:%=test-%)
+
+$(PRESETS:%=test-%): test-%: build-%
+	$(FIXED_LAYOUT) ctest --preset $* -j $(JOBS)
+
+.PHONY: $(PRESETS:%=build-%)
+$(PRESETS:%=build-%): build-%: setup
+	cmake --preset $* $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+	$(FIXED_LAYOUT) cmake --build --preset $* -j $(JOBS)
+
+bench: setup
+	cmake --preset release -DUDISK_BUILD_BENCH=ON
+	cmake --build --preset release -j $(JOBS) --target udisk_bench
+	build/release/bin/udisk_bench
+
+setup:
+	@scripts/setup.sh
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+tidy: build-release
+	git ls-files 'framework/*.cpp' 'driver/*.cpp' 'host/*.cpp' 'remote/*.cpp' | \
+	  xargs -P $(JOBS) -n 4 clang-tidy -p build/release --quiet
+
+clean:
+	rm -rf build
