@@ -1,0 +1,56 @@
+// One remote, from its arrival to its leaving.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "frame_reader.h"
+#include "host_device.h"
+#include "module_loader.h"
+#include "remote_link.h"
+#include "unique_fd.h"
+
+namespace zor::host {
+
+/// Opens a driver for a remote and delivers the remote's packets to it, on a
+/// thread of its own; replies go out on the driver's threads. When the remote
+/// leaves, sends a malformed packet, or `end` is called, the driver is closed
+/// and destroyed.
+///
+/// What a remote sent whole before it closed its side is served before the
+/// driver is closed, as long as replies can still be delivered: it may have
+/// sent writes that no reply confirms.
+class Connection {
+ public:
+  /// `module` must outlive the connection.
+  Connection(UniqueFd socket, const DriverModule& module, std::shared_ptr<HostDevBase> base)
+      : mModule(module), mLink(std::move(socket)), mDevice(mLink, std::move(base)) {}
+  /// Ends the connection and waits for its thread.
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Starts the thread. `finished` is called on it as its last act, once the
+  /// driver is gone. Throws std::system_error when there is no thread to be had.
+  void start(std::function<void()> finished);
+
+  /// Makes the thread finish soon. Any thread.
+  void end() noexcept { mLink.end(); }
+
+  /// Whether the remote is gone, although the driver may still be there.
+  bool remoteGone() const noexcept { return mLink.ended() || mLink.remoteGone(); }
+
+ private:
+  void run() noexcept;
+  void serve(ZorDriver& driver);
+  void receiveAll(ZorDriver& driver);
+  bool deliver(ZorDriver& driver, FrameReader& frames);
+
+  const DriverModule& mModule;
+  RemoteLink mLink;
+  HostDevice mDevice;
+  std::thread mThread;
+};
+
+}  // namespace zor::host

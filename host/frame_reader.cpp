@@ -1,0 +1,90 @@
+#include "frame_reader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "protocol/commands.h"
+
+namespace zor::host {
+namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{256} << 10;
+
+}  // namespace
+
+FrameReader::FrameReader(ReceiveBudget& budget)
+    : mBudget(budget), mBuffer(new std::uint8_t[kBufferSize]) {}
+
+std::span<iovec> FrameReader::space() noexcept {
+  if (mPending) {
+    mSpace[0] = {mPending->mBuffer->data + mFilled, mHeader.length - mFilled};
+    mSpace[1] = {mBuffer.get(), kBufferSize};
+    return mSpace;
+  }
+  // At most a part of a header is left.
+  std::memmove(mBuffer.get(), mBuffer.get() + mBegin, mEnd - mBegin);
+  mEnd -= std::exchange(mBegin, 0);
+  mSpace[0] = {mBuffer.get() + mEnd, kBufferSize - mEnd};
+  return std::span(mSpace).first(1);
+}
+
+void FrameReader::commit(std::size_t count) noexcept {
+  if (mPending) {
+    const std::size_t wanted = std::min(count, mHeader.length - mFilled);
+    mFilled += wanted;
+    count -= wanted;
+  }
+  mEnd += count;
+}
+
+FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet) {
+  if (!mPending) {
+    const Status status = begin();
+    if (status != Status::kPacket) return status;
+  }
+  if (mFilled < mHeader.length) return Status::kMore;
+  packet = std::move(mPending);
+  return Status::kPacket;
+}
+
+// Makes the packet whose header lies at mBegin and moves over to it what is
+// there of its payload.
+FrameReader::Status FrameReader::begin() {
+  const std::size_t available = mEnd - mBegin;
+  if (available == 0) return Status::kMore;
+  const std::uint8_t* bytes = mBuffer.get() + mBegin;
+  mHeader.magic = *bytes;
+  if (mHeader.magic != kPacketMagic) return Status::kBadMagic;
+  if (available < kPacketHeaderSize) return Status::kMore;
+  std::memcpy(&mHeader, bytes, sizeof mHeader);
+  if (mHeader.netOrder != 0) {
+    mHeader.cmd = __builtin_bswap16(mHeader.cmd);
+    mHeader.requestId = __builtin_bswap32(mHeader.requestId);
+    mHeader.length = __builtin_bswap32(mHeader.length);
+  }
+  if (mHeader.length < kPacketHeaderSize || mHeader.length > wire::kMaxPacketLength) {
+    return Status::kBadLength;
+  }
+
+  const std::size_t charge = mHeader.length + kPacketOverhead;
+  if (!mBudget.acquire(charge)) return Status::kStopped;
+  mPending.reset(new (std::nothrow) ZorPacket(mHeader.length));
+  if (!mPending || !mPending->mBuffer) {
+    mPending.reset();
+    mBudget.ReleasePacket(charge);
+    return Status::kNoMemory;
+  }
+  mPending->mBuffer->budget = &mBudget;
+  mPending->mBuffer->charge = charge;
+  *mPending->mHeader = mHeader;
+  mFilled = std::min<std::size_t>(available, mHeader.length);
+  std::memcpy(mPending->mBuffer->data + kPacketHeaderSize, bytes + kPacketHeaderSize,
+              mFilled - kPacketHeaderSize);
+  mBegin += mFilled;
+  if (mBegin == mEnd) mBegin = mEnd = 0;
+  return Status::kPacket;
+}
+
+}  // namespace zor::host

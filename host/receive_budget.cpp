@@ -1,0 +1,46 @@
+#include "receive_budget.h"
+
+#include <algorithm>
+
+namespace zor::host {
+
+bool ReceiveBudget::acquire(std::size_t bytes) {
+  const auto count = static_cast<std::int64_t>(bytes);
+  const auto limit = static_cast<std::int64_t>(mLimit);
+  if (mInFlight.load() != 0 && mInFlight.load() > limit - count) {
+    // Waiting for a good deal more than is needed now keeps the receiver from
+    // being woken for every single packet of a remote that is always ahead.
+    if (!waitFor(std::max<std::int64_t>(0, std::min(limit - count, limit / 2)))) return false;
+  }
+  if (mStopped.load()) return false;
+  mInFlight.fetch_add(count);
+  return true;
+}
+
+bool ReceiveBudget::waitIdle() { return waitFor(0); }
+
+bool ReceiveBudget::waitFor(std::int64_t level) {
+  std::unique_lock lock(mMutex);
+  // Either a release sees this level, or this thread sees what it released:
+  // both sides write first and read then, in one total order.
+  mWakeLevel.store(level);
+  mCond.wait(lock, [&] { return mStopped.load() || mInFlight.load() <= level; });
+  mWakeLevel.store(-1);
+  return !mStopped.load();
+}
+
+void ReceiveBudget::ReleasePacket(std::size_t bytes) noexcept {
+  const auto count = static_cast<std::int64_t>(bytes);
+  const std::int64_t inFlight = mInFlight.fetch_sub(count) - count;
+  if (inFlight > mWakeLevel.load()) return;
+  const std::lock_guard lock(mMutex);
+  mCond.notify_one();
+}
+
+void ReceiveBudget::stop() noexcept {
+  const std::lock_guard lock(mMutex);
+  mStopped.store(true);
+  mCond.notify_one();
+}
+
+}  // namespace zor::host

@@ -1,0 +1,53 @@
+// The bound on what a remote can have in flight.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+#include "zor_packet.h"
+
+namespace zor::host {
+
+/// Counts the memory of the packets that were received and are not yet done
+/// with. The one thread that receives calls `acquire` before it makes a packet
+/// and waits there while too much is in flight; any thread gives back by
+/// destroying the packet.
+///
+/// The bound: packets in flight never take more than `limit` bytes, or one
+/// packet by itself when that is larger. With kDefaultLimit and the largest
+/// packet that is 64 MiB; at most one reply exists beside them, since the
+/// driver serves one request at a time, and it carries at most 64 MiB of a
+/// request's or of files' data. (A listing is as large as its directory.)
+class ReceiveBudget final : public PacketBudget {
+ public:
+  static constexpr std::size_t kDefaultLimit = std::size_t{32} << 20;
+
+  explicit ReceiveBudget(std::size_t limit = kDefaultLimit) noexcept : mLimit(limit) {}
+
+  /// Waits until `bytes` more may be in flight, and counts them. False when
+  /// the budget was stopped; nothing is counted then.
+  bool acquire(std::size_t bytes);
+
+  /// Waits until nothing is in flight. False when the budget was stopped.
+  bool waitIdle();
+
+  void ReleasePacket(std::size_t bytes) noexcept override;
+
+  /// Makes every waiting, now and later, end at once. Any thread.
+  void stop() noexcept;
+
+ private:
+  bool waitFor(std::int64_t level);
+
+  const std::size_t mLimit;
+  std::atomic<std::int64_t> mInFlight{0};
+  std::atomic<std::int64_t> mWakeLevel{-1};  ///< what the receiver waits for; -1: it does not
+  std::mutex mMutex;
+  std::condition_variable mCond;
+  std::atomic<bool> mStopped{false};
+};
+
+}  // namespace zor::host

@@ -1,0 +1,96 @@
+#include "remote_link.h"
+
+#include <poll.h>
+#include <spdlog/spdlog.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "protocol/commands.h"
+
+namespace zor::host {
+namespace {
+
+// An echoed request that came in network byte order is again what it was on
+// the wire, its header fields included.
+std::uint32_t lengthOf(const ZorPacket& packet) noexcept {
+  const std::uint32_t length = packet.GetLength();
+  return packet.mHeader->netOrder != 0 ? __builtin_bswap32(length) : length;
+}
+
+bool isAnnouncement(const ZorPacket& packet) noexcept {
+  return packet.GetCmd() == wire::code(wire::Command::kMountRemote) &&
+         packet.GetRequestId() == wire::kAnnouncementRequestId;
+}
+
+}  // namespace
+
+int RemoteLink::send(const ZorPacket& packet) noexcept try {
+  if (!packet.mBuffer || packet.mBuffer->data == nullptr) return -1;
+  const std::uint32_t length = lengthOf(packet);
+  if (length < kPacketHeaderSize || length > packet.mBuffer->capacity) {
+    spdlog::error("the driver made a packet of length {} that holds {} bytes; it is not sent",
+                  length, packet.mBuffer->capacity);
+    return -1;
+  }
+  bool sent = false;
+  {
+    const std::lock_guard lock(mSendMutex);
+    sent = !ended() && sendAll(packet.mBuffer->data, length);
+  }
+  if (!sent) end();
+  if (isAnnouncement(packet)) {
+    const std::lock_guard lock(mStateMutex);
+    mAnnounced = true;
+    mStateCond.notify_all();
+  }
+  return sent ? 0 : -1;
+} catch (...) {
+  return -1;
+}
+
+bool RemoteLink::sendAll(const std::uint8_t* data, std::size_t size) noexcept {
+  while (size > 0) {
+    const ssize_t sent = ::send(mSocket.get(), data, size, MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) return false;
+    data += sent;
+    size -= static_cast<std::size_t>(sent);
+  }
+  return true;
+}
+
+ssize_t RemoteLink::receive(std::span<iovec> space) noexcept {
+  msghdr message{};
+  message.msg_iov = space.data();
+  message.msg_iovlen = space.size();
+  while (!ended()) {
+    const ssize_t received = ::recvmsg(mSocket.get(), &message, MSG_CMSG_CLOEXEC);
+    if (received >= 0) return received;
+    if (errno == ECONNRESET) return 0;  // it left without reading everything
+    if (errno != EINTR) return -errno;
+  }
+  return 0;
+}
+
+void RemoteLink::end() noexcept {
+  if (mEnded.exchange(true)) return;
+  ::shutdown(mSocket.get(), SHUT_RDWR);
+  mBudget.stop();
+  const std::lock_guard lock(mStateMutex);
+  mStateCond.notify_all();
+}
+
+bool RemoteLink::remoteGone() const noexcept {
+  pollfd state{mSocket.get(), 0, 0};
+  return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+bool RemoteLink::waitAnnounced(std::chrono::milliseconds limit) {
+  std::unique_lock lock(mStateMutex);
+  mStateCond.wait_for(lock, limit, [this] { return mAnnounced || ended(); });
+  return mAnnounced && !ended();
+}
+
+}  // namespace zor::host

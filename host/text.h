@@ -1,0 +1,17 @@
+// Making foreign bytes fit to be shown.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zor::host {
+
+/// `text` with its control characters written as \xNN, so that a file name
+/// can neither forge a log line nor drive a terminal.
+std::string printable(std::string_view text);
+
+/// `text` as well-formed UTF-8: every byte that belongs to no well-formed
+/// sequence becomes U+FFFD.
+std::string validUtf8(std::string_view text);
+
+}  // namespace zor::host
