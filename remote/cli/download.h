@@ -1,0 +1,111 @@
+// Fetching files and trees with many requests in flight.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "local_tree.h"
+#include "progress.h"
+#include "window.h"
+
+namespace zor::remote::cli {
+
+struct DownloadOptions {
+  bool recursive = false;
+  bool batches = false;  ///< fetch small files together where the host serves that
+};
+
+class Download {
+ public:
+  Download(Context& context, DownloadOptions options);
+
+  /// Fetches `path`, whose attributes are known, as `name` in `dir`.
+  void add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
+           std::string name);
+
+  /// Fetches what a directory holds into `dir`.
+  void addContents(std::string path, std::shared_ptr<LocalDir> dir);
+
+  /// Tells of a failure that is not the end of the rest.
+  void fail(std::string_view what, std::string_view path, const Error& error);
+
+  /// Works until all is done, told and counted; false when something failed.
+  bool run();
+
+ private:
+  struct Source {
+    std::string path;
+    udisk_stat attributes{};
+    std::shared_ptr<LocalDir> dir;
+    std::string name;
+  };
+
+  /// A file on its way.
+  struct Transfer {
+    Source source;
+    std::uint64_t asked = 0;   ///< how far requests have been made
+    std::uint64_t stored = 0;  ///< bytes that have arrived
+    unsigned reads = 0;        ///< requests made
+    unsigned inFlight = 0;
+    unsigned attempts = 1;
+    bool suspicious = false;  ///< the answers do not fit the known size
+    std::optional<Error> error;
+    std::unique_ptr<PartialFile> file;  ///< made with the first answer
+
+    std::uint64_t size() const { return static_cast<std::uint64_t>(source.attributes.st_size); }
+    bool fullyAsked() const { return reads > 0 && asked >= size(); }
+  };
+  using TransferPtr = std::shared_ptr<Transfer>;
+
+  static constexpr std::int64_t kSmallFile = std::int64_t{128} << 10;
+  static constexpr std::uint64_t kBatchBytes = std::uint64_t{2} << 20;
+  static constexpr std::size_t kBatchFiles = 256;
+
+  // download.cpp
+  void pump();
+  bool pumpReads();
+  bool batchReady() const;
+  void list();
+  void listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
+              Result<Listing> listing);
+  void examine(Source source);
+
+  // download_files.cpp
+  static TransferPtr begin(std::deque<Source>& queue);
+  static std::uint32_t nextSize(const Transfer& transfer);
+  void askNext(const TransferPtr& transfer, std::uint32_t size);
+  void ask(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size);
+  void askBatch();
+  void arrived(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size,
+               Result<wire::Bytes> bytes);
+  void store(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size,
+             wire::Bytes bytes);
+  void settle(const TransferPtr& transfer);
+  void verify(const TransferPtr& transfer, const Result<udisk_stat>& now);
+  void commit(Transfer& transfer);
+  void giveUp(Transfer& transfer, const Error& error);
+
+  Context& mContext;
+  const DownloadOptions mOptions;
+  Progress mProgress;
+  Window mWindow;
+  unsigned mListings = 0;  ///< directories and attributes asked for
+  struct Directory {
+    std::string path;
+    std::shared_ptr<LocalDir> dir;
+  };
+  std::vector<Directory> mDirectories;
+  std::deque<Source> mFiles;
+  std::deque<Source> mSmallFiles;   ///< those that are fetched in batches
+  std::vector<TransferPtr> mAgain;  ///< changed while they were read
+  TransferPtr mCurrent;             ///< the file whose requests are being made
+  std::uint64_t mFailures = 0;
+  std::optional<Error> mLost;
+};
+
+}  // namespace zor::remote::cli

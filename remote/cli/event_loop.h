@@ -1,0 +1,49 @@
+// Bringing completions back to the main thread.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "file_descriptor.h"
+#include "result.h"
+
+namespace zor::remote::cli {
+
+/// Runs tasks on the thread that calls `runOne`. SIGINT and SIGTERM are seen by
+/// `runOne` once `catchSignals` has been called. One loop per process.
+class EventLoop {
+ public:
+  EventLoop();
+
+  /// From any thread. Tasks that never ran are destroyed with the loop.
+  void post(std::function<void()> task);
+
+  /// Waits for a task, at most `timeoutMs` (-1: without end), and runs it. False
+  /// when a signal has come; tasks are left alone from then on.
+  bool runOne(int timeoutMs = -1);
+
+  /// From now on these signals do not end the process.
+  void catchSignals();
+
+  /// The signal that has come, or 0.
+  int signal() const;
+
+ private:
+  FileDescriptor mWakeup;
+  std::mutex mMutex;
+  std::deque<std::function<void()>> mTasks;
+};
+
+/// A callback that hands its result to `task` on the loop's thread.
+template <class T, class Task>
+std::function<void(Result<T>)> onLoop(EventLoop& loop, Task task) {
+  return [&loop, task = std::move(task)](Result<T> result) {
+    auto shared = std::make_shared<Result<T>>(std::move(result));
+    loop.post([task, shared] { task(std::move(*shared)); });
+  };
+}
+
+}  // namespace zor::remote::cli

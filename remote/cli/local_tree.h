@@ -1,0 +1,77 @@
+// Files and directories that are being made on this machine.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "file_descriptor.h"
+#include "protocol/disk_records.h"
+#include "result.h"
+
+namespace zor::remote::cli {
+
+/// An open directory. Names in it are used as they are, one component each, and
+/// never followed when they are symbolic links.
+class LocalDir {
+ public:
+  /// A directory that the user named.
+  static Result<std::shared_ptr<LocalDir>> open(const std::string& path);
+
+  /// `name` in `parent`, made when it does not exist. When the last user of the
+  /// result is gone, and with it everything inside is made, the directory gets
+  /// the permission bits and the modification time of `like`.
+  static Result<std::shared_ptr<LocalDir>> make(std::shared_ptr<LocalDir> parent,
+                                                const std::string& name, const udisk_stat& like);
+  ~LocalDir();
+
+  LocalDir(const LocalDir&) = delete;
+  LocalDir& operator=(const LocalDir&) = delete;
+
+  int fd() const noexcept { return mFd.get(); }
+
+ private:
+  LocalDir(FileDescriptor fd, std::shared_ptr<LocalDir> parent)
+      : mFd(std::move(fd)), mParent(std::move(parent)) {}
+
+  FileDescriptor mFd;
+  std::shared_ptr<LocalDir> mParent;  ///< completed after this one
+  std::optional<udisk_stat> mLike;
+};
+
+/// A file that appears under its name only when it is complete; until then it
+/// has a name of its own beside it, which goes with this object.
+class PartialFile {
+ public:
+  static Result<std::unique_ptr<PartialFile>> create(std::shared_ptr<LocalDir> dir,
+                                                     std::string name);
+  ~PartialFile();
+
+  PartialFile(const PartialFile&) = delete;
+  PartialFile& operator=(const PartialFile&) = delete;
+
+  /// Leaves holes where `bytes` are long runs of zeros.
+  Status writeAt(std::int64_t offset, wire::Bytes bytes);
+
+  /// Gives it the size, permission bits and modification time of `like`, and
+  /// its name.
+  Status commit(const udisk_stat& like);
+
+ private:
+  PartialFile(std::shared_ptr<LocalDir> dir, std::string name)
+      : mDir(std::move(dir)), mName(std::move(name)) {}
+  Status writeFully(std::int64_t offset, wire::Bytes bytes);
+
+  std::shared_ptr<LocalDir> mDir;
+  std::string mName;
+  std::string mTemporary;  ///< empty when there is none
+  FileDescriptor mFd;
+};
+
+/// The current `errno` as an error.
+Error localError();
+
+}  // namespace zor::remote::cli

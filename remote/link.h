@@ -1,0 +1,124 @@
+// One connection to a host.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "file_descriptor.h"
+#include "packet.h"
+#include "transport.h"
+
+namespace zor::remote {
+
+/// How the host introduced the disk.
+struct Announcement {
+  std::uint8_t devId = 0;
+  std::string name;
+  bool readOnly = false;
+};
+
+struct LinkOptions {
+  /// The drive that is reported to the host in answer to its announcement.
+  std::string driveName = "U:";
+  /// The link counts as broken when requests wait and nothing at all has
+  /// arrived for this long.
+  std::chrono::milliseconds idleTimeout{60000};
+  /// Called once, on the link's thread, after everything in flight has failed.
+  std::function<void(const Error&)> onBroken;
+};
+
+/// A transport over a connected stream socket, with one thread that reads,
+/// writes what could not be written at once, and runs completions. Once broken
+/// it stays broken: what is in flight and what comes later fails with the
+/// reason.
+class Link final : public Transport {
+ public:
+  Link(FileDescriptor socket, LinkOptions options);
+
+  /// Fails what is in flight and waits for the link's thread. Must not be
+  /// called on that thread.
+  ~Link() override;
+
+  Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
+
+  /// Waits until the host has announced the disk; requests that are submitted
+  /// before that fail.
+  Result<Announcement> waitForAnnouncement(std::chrono::milliseconds limit);
+
+  /// Whether the host has said that it serves batches of small files.
+  bool servesSmallFiles() const;
+
+  void submit(Request request, Completion done) override;
+  void submitFenced(Request request, Completion done, Request fence) override;
+  void post(std::function<void()> task) override;
+
+  /// Sends a packet that has no answer; lost without notice on a broken link.
+  void notify(Request request);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  struct Pending {
+    wire::Command command{};
+    Completion done;
+    std::uint32_t fenced = 0;  ///< the request whose silence this one's answer proves, or 0
+  };
+
+  struct Outgoing {
+    std::array<std::byte, kHeaderSize> header{};
+    Buffer payload;
+    Buffer data;
+    std::size_t size() const { return header.size() + payload.size() + data.size(); }
+  };
+
+  // With mMutex held.
+  std::uint32_t enqueue(Request request);
+  std::uint32_t enqueuePending(Request request, Completion done, std::uint32_t fenced);
+  bool refuse(Completion& done);
+  void flush();
+  void wake();
+
+  // On the link's thread.
+  void run();
+  bool waitForEvents();
+  void receive();
+  void dispatch(const PacketHeader& header, Buffer payload);
+  void greet(const PacketHeader& header, const Buffer& payload);
+  void complete(const PacketHeader& header, Buffer payload);
+  void breakLink(Error error);
+  bool runTasks();
+
+  const LinkOptions mOptions;
+  FileDescriptor mWakeup;
+  PacketReader mReader;  ///< the link's thread only
+
+  mutable std::mutex mMutex;
+  std::condition_variable mAnnounced;
+  FileDescriptor mSocket;
+  std::optional<Announcement> mAnnouncement;
+  std::optional<Error> mBroken;
+  bool mSmallFiles = false;
+  bool mStop = false;
+  bool mSendFailed = false;
+  bool mWriting = false;  ///< the link's thread waits until more can be written
+  std::uint32_t mLastId = 0;
+  std::unordered_map<std::uint32_t, Pending> mPending;
+  std::deque<Outgoing> mOutgoing;
+  std::size_t mSent = 0;  ///< bytes of mOutgoing.front() that are on their way
+  std::vector<std::function<void()>> mTasks;
+  Clock::time_point mLastArrival;  ///< or when a request began to wait, if that is later
+
+  std::thread mThread;  ///< the last member: it uses all the others
+};
+
+}  // namespace zor::remote

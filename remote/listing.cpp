@@ -1,0 +1,25 @@
+#include "listing.h"
+
+#include <utility>
+
+namespace zor::remote {
+
+Result<Listing> Listing::parse(Buffer storage, std::size_t offset, std::uint16_t entryCount) {
+  Listing listing;
+  listing.mStorage = std::move(storage);
+  listing.mOffset = offset;
+  wire::ListingReader reader(listing.raw());
+  wire::DirEntry entry;
+  while (reader.next(entry)) {
+    if (entry.name.empty() || entry.name.find('/') != std::string_view::npos) {
+      return Error{ErrorKind::kBadReply, "the host listed a name that cannot be one"};
+    }
+    listing.mEntries.push_back(entry);
+  }
+  if (!reader.complete() || listing.rawCount() != entryCount) {
+    return Error{ErrorKind::kBadReply, "the host sent an inconsistent listing"};
+  }
+  return listing;
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,51 @@
+// The seam between the disk's operations and the connection that carries them.
+#pragma once
+
+#include <functional>
+
+#include "buffer.h"
+#include "protocol/commands.h"
+#include "result.h"
+
+namespace zor::remote {
+
+/// A request without its identity. On the wire `payload` and `data` follow each
+/// other; they are apart so that large data need not be copied.
+struct Request {
+  wire::Command command{};
+  Buffer payload;
+  Buffer data;
+};
+
+/// The payload of the packet that answers a request.
+using Reply = Buffer;
+
+/// Takes the outcome of a request, exactly once. Must not throw, must not block
+/// and must not wait for another request: nothing else completes meanwhile.
+using Completion = std::function<void(Result<Reply>)>;
+
+/// Carries requests, many at a time. The host serves them in the order in which
+/// they were submitted.
+///
+/// All members may be called from any thread, from completions too, and never
+/// block. Completions and tasks run one at a time, on one thread that belongs
+/// to the transport, never inside the call that handed them over.
+class Transport {
+ public:
+  virtual ~Transport() = default;
+
+  /// The caller bounds the bytes that it has in flight: requests that the host
+  /// does not take yet are kept in memory.
+  virtual void submit(Request request, Completion done) = 0;
+
+  /// For a request that the host may pass over in silence: sends `fence`, which
+  /// must be one that is always answered, right behind it. When the fence's
+  /// answer comes first, `done` gets ErrorKind::kUnanswered. The fence's own
+  /// answer is dropped.
+  virtual void submitFenced(Request request, Completion done, Request fence) = 0;
+
+  /// Runs `task` on the thread of the completions.
+  virtual void post(std::function<void()> task) = 0;
+};
+
+}  // namespace zor::remote
