@@ -1,6 +1,5 @@
 #include "connection.h"
 
-#include <signal.h>
 #include <spdlog/spdlog.h>
 
 #include <chrono>
@@ -9,6 +8,7 @@
 #include <utility>
 
 #include "protocol/commands.h"
+#include "signals_blocked.h"
 
 namespace zor::host {
 namespace {
@@ -16,25 +16,6 @@ namespace {
 // Reading waits for the announcement: only then does the driver know its mount
 // point. A disk that has to spin up first takes some seconds.
 constexpr auto kAnnouncementPatience = std::chrono::seconds(60);
-
-// The signals that end the host are the main thread's business: on a driver's thread they would
-// only interrupt file operations. New threads inherit the mask.
-class SignalsBlocked {
- public:
-  SignalsBlocked() noexcept {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGINT);
-    ::sigaddset(&signals, SIGTERM);
-    ::pthread_sigmask(SIG_BLOCK, &signals, &mOld);
-  }
-  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &mOld, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t mOld;
-};
 
 // Closes before it destroys, however the scope is left.
 struct CloseDriver {
@@ -56,6 +37,8 @@ Connection::~Connection() {
 }
 
 void Connection::start(std::function<void()> finished) {
+  // On a driver's thread the signals that end the host would only interrupt file
+  // operations. New threads inherit the mask.
   const SignalsBlocked blocked;
   mThread = std::thread([this, done = std::move(finished)] {
     run();

@@ -9,6 +9,7 @@
 #include <exception>
 #include <functional>
 
+#include "probe_command.h"
 #include "serve_command.h"
 
 namespace {
@@ -29,6 +30,7 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   std::function<void()> action;
   zor::host::addServeCommand(app, action);
+  zor::host::addProbeCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -6,15 +6,18 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "device_parameters.h"
 #include "host_device.h"
+#include "local_disk.h"
 #include "module_loader.h"
 #include "morvel_log.h"
 #include "server.h"
+#include "signals_blocked.h"
 #include "text.h"
 
 namespace zor::host {
@@ -24,6 +27,7 @@ constexpr char kModuleName[] = "udisk-redir";
 
 struct ServeOptions {
   std::string directory;
+  std::string partition;
   std::string socketPath;
   std::string name;
   std::string module;
@@ -64,8 +68,6 @@ void serve(const ServeOptions& options) {
   spdlog::set_level(levels.host);
   morvelLogSetLevel(levels.module);
 
-  const std::string directory = servedDirectory(options.directory);
-  const DeviceParameters parameters = makeParameters(directory, options.name, options.readOnly);
   const DriverModule module(
       options.module.empty() ? DriverModule::defaultFile() : std::filesystem::path(options.module),
       kModuleName);
@@ -77,8 +79,21 @@ void serve(const ServeOptions& options) {
     paths = std::make_shared<ZorPathTable>();
     for (const std::string& glob : options.tracePaths) paths->Add(glob);
   }
+
+  // A signal that comes while the partition is being mounted waits until the
+  // server looks for signals, so that what was mounted is unmounted again.
+  std::optional<SignalsBlocked> blocked;
+  std::optional<MountedPartition> mounted;
+  if (!options.partition.empty()) {
+    blocked.emplace();
+    mounted.emplace(options.partition);
+  }
+  const std::string directory = servedDirectory(mounted ? mounted->directory() : options.directory);
+  const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
+  const DeviceParameters parameters = makeParameters(directory, name, options.readOnly);
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);
-  runServer(module, base, options.socketPath, directory);
+  runServer(module, base, options.socketPath, directory, [&blocked] { blocked.reset(); });
+  if (mounted) mounted->unmount();
 }
 
 }  // namespace
@@ -89,7 +104,11 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
   std::vector<std::string> levels;
   for (const auto& level : logLevels()) levels.push_back(level.first);
 
-  command->add_option("directory", options->directory, "The directory to serve")->required();
+  auto* served = command->add_option_group("what is served");
+  served->add_option("directory", options->directory, "The directory to serve");
+  served->add_option("--partition", options->partition,
+                     "A partition to mount and serve, e.g. /dev/sdb1 (see `probe`)");
+  served->require_option(1);
   command->add_option("--socket", options->socketPath, "Path of the Unix socket to listen on")
       ->required();
   command->add_option("--name", options->name,

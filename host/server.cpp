@@ -29,11 +29,13 @@ class Server {
   Server(const DriverModule& module, std::shared_ptr<HostDevBase> base)
       : mModule(module), mBase(std::move(base)), mSignals(mContext, SIGINT, SIGTERM) {}
 
-  void run(const std::string& socketPath, const std::string& served) {
+  void run(const std::string& socketPath, const std::string& served,
+           const std::function<void()>& listening) {
     mListener.emplace(socketPath);
     mAcceptor.emplace(mContext, ::fcntl(mListener->fd(), F_DUPFD_CLOEXEC, 0));
     awaitSignal();
     awaitRemote();
+    listening();
     spdlog::info("serving {} on {}", printable(served), printable(socketPath));
     mContext.run();
   }
@@ -140,8 +142,9 @@ class Server {
 }  // namespace
 
 void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base,
-               const std::string& socketPath, const std::string& served) {
-  Server(module, std::move(base)).run(socketPath, served);
+               const std::string& socketPath, const std::string& served,
+               const std::function<void()>& listening) {
+  Server(module, std::move(base)).run(socketPath, served, listening);
 }
 
 }  // namespace zor::host

@@ -6,6 +6,7 @@
 
 #include "morvel_log.h"
 #include "reply.h"
+#include "request.h"
 #include "udisk_operator.h"
 
 namespace zor {
@@ -89,7 +90,11 @@ int UDiskOperator::reply(const ZorPacket& request, Reply& reply) {
 
 int UDiskOperator::echo(const ZorPacket& request) {
   std::unique_ptr<ZorPacket> packet = request.Clone();
-  return packet ? mDevice->SendPacket(std::move(packet), -1) : -1;
+  if (!packet) {  // `length` promises bytes that are not there
+    reportMalformed(request);
+    return -1;
+  }
+  return mDevice->SendPacket(std::move(packet), -1);
 }
 
 }  // namespace zor

@@ -50,25 +50,25 @@ bool waitUntil(pid_t child, Clock::time_point deadline, int& status) {
 
 }  // namespace
 
-CommandResult runCommand(const std::vector<std::string>& arguments, const CommandLimits& limits) {
+CommandResult runCommand(const std::vector<std::string>& arguments, const CommandOptions& options) {
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
 
   CommandResult result;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(limits.timeoutMs);
+  const auto deadline = Clock::now() + std::chrono::milliseconds(options.timeoutMs);
   GPid child = 0;
   int outputFd = -1;
-  const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD |
-                                              G_SPAWN_CLOEXEC_PIPES);
-  if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, flags, nullptr, nullptr, &child,
-                                nullptr, &outputFd, nullptr, nullptr)) {
+  int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CLOEXEC_PIPES;
+  if (!options.showErrors) flags |= G_SPAWN_STDERR_TO_DEV_NULL;
+  if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, static_cast<GSpawnFlags>(flags),
+                                nullptr, nullptr, &child, nullptr, &outputFd, nullptr, nullptr)) {
     return result;
   }
   result.started = true;
   const UniqueFd output(outputFd);
-  const bool ended = readOutput(output.get(), limits.maxOutput, deadline, result.output) &&
+  const bool ended = readOutput(output.get(), options.maxOutput, deadline, result.output) &&
                      waitUntil(child, deadline, result.exitStatus);
   if (!ended) {
     ::kill(child, SIGKILL);

@@ -15,7 +15,7 @@ struct CommandResult {
   bool succeeded() const noexcept { return started && exitStatus == 0; }
 };
 
-struct CommandLimits {
+struct CommandOptions {
   int timeoutMs = 30'000;            ///< afterwards the program is killed
   std::size_t maxOutput = 1U << 20;  ///< the rest of the output is read and dropped
 };
@@ -24,6 +24,6 @@ struct CommandLimits {
 /// only the descriptors 0 to 2, and waits for its end. Nothing of the
 /// arguments is interpreted on the way.
 CommandResult runCommand(const std::vector<std::string>& arguments,
-                         const CommandLimits& limits = {});
+                         const CommandOptions& options = {});
 
 }  // namespace zor

@@ -55,7 +55,9 @@ int UDiskService::MountLocal(UDiskInfo* info) {
     const int made = ::mkdir(directory.c_str(), 0777);
     MORVEL_DEBUG(kLogDebug, "mkdir res: %d", made);
   }
-  runCommand({"umount", directory});
+  CommandOptions unmounting;
+  unmounting.showErrors = false;  // usually nothing is mounted there
+  runCommand({"umount", directory}, unmounting);
   const CommandResult mounted = runCommand({"mount", info->devPath, directory, "-o", "dmask=0000",
                                             "-o", "fmask=0000", "-o", "iocharset=utf8"});
   if (!mounted.succeeded()) MORVEL_ERROR("udisk mount errno: %d", errno);

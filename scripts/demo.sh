@@ -1,0 +1,67 @@
+#!/bin/sh
+# Serves a directory with the host and uses it from the remote side.
+# usage: scripts/demo.sh DIRECTORY_OF_THE_PROGRAMS
+set -eu
+
+bin=$1
+root=$(cd "$(dirname "$0")/.." && pwd)
+work=$(mktemp -d "${TMPDIR:-/tmp}/udisk-demo.XXXXXX")
+host=""
+finish() {
+  [ -z "$host" ] || kill "$host" 2>/dev/null || true
+  wait 2>/dev/null || true
+  rm -rf "$work"
+}
+trap finish EXIT INT TERM
+
+say() { printf '\n\033[1m# %s\033[0m\n' "$*"; }
+remote() {
+  printf '$ udisk-remote %s\n' "$*"
+  "$bin/udisk-remote" --socket "$work/usb.sock" "$@"
+}
+
+# The disk: this project's own documents and sources, a photo-sized file and
+# names in several scripts.
+disk="$work/USB"
+mkdir -p "$disk/project" "$disk/名前"
+cp -r "$root/README.md" "$root/docs" "$root/framework" "$disk/project/"
+head -c 8388608 /dev/urandom >"$disk/photo.raw"
+printf 'grüße\n' >"$disk/Grüße.txt"
+printf 'привет\n' >"$disk/名前/привет.txt"
+: >"$disk/empty"
+
+say "here: the host serves a directory through the driver module"
+printf '$ udisk-host serve USB --socket usb.sock\n'
+"$bin/udisk-host" serve "$disk" --socket "$work/usb.sock" 2>"$work/host.log" &
+host=$!
+tries=0
+while [ ! -S "$work/usb.sock" ]; do
+  tries=$((tries + 1))
+  if [ "$tries" -gt 100 ]; then
+    cat "$work/host.log" >&2
+    exit 1
+  fi
+  sleep 0.05
+done
+
+say "there: the remote side looks around"
+remote ls -l /
+remote stat /Grüße.txt
+remote cat /名前/привет.txt
+remote df -h
+
+say "there: the whole disk is fetched, and is identical"
+remote get -r / "$work/fetched"
+diff -r "$disk" "$work/fetched"
+echo "diff: no difference"
+
+say "there: a tree is put on the disk, changed and removed"
+remote put -r "$root/protocol" /backup
+remote mv /backup /protocol-backup
+remote ls -R /protocol-backup
+diff -r "$root/protocol" "$disk/protocol-backup"
+echo "diff: no difference"
+remote rm -r /protocol-backup
+
+say "here: what the host logged"
+tail -n 4 "$work/host.log" | sed "s|$work/||g"
