@@ -1,6 +1,5 @@
 #include "link.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -14,16 +13,10 @@
 
 namespace zor::remote {
 
-namespace {
-
-Error lost(std::string message) { return {ErrorKind::kLinkLost, std::move(message)}; }
-
-std::string seconds(std::chrono::milliseconds time) {
+std::string Link::seconds(std::chrono::milliseconds time) {
   const auto ms = time.count();
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
-
-}  // namespace
 
 Link::Link(FileDescriptor socket, LinkOptions options)
     : mOptions(std::move(options)),
@@ -166,172 +159,6 @@ void Link::wake() {
   const std::uint64_t one = 1;
   // Fails only when the counter is full, and then the thread is awake anyway.
   [[maybe_unused]] const ssize_t written = ::write(mWakeup.get(), &one, sizeof one);
-}
-
-void Link::run() {
-  for (;;) {
-    try {
-      if (!waitForEvents()) break;
-    } catch (const std::bad_alloc&) {
-      breakLink(lost("there is not enough memory for what the host sends"));
-    }
-  }
-  breakLink(lost("the connection was closed on this side"));
-  while (runTasks()) {
-  }
-}
-
-bool Link::waitForEvents() {
-  std::array<pollfd, 2> events{pollfd{-1, 0, 0}, pollfd{mWakeup.get(), POLLIN, 0}};
-  auto timeout = mOptions.idleTimeout;
-  {
-    const std::lock_guard lock(mMutex);
-    if (mStop) return false;
-    if (!mBroken) {
-      events[0].fd = mSocket.get();
-      events[0].events = static_cast<short>(mOutgoing.empty() ? POLLIN : POLLIN | POLLOUT);
-      if (!mPending.empty()) {
-        timeout =
-            std::chrono::ceil<std::chrono::milliseconds>(mLastArrival + timeout - Clock::now());
-      }
-    }
-  }
-  if (timeout.count() <= 0) {
-    breakLink(lost("no answer from the host for " + seconds(mOptions.idleTimeout)));
-    return true;
-  }
-  const auto limit = std::min<std::int64_t>(timeout.count(), 1 << 30);
-  if (::poll(events.data(), events.size(), static_cast<int>(limit)) <= 0) return true;
-  if (events[1].revents != 0) {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t got = ::read(mWakeup.get(), &count, sizeof count);
-    runTasks();
-  }
-  if ((events[0].revents & POLLOUT) != 0) {
-    const std::lock_guard lock(mMutex);
-    flush();
-  }
-  if ((events[0].revents & ~POLLOUT) != 0) receive();
-  return true;
-}
-
-void Link::receive() {
-  const std::span<const iovec> room = mReader.room();
-  msghdr message{};
-  message.msg_iov = const_cast<iovec*>(room.data());
-  message.msg_iovlen = room.size();
-  const ssize_t got = ::recvmsg(mSocket.get(), &message, MSG_DONTWAIT);
-  if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) return;
-  if (got < 0) return breakLink(lost(std::string("the connection broke: ") + strerror(errno)));
-  if (got == 0) {
-    bool announced = false;
-    {
-      const std::lock_guard lock(mMutex);
-      announced = mAnnouncement.has_value();
-    }
-    return breakLink(lost(announced ? "the host closed the connection"
-                                    : "the host closed the connection before it announced a disk; "
-                                      "it serves one remote side at a time"));
-  }
-  {
-    const std::lock_guard lock(mMutex);
-    mLastArrival = Clock::now();
-  }
-  Status status = mReader.consume(
-      static_cast<std::size_t>(got),
-      [this](const PacketHeader& header, Buffer payload) { dispatch(header, std::move(payload)); });
-  if (!status) breakLink(lost(status.error().message));
-}
-
-void Link::dispatch(const PacketHeader& header, Buffer payload) {
-  if (header.cmd == wire::code(wire::Command::kSmallFileNotice) &&
-      header.requestId == wire::kSmallFileNoticeRequestId) {
-    const std::lock_guard lock(mMutex);
-    mSmallFiles = true;
-  } else if (header.cmd == wire::code(wire::Command::kMountRemote) &&
-             header.requestId == wire::kAnnouncementRequestId) {
-    greet(header, payload);
-  } else {
-    complete(header, std::move(payload));
-  }
-}
-
-void Link::greet(const PacketHeader& header, const Buffer& payload) {
-  wire::Cursor cursor(payload.bytes());
-  wire::MountAnnouncement record{};
-  cursor.get(record);
-  const wire::Bytes name = cursor.take(record.nameLength);
-  const wire::Bytes tail = cursor.take(2);
-  if (!cursor.ok() || !cursor.rest().empty() || tail[0] != std::byte{0}) {
-    return breakLink(lost("the host announced the disk with a malformed packet"));
-  }
-  const std::lock_guard lock(mMutex);
-  if (mAnnouncement || mBroken) return;
-  mAnnouncement = Announcement{header.devId,
-                               std::string(reinterpret_cast<const char*>(name.data()), name.size()),
-                               tail[1] != std::byte{0}};
-  const std::string_view drive = std::string_view(mOptions.driveName).substr(0, 0xffff);
-  Request answer{wire::Command::kMountResponse, {}, {}};
-  answer.payload = Buffer(wire::encoded(
-      wire::MountResponseRecord{record.nameLength, static_cast<std::uint16_t>(drive.size())}));
-  answer.payload.append(std::as_bytes(std::span(drive)));
-  answer.payload.append(name);
-  enqueue(std::move(answer));
-  flush();
-  mAnnounced.notify_all();
-}
-
-void Link::complete(const PacketHeader& header, Buffer payload) {
-  Pending request;
-  Completion unanswered;
-  {
-    const std::lock_guard lock(mMutex);
-    const auto at = mPending.find(header.requestId);
-    if (at == mPending.end() || header.devId != mAnnouncement->devId) return;
-    request = std::move(at->second);
-    mPending.erase(at);
-    if (const auto silent = mPending.find(request.fenced); silent != mPending.end()) {
-      unanswered = std::move(silent->second.done);
-      mPending.erase(silent);
-    }
-  }
-  if (unanswered) {
-    unanswered(Error{ErrorKind::kUnanswered, "the host passed over the request"});
-  }
-  if (!request.done) return;
-  if (header.cmd == wire::code(request.command)) {
-    request.done(std::move(payload));
-  } else {
-    request.done(Error{ErrorKind::kBadReply, "the host answered another command"});
-  }
-}
-
-void Link::breakLink(Error error) {
-  std::unordered_map<std::uint32_t, Pending> pending;
-  {
-    const std::lock_guard lock(mMutex);
-    if (mBroken) return;
-    mBroken = error;
-    mSocket.reset();
-    mOutgoing.clear();
-    mSent = 0;
-    pending.swap(mPending);
-    mAnnounced.notify_all();
-  }
-  for (const auto& [id, request] : pending) {
-    if (request.done) request.done(error);
-  }
-  if (mOptions.onBroken) mOptions.onBroken(error);
-}
-
-bool Link::runTasks() {
-  std::vector<std::function<void()>> tasks;
-  {
-    const std::lock_guard lock(mMutex);
-    tasks.swap(mTasks);
-  }
-  for (const auto& task : tasks) task();
-  return !tasks.empty();
 }
 
 }  // namespace zor::remote

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "file_descriptor.h"
@@ -33,7 +34,7 @@ struct LinkOptions {
   /// arrived for this long.
   std::chrono::milliseconds idleTimeout{60000};
   /// Called once, on the link's thread, after everything in flight has failed.
-  std::function<void(const Error&)> onBroken;
+  std::function<void(const Error&)> onBroken{};
 };
 
 /// A transport over a connected stream socket, with one thread that reads,
@@ -81,14 +82,17 @@ class Link final : public Transport {
     std::size_t size() const { return header.size() + payload.size() + data.size(); }
   };
 
-  // With mMutex held.
+  static Error lost(std::string message) { return {ErrorKind::kLinkLost, std::move(message)}; }
+  static std::string seconds(std::chrono::milliseconds time);
+
+  // link.cpp, with mMutex held.
   std::uint32_t enqueue(Request request);
   std::uint32_t enqueuePending(Request request, Completion done, std::uint32_t fenced);
   bool refuse(Completion& done);
   void flush();
   void wake();
 
-  // On the link's thread.
+  // link_thread.cpp, on the link's thread.
   void run();
   bool waitForEvents();
   void receive();

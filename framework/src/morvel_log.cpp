@@ -21,9 +21,12 @@ spdlog::level::level_enum spdlogLevel(int level) noexcept {
 // sequence in one must not forge a line or drive the reader's terminal.
 std::string visible(const char* text) {
   std::string line;
+  bool behindC2 = false;  // the lead byte of U+0080 to U+009F, control characters as well
   for (; *text != '\0'; ++text) {
     const auto byte = static_cast<unsigned char>(*text);
-    if (byte < 0x20 || byte == 0x7f) {
+    const bool control = byte < 0x20 || byte == 0x7f || (behindC2 && byte < 0xa0);
+    behindC2 = byte == 0xc2;
+    if (control) {
       char escaped[5];
       std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
       line += escaped;

@@ -10,7 +10,7 @@
 namespace zor {
 namespace {
 
-constexpr std::uint64_t kGrowthStep = 128 * 1024;
+constexpr std::uint64_t kGrowthStep = std::uint64_t{128} << 10;
 
 // Takes ownership of `data`, also when there is no memory for the buffer.
 std::unique_ptr<PacketBuffer> adopt(std::uint8_t* data, std::uint64_t capacity) noexcept {

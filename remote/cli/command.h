@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "connection.h"
 #include "console.h"
@@ -37,17 +38,24 @@ struct Command {
 void addListing(CLI::App& app, Command& chosen);  // ls, stat, df
 void addCat(CLI::App& app, Command& chosen);
 void addGet(CLI::App& app, Command& chosen);
+void addPut(CLI::App& app, Command& chosen);
+void addRemove(CLI::App& app, Command& chosen);      // rm
+void addNames(CLI::App& app, Command& chosen);       // mkdir, mv, ln
+void addAttributes(CLI::App& app, Command& chosen);  // chmod, chown, truncate, sync
+void addWatch(CLI::App& app, Command& chosen);
 
 /// Tells that `what` failed with `path`; returns false.
-inline bool report(Context& context, std::string_view what, std::string_view path,
-                   const Error& error) {
-  std::string text("cannot ");
-  text.append(what).append(" '").append(path).append("': ").append(error.message);
-  context.console.message(text);
-  return false;
-}
+bool report(Context& context, std::string_view what, std::string_view path, const Error& error);
 
-/// Whether trying the next path makes sense after this error.
+/// Whether `path` is a directory or a link to one.
+bool isDirectory(Context& context, const std::string& path);
+
+/// Does `act` with each path and tells of failures ("cannot WHAT 'PATH'") and
+/// how far it came; true when there was none.
+bool forEach(Context& context, const std::vector<std::string>& paths, std::string_view what,
+             const std::function<Status(const std::string&)>& act);
+
+/// Whether trying the next path makes no sense after this error.
 inline bool isFatal(const Error& error) { return error.kind == ErrorKind::kLinkLost; }
 
 }  // namespace zor::remote::cli

@@ -35,13 +35,16 @@ void Output::write(std::string_view bytes) {
     return;
   }
   flush();
-  mBuffer.assign(bytes);
-  flush();
+  writeNow(bytes);
 }
 
 void Output::flush() {
-  const int reason = writeAll(STDOUT_FILENO, mBuffer);
+  writeNow(mBuffer);
   mBuffer.clear();
+}
+
+void Output::writeNow(std::string_view bytes) {
+  const int reason = writeAll(STDOUT_FILENO, bytes);
   if (reason == EPIPE) throw BrokenPipe();
   if (reason != 0) {
     throw std::system_error(reason, std::generic_category(), "cannot write standard output");

@@ -25,6 +25,8 @@ class Output {
   std::string shown(std::string_view name) const;
 
  private:
+  void writeNow(std::string_view bytes);
+
   bool mTerminal;
   std::string mBuffer;
 };

@@ -13,11 +13,12 @@ namespace {
 
 constexpr unsigned kMaxListings = 16;
 constexpr std::size_t kEnoughFiles = 1024;  ///< known and waiting: no more are looked for
+constexpr unsigned kEnoughDirs = 256;       ///< open on this machine: the same
 
 }  // namespace
 
 Download::Download(Context& context, DownloadOptions options)
-    : mContext(context), mOptions(options), mProgress(context.console) {}
+    : TransferRun(context, "fetched"), mOptions(options) {}
 
 void Download::add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
                    std::string name) {
@@ -28,9 +29,7 @@ void Download::add(std::string path, const udisk_stat& attributes, std::shared_p
     const bool batched = mOptions.batches && attributes.st_size <= kSmallFile;
     (batched ? mSmallFiles : mFiles).push_back(std::move(source));
   } else if (S_ISDIR(attributes.st_mode) && mOptions.recursive) {
-    auto made = LocalDir::make(source.dir, source.name, attributes);
-    if (!made) return fail("make a directory for", source.path, made.error());
-    addContents(std::move(source.path), std::move(*made));
+    mDirectories.push_back({std::move(source), nullptr});
   } else {
     ++mFailures;
     mContext.console.message(
@@ -42,52 +41,36 @@ void Download::add(std::string path, const udisk_stat& attributes, std::shared_p
 }
 
 void Download::addContents(std::string path, std::shared_ptr<LocalDir> dir) {
-  mDirectories.push_back({std::move(path), std::move(dir)});
+  mDirectories.push_back({{std::move(path), {}, nullptr, {}}, std::move(dir)});
 }
 
-void Download::fail(std::string_view what, std::string_view path, const Error& error) {
-  ++mFailures;
-  if (!isFatal(error)) {
-    report(mContext, what, path, error);
-  } else if (!mLost) {
-    mLost = error;
-    mContext.console.message("stopped: " + error.message);
-  }
-}
+bool Download::makeRequest() { return read() || list(); }
 
-bool Download::run() {
-  for (;;) {
-    pump();
-    if (mWindow.empty() && mListings == 0) break;
-    if (!mContext.loop.runOne()) {
-      mContext.console.message("interrupted");
-      mProgress.summary("fetched", mFailures);
-      return false;
-    }
+bool Download::list() {
+  const std::size_t waiting = mFiles.size() + mSmallFiles.size();
+  const bool enough = waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs;
+  if (mDirectories.empty() || mListings >= kMaxListings || (enough && !mWindow.empty())) {
+    return false;
   }
-  mProgress.summary("fetched", mFailures);
-  return mFailures == 0;
-}
-
-void Download::pump() {
-  while (!mLost && pumpReads()) {
-  }
-  while (!mLost && mListings < kMaxListings && !mDirectories.empty() &&
-         mFiles.size() + mSmallFiles.size() < kEnoughFiles) {
-    list();
-  }
-}
-
-void Download::list() {
   Directory directory = std::move(mDirectories.back());
   mDirectories.pop_back();
+  Source& source = directory.source;
+  if (!directory.local) {
+    auto made = LocalDir::make(std::move(source.dir), source.name, source.attributes);
+    if (!made) {
+      fail("make a directory for", source.path, made.error());
+      return true;
+    }
+    directory.local = std::move(*made);
+  }
   ++mListings;
-  const std::string path = directory.path;
-  mContext.disk.list(path, onLoop<Listing>(mContext.loop, [this, directory = std::move(directory)](
-                                                              Result<Listing> listing) {
+  mContext.disk.list(source.path,
+                     entered<Listing>(0, [this, path = source.path,
+                                          local = directory.local](Result<Listing> listing) {
                        --mListings;
-                       listed(directory.path, directory.dir, std::move(listing));
+                       listed(path, local, std::move(listing));
                      }));
+  return true;
 }
 
 void Download::listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
@@ -115,8 +98,7 @@ void Download::examine(Source source) {
                 }));
 }
 
-/// Makes the next request that fits; false when there is none.
-bool Download::pumpReads() {
+bool Download::read() {
   if (batchReady() && mWindow.fits(kBatchBytes)) {
     askBatch();
     return true;
@@ -140,7 +122,8 @@ bool Download::pumpReads() {
 /// Whether a batch is full, or will not become fuller by itself.
 bool Download::batchReady() const {
   return mSmallFiles.size() >= kBatchFiles ||
-         (!mSmallFiles.empty() && mListings == 0 && mDirectories.empty());
+         (!mSmallFiles.empty() && mListings == 0 &&
+          (mDirectories.empty() || LocalDir::count() >= kEnoughDirs));
 }
 
 }  // namespace zor::remote::cli

@@ -8,10 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "command.h"
 #include "local_tree.h"
-#include "progress.h"
-#include "window.h"
+#include "transfer_run.h"
 
 namespace zor::remote::cli {
 
@@ -20,7 +18,7 @@ struct DownloadOptions {
   bool batches = false;  ///< fetch small files together where the host serves that
 };
 
-class Download {
+class Download final : public TransferRun {
  public:
   Download(Context& context, DownloadOptions options);
 
@@ -31,18 +29,18 @@ class Download {
   /// Fetches what a directory holds into `dir`.
   void addContents(std::string path, std::shared_ptr<LocalDir> dir);
 
-  /// Tells of a failure that is not the end of the rest.
-  void fail(std::string_view what, std::string_view path, const Error& error);
-
-  /// Works until all is done, told and counted; false when something failed.
-  bool run();
-
  private:
   struct Source {
     std::string path;
     udisk_stat attributes{};
     std::shared_ptr<LocalDir> dir;
     std::string name;
+  };
+
+  /// A directory that is to be listed.
+  struct Directory {
+    Source source;                    ///< what to make for it, or only its path
+    std::shared_ptr<LocalDir> local;  ///< null until it is made
   };
 
   /// A file on its way.
@@ -67,10 +65,10 @@ class Download {
   static constexpr std::size_t kBatchFiles = 256;
 
   // download.cpp
-  void pump();
-  bool pumpReads();
+  bool makeRequest() override;
+  bool read();
   bool batchReady() const;
-  void list();
+  bool list();
   void listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
               Result<Listing> listing);
   void examine(Source source);
@@ -90,22 +88,13 @@ class Download {
   void commit(Transfer& transfer);
   void giveUp(Transfer& transfer, const Error& error);
 
-  Context& mContext;
   const DownloadOptions mOptions;
-  Progress mProgress;
-  Window mWindow;
-  unsigned mListings = 0;  ///< directories and attributes asked for
-  struct Directory {
-    std::string path;
-    std::shared_ptr<LocalDir> dir;
-  };
+  unsigned mListings = 0;  ///< requests in flight whose answers may bring more files
   std::vector<Directory> mDirectories;
   std::deque<Source> mFiles;
   std::deque<Source> mSmallFiles;   ///< those that are fetched in batches
   std::vector<TransferPtr> mAgain;  ///< changed while they were read
   TransferPtr mCurrent;             ///< the file whose requests are being made
-  std::uint64_t mFailures = 0;
-  std::optional<Error> mLost;
 };
 
 }  // namespace zor::remote::cli

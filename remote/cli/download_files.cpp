@@ -40,17 +40,14 @@ void Download::askNext(const TransferPtr& transfer, std::uint32_t size) {
 void Download::ask(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size) {
   ++transfer->inFlight;
   ++transfer->reads;
-  mWindow.enter(size);
-  mContext.disk.read(
-      transfer->source.path, static_cast<std::int64_t>(offset), size,
-      onLoop<FileData>(mContext.loop, [this, transfer, offset, size](Result<FileData> data) {
-        mWindow.leave(size);
-        if (data) {
-          arrived(transfer, offset, size, data->bytes());
-        } else {
-          arrived(transfer, offset, size, std::move(data.error()));
-        }
-      }));
+  mContext.disk.read(transfer->source.path, static_cast<std::int64_t>(offset), size,
+                     entered<FileData>(size, [this, transfer, offset, size](Result<FileData> data) {
+                       if (data) {
+                         arrived(transfer, offset, size, data->bytes());
+                       } else {
+                         arrived(transfer, offset, size, std::move(data.error()));
+                       }
+                     }));
 }
 
 void Download::askBatch() {
@@ -69,20 +66,18 @@ void Download::askBatch() {
     transfer->asked = transfer->size();
     transfer->reads = transfer->inFlight = 1;
   }
-  mWindow.enter(cost);
   mContext.disk.readSmallFiles(
-      pieces, onLoop<FilePieces>(
-                  mContext.loop, [this, batch = std::move(batch), cost](Result<FilePieces> answer) {
-                    mWindow.leave(cost);
-                    for (std::size_t i = 0; i < batch.size(); ++i) {
-                      const auto size = static_cast<std::uint32_t>(batch[i]->size() + 1);
-                      if (answer) {
-                        arrived(batch[i], 0, size, answer->pieces[i]);
-                      } else {
-                        arrived(batch[i], 0, size, answer.error());
-                      }
-                    }
-                  }));
+      pieces,
+      entered<FilePieces>(cost, [this, batch = std::move(batch)](Result<FilePieces> answer) {
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+          const auto size = static_cast<std::uint32_t>(batch[i]->size() + 1);
+          if (answer) {
+            arrived(batch[i], 0, size, answer->pieces[i]);
+          } else {
+            arrived(batch[i], 0, size, answer.error());
+          }
+        }
+      }));
 }
 
 void Download::arrived(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size,
@@ -135,13 +130,10 @@ void Download::settle(const TransferPtr& transfer) {
   if (transfer->error) return giveUp(*transfer, *transfer->error);
   // One answer is one moment of the file; several need not be of the same.
   if (!transfer->suspicious && transfer->reads == 1) return commit(*transfer);
-  ++mListings;
-  mContext.disk.attributes(
-      transfer->source.path,
-      onLoop<udisk_stat>(mContext.loop, [this, transfer](const Result<udisk_stat>& now) {
-        --mListings;
-        verify(transfer, now);
-      }));
+  mContext.disk.attributes(transfer->source.path,
+                           entered<udisk_stat>(0, [this, transfer](const Result<udisk_stat>& now) {
+                             verify(transfer, now);
+                           }));
 }
 
 void Download::verify(const TransferPtr& transfer, const Result<udisk_stat>& now) {

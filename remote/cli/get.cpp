@@ -50,6 +50,9 @@ bool runGet(Context& context, const GetOptions& options) {
                             "' must be a directory to take several files");
     return false;
   }
+  if (options.destination.empty()) {
+    return localFailure(context, "", {ErrorKind::kRefused, "it has no name"});
+  }
   std::string parent = options.destination;
   std::string name;
   if (!into) {
@@ -67,6 +70,8 @@ bool runGet(Context& context, const GetOptions& options) {
   for (const auto& [path, attributes] : found) {
     if (!attributes) {
       download.fail("fetch", path, attributes.error());
+    } else if (!into && options.destination.back() == '/' && !S_ISDIR(attributes->st_mode)) {
+      download.fail("write to", options.destination, {ErrorKind::kRefused, "no such directory"});
     } else if (into && path == "/" && options.download.recursive) {
       download.addContents(path, *dir);
     } else {

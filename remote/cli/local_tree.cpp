@@ -52,6 +52,7 @@ Result<std::shared_ptr<LocalDir>> LocalDir::make(std::shared_ptr<LocalDir> paren
 }
 
 LocalDir::~LocalDir() {
+  --sCount;
   if (!mLike) return;
   // Best effort: some file systems have neither.
   static_cast<void>(::fchmod(fd(), mLike->st_mode & 0777U));

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -33,9 +34,16 @@ class LocalDir {
 
   int fd() const noexcept { return mFd.get(); }
 
+  /// How many there are in the process.
+  static unsigned count() noexcept { return sCount; }
+
  private:
   LocalDir(FileDescriptor fd, std::shared_ptr<LocalDir> parent)
-      : mFd(std::move(fd)), mParent(std::move(parent)) {}
+      : mFd(std::move(fd)), mParent(std::move(parent)) {
+    ++sCount;
+  }
+
+  static inline std::atomic<unsigned> sCount{0};
 
   FileDescriptor mFd;
   std::shared_ptr<LocalDir> mParent;  ///< completed after this one

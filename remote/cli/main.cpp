@@ -20,6 +20,8 @@ int endBySignal(int number) {
   return kFailure;
 }
 
+/// The exit code, or minus the signal that the process is to end by. All that
+/// the command made is gone by then, temporary files included.
 int run(const ConnectionOptions& options, const Command& command) {
   // The loop must outlive the connection, whose thread posts to it.
   EventLoop loop;
@@ -44,13 +46,13 @@ int run(const ConnectionOptions& options, const Command& command) {
       ok = command.run(context);
       out.flush();
     } catch (const BrokenPipe&) {
-      return endBySignal(SIGPIPE);
+      return -SIGPIPE;
     } catch (const std::exception& error) {
       console.message(error.what());
       ok = false;
     }
   }
-  if (!ok && loop.signal() != 0) return endBySignal(loop.signal());
+  if (!ok && loop.signal() != 0) return -loop.signal();
   return ok ? 0 : kFailure;
 }
 
@@ -78,13 +80,19 @@ int main(int argc, char** argv) {
   addListing(app, command);
   addCat(app, command);
   addGet(app, command);
+  addPut(app, command);
+  addNames(app, command);
+  addRemove(app, command);
+  addAttributes(app, command);
+  addWatch(app, command);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kUsage;
   }
   options.link.idleTimeout = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
-  return run(options, command);
+  const int result = run(options, command);
+  return result < 0 ? endBySignal(-result) : result;
 }
 
 }  // namespace

@@ -29,8 +29,11 @@ void Progress::show() {
 void Progress::summary(std::string_view done, std::uint64_t failures) {
   const std::string size =
       mBytesDone < 1024 ? counted(mBytesDone, "byte") : humanSize(mBytesDone) + "iB";
-  mConsole.message(std::string(done) + " " + counted(mFilesDone, "file") + ", " + size +
-                   (failures == 0 ? std::string() : "; " + counted(failures, "failure")));
+  std::string text = std::string(done) + " " + counted(mFilesDone, "file");
+  if (missing() > 0) text += " of " + std::to_string(mFiles);
+  text += ", " + size;
+  if (failures > 0) text += "; " + counted(failures, "failure");
+  mConsole.message(text);
 }
 
 }  // namespace zor::remote::cli

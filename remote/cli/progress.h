@@ -23,6 +23,9 @@ class Progress {
   void undone(std::uint64_t bytes) { mBytesDone -= bytes; }
   void finished() { ++mFilesDone; }
 
+  /// Files that were expected and have not finished.
+  std::uint64_t missing() const { return mFiles - mFilesDone; }
+
   /// Says what was `done` ("fetched"), and what was not.
   void summary(std::string_view done, std::uint64_t failures);
 

@@ -92,7 +92,7 @@ class ListingReader {
   /// terminator, a name with a zero byte inside.
   bool next(DirEntry& entry) noexcept {
     if (mCursor.rest().size() <= 1) return false;
-    DirEntryRecord record;
+    DirEntryRecord record{};
     if (!mCursor.get(record)) return false;
     const Bytes bytes = mCursor.take(record.name_length);
     if (bytes.empty()) return fail();

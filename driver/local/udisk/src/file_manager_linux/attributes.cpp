@@ -97,16 +97,19 @@ int FileManagerLinux::set_statvfs(struct statvfs st, udisk_statvfs* out) {
 }
 
 int FileManagerLinux::UdiskGetStatvfs(char* path, udisk_statvfs* out) {
-  return UdiskGetStatvfs(DiskRoot(path), out);
+  const UniqueFd fd(::open(path, O_PATH | O_CLOEXEC));
+  return statisticsOf(fd.get(), out);
 }
 
 int FileManagerLinux::UdiskGetStatvfs(const DiskRoot& root, udisk_statvfs* out) {
+  return statisticsOf(root.error() == 0 ? root.fd() : -1, out);
+}
+
+int FileManagerLinux::statisticsOf(int fd, udisk_statvfs* out) {
   struct statvfs volume {};
   struct statfs blocks {};
-  if (root.error() == 0) {
-    ::fstatvfs(root.fd(), &volume);
-    ::fstatfs(root.fd(), &blocks);
-  }
+  ::fstatvfs(fd, &volume);
+  ::fstatfs(fd, &blocks);
   set_statvfs(volume, out);
   // The block counts come from the call that carries them in 64 bits everywhere.
   out->f_bsize = static_cast<std::uint64_t>(blocks.f_bsize);

@@ -55,7 +55,7 @@ class ListingBuffer {
 
  private:
   static constexpr std::size_t kTrailer = 1;
-  static constexpr std::size_t kFirstSize = 16 * 1024;
+  static constexpr std::size_t kFirstSize = std::size_t{16} << 10;
 
   bool reserve(std::size_t more) {
     if (more <= mCapacity - mSize) return true;

@@ -16,7 +16,7 @@ namespace zor {
 
 /// A listing in memory. `entries` comes from the C allocator; whoever filled
 /// the record frees it with `free`.
-struct _UDISK_DIR_ATTR {
+struct _UDISK_DIR_ATTR {  // NOLINT(bugprone-reserved-identifier): the name is the interface's
   std::uint32_t entryCount;
   std::uint32_t bufferLength;
   unsigned char* entries;
@@ -109,6 +109,9 @@ class FileManagerLinux {
   int UdiskRename(const Location& from, const Location& to);
   int UdiskDeleteDirectory(const char* path);
   int UdiskDeleteDirectory(const Location& directory);
+
+ private:
+  int statisticsOf(int fd, udisk_statvfs* out);
 };
 
 }  // namespace zor

@@ -40,6 +40,12 @@ class Ancestors {
   DiskRoot* mRoot;
 };
 
+bool isDirectory(const Location::Entry& entry) noexcept {
+  struct stat status {};
+  return ::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISDIR(status.st_mode);
+}
+
 }  // namespace
 
 int FileManagerLinux::UdiskMakeDir(char* path, int mode, short createLast) {
@@ -72,6 +78,10 @@ int FileManagerLinux::UdiskLink(char* from, char* to) {
 }
 
 int FileManagerLinux::UdiskLink(const Location& from, const Location& to) {
+  if (to.directoryOnly()) {  // no directory comes into being by a link
+    errno = ENOENT;
+    return -1;
+  }
   const Location::Entry source = from.entry();
   const Location::Entry target = source ? to.entry() : Location::Entry{-1, ""};
   return target ? ::linkat(source.dirFd, source.name, target.dirFd, target.name, 0) : -1;
@@ -90,7 +100,9 @@ int FileManagerLinux::UdiskRename(char* from, char* to) {
 
 int FileManagerLinux::UdiskRename(const Location& from, const Location& to) {
   const Location::Entry source = from.entry();
-  const Location::Entry target = source ? to.entry() : Location::Entry{-1, ""};
+  const bool fits = source && (!to.directoryOnly() || isDirectory(source));
+  if (source && !fits) errno = ENOTDIR;
+  const Location::Entry target = fits ? to.entry() : Location::Entry{-1, ""};
   const int result = target ? ::renameat(source.dirFd, source.name, target.dirFd, target.name) : -1;
   MORVEL_DEBUG(kLogDebug, "rename return res:%d\n", result);
   return result;

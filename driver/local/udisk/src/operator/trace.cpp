@@ -1,4 +1,7 @@
 // Reports of notable moments to the device's trace sink.
+#include <exception>
+
+#include "morvel_log.h"
 #include "trace_keys.h"
 #include "udisk_operator.h"
 #include "zor_tracer.h"
@@ -9,18 +12,25 @@ void UDiskOperator::TraceZorDevice(std::string eventName, ZorDevice* device, boo
                                    std::string message, const std::string& context,
                                    const std::string& /*extra*/) {
   if (device == nullptr) return;
-  const std::shared_ptr<ZorDevBase> base = device->GetDevBase();
-  if (!base) return;
-  const std::string name = "LOCAL_" + eventName;
-  const TraceAttributes attributes = {{kTraceKeys[kTraceKeyStatus], success ? "success" : "error"},
-                                      {kTraceKeys[kTraceKeyMessage], std::move(message)},
-                                      {kTraceKeys[kTraceKeySuccess], success ? "true" : "false"},
-                                      {kTraceKeys[kTraceKeyProductName], GetLocalMountPoint()}};
-  const std::string id = ZorTracer::GetInstance().GenerateTraceId();
-  if (context.empty()) {
-    base->TraceEvent(id, name, attributes);
-  } else {
-    base->TraceEvent(id, context, name, attributes);
+  // Whatever stands in the way of an event (no descriptor is left for a trace
+  // id, say), the request that it tells of goes on.
+  try {
+    const std::shared_ptr<ZorDevBase> base = device->GetDevBase();
+    if (!base) return;
+    const std::string name = "LOCAL_" + eventName;
+    const TraceAttributes attributes = {
+        {kTraceKeys[kTraceKeyStatus], success ? "success" : "error"},
+        {kTraceKeys[kTraceKeyMessage], std::move(message)},
+        {kTraceKeys[kTraceKeySuccess], success ? "true" : "false"},
+        {kTraceKeys[kTraceKeyProductName], GetLocalMountPoint()}};
+    const std::string id = ZorTracer::GetInstance().GenerateTraceId();
+    if (context.empty()) {
+      base->TraceEvent(id, name, attributes);
+    } else {
+      base->TraceEvent(id, context, name, attributes);
+    }
+  } catch (const std::exception& error) {
+    MORVEL_ERROR("no trace of %s: %s", eventName.c_str(), error.what());
   }
 }
 

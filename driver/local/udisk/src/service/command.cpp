@@ -2,13 +2,13 @@
 
 #include <glib.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "file_manager_linux/unique_fd.h"

@@ -18,6 +18,7 @@ struct CommandResult {
 struct CommandOptions {
   int timeoutMs = 30'000;            ///< afterwards the program is killed
   std::size_t maxOutput = 1U << 20;  ///< the rest of the output is read and dropped
+  bool showErrors = true;            ///< false: the program's standard error goes nowhere
 };
 
 /// Runs a program that is looked up on PATH, with exactly these arguments and

@@ -41,7 +41,8 @@ void UDiskDriver::DataEventHandle() {
     std::unique_ptr<ZorPacket> packet;
     {
       std::unique_lock lock(mMutex);
-      if (g_queue_is_empty(mQueue)) {
+      // A stop that came before this wait has already notified.
+      if (!mStop && g_queue_is_empty(mQueue)) {
         mCond.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
       }
       if (mStop) {

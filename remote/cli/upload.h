@@ -1,0 +1,84 @@
+// Sending files and trees with many requests in flight.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "file_descriptor.h"
+#include "transfer_run.h"
+
+namespace zor::remote::cli {
+
+class Upload final : public TransferRun {
+ public:
+  Upload(Context& context, bool recursive) : TransferRun(context, "sent"), mRecursive(recursive) {}
+
+  /// Sends what the user named, a link's target for a link, as `remotePath`.
+  void add(const std::string& localPath, std::string remotePath);
+
+ private:
+  struct Mode {
+    std::string path;
+    std::uint32_t mode;
+  };
+  using Modes = std::vector<Mode>;
+
+  /// A directory over there, whose mode is to be set when the last user is gone.
+  struct Directory {
+    Directory(Mode own, std::shared_ptr<Modes> due, std::shared_ptr<Directory> above)
+        : mode(std::move(own)), modes(std::move(due)), parent(std::move(above)) {}
+    ~Directory() { modes->push_back(std::move(mode)); }
+    Mode mode;
+    std::shared_ptr<Modes> modes;
+    std::shared_ptr<Directory> parent;
+  };
+
+  struct Item {
+    std::string localPath;
+    std::string remotePath;
+    std::uint32_t mode = 0;
+    std::shared_ptr<Directory> parent;
+  };
+
+  /// A file on its way.
+  struct Transfer {
+    Item item;
+    FileDescriptor file;
+    std::int64_t offset = 0;  ///< how far it has been read
+    std::int64_t size = 0;    ///< as it was when it was opened
+    unsigned inFlight = 0;
+    bool read = false;  ///< to its end
+    std::optional<Error> error;
+  };
+  using TransferPtr = std::shared_ptr<Transfer>;
+
+  bool makeRequest() override;
+  void conclude() override;
+  void sort(std::string localPath, std::string remotePath, const struct stat& status,
+            std::shared_ptr<Directory> parent);
+  void makeDirectory();
+  void enter(const Item& item);
+  void setMode();
+  void create();
+  bool sendPiece(const TransferPtr& transfer);
+  void finish(const TransferPtr& transfer);
+
+  const bool mRecursive;
+  std::vector<Item> mDirectories;
+  std::deque<Item> mFiles;
+  std::deque<TransferPtr> mWriting;  ///< created, not yet read to their ends
+  std::vector<TransferPtr> mOpen;    ///< created, not yet complete
+  /// Of directories that are complete. Shared, since requests that are given up
+  /// may hold a directory longer than this object lives.
+  std::shared_ptr<Modes> mModes = std::make_shared<Modes>();
+  std::uint64_t mUnsetModes = 0;
+};
+
+}  // namespace zor::remote::cli

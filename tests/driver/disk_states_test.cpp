@@ -1,0 +1,106 @@
+// A disk that is gone, write-protected, or full of files that are none.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+
+#include "disk_fixture.h"
+#include "probes.h"
+
+namespace zor::test {
+namespace {
+
+class DiskStateTest : public DiskTest {
+ protected:
+  bool fails(const Probe& probe, const std::string& path) {
+    return answer(probe.cmd, probe.request(path)) == hexOf(probe.failure(path));
+  }
+  /// Whatever shows at the mount point now is not the disk.
+  void expectAllFail() {
+    const auto before = snapshot(disk);
+    for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/" + probe.leaf())) << probe.name;
+    EXPECT_EQ(snapshot(disk), before);
+  }
+};
+
+TEST_F(DiskStateTest, WhatShowsInPlaceOfAGoneDiskIsLeftAlone) {
+  fs::rename(disk, base + "/unplugged");
+  layOut();
+  expectAllFail();
+  EXPECT_GT(log.errors("the disk at " + disk + " is gone"), 0U);
+  announce();  // anew, it is a new disk
+  EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
+}
+
+TEST_F(DiskStateTest, AnotherFileSystemOverTheMountPointIsNotTheDisk) {
+  if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "nothing can be mounted here";
+  }
+  layOut();
+  expectAllFail();
+  ASSERT_EQ(::umount2(disk.c_str(), 0), 0);  // nothing holds it open
+  EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
+}
+
+TEST_F(DiskStateTest, AWriteProtectedDiskKeepsEveryByte) {
+  op.SetReadOnly(true);
+  const auto before = snapshot(disk);
+  for (const Probe& probe : kProbes) {
+    EXPECT_EQ(fails(probe, "/" + probe.leaf()), probe.changesDisk) << probe.name;
+  }
+  converse("120 0b000000 00000000 '/inside.txt' | =;");
+  EXPECT_EQ(snapshot(disk), before);
+}
+
+TEST_F(DiskStateTest, SpecialFilesFailAtOnce) {
+  ASSERT_EQ(::mkfifo((disk + "/fifo").c_str(), 0666), 0);
+  fs::create_symlink("fifo", disk + "/fifo-link");
+  sockaddr_un address{AF_UNIX, {}};
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s/socket", disk.c_str());
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::close(socket);
+  // As a plain file, the device would take every byte; only root can make it.
+  ::mknod((disk + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3));
+  const auto before = snapshot(disk);
+  ::alarm(60);  // ends a test that hangs
+  for (const std::string name : {"/fifo", "/fifo-link", "/socket", "/empty", "/null"}) {
+    if (!fs::exists(fs::symlink_status(disk + name))) continue;
+    for (const Probe& probe : kProbes) {
+      for (const int cmd : {103, 105, 106, 109, 110, 123}) {
+        EXPECT_TRUE(probe.cmd != cmd || fails(probe, name)) << probe.name << " " << name;
+      }
+    }
+    EXPECT_TRUE(ask(120, le(name.size(), 4) + le(0, 4) + name));
+  }
+  ::alarm(0);
+  EXPECT_EQ(snapshot(disk), before);
+}
+
+TEST_F(DiskStateTest, WithoutADescriptorLeftEveryRequestIsStillAnswered) {
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const int next = ::dup(0);
+  const rlimit none{static_cast<rlim_t>(next), before.rlim_max};
+  ::close(next);
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/" + probe.leaf())) << probe.name;
+  ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(DiskStateTest, WhatMayHaveChangedTheDiskIsRemembered) {
+  for (const Probe& probe : kProbes) {
+    for (const std::string& path : {"/" + probe.leaf(), std::string("/none/none")}) {
+      layOut();
+      Peek::diskChanged(op) = 0;
+      ask(probe.cmd, probe.request(path));
+      const bool modeOrOwner = probe.cmd == 111 || probe.cmd == 112;
+      EXPECT_EQ(Peek::diskChanged(op), probe.changesDisk && !modeOrOwner) << probe.name << path;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zor::test

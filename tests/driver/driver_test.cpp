@@ -1,0 +1,165 @@
+// The driver's life: opened, fed with events from other threads, closed; and
+// the module around it as a loader meets it.
+#include <dlfcn.h>
+
+#include "disk_fixture.h"
+#include "service/command.h"
+#include "udisk/udisk_driver.h"
+
+namespace zor {
+
+struct UDiskDriverPeek {
+  static std::string policy(const UDiskDriver& driver) { return driver.mPolicy; }
+};
+
+}  // namespace zor
+
+namespace zor::test {
+namespace {
+
+class DriverTest : public DiskTest {
+ protected:
+  DriverTest() {
+    device.id = 200;  // negative in the signed bytes of some calls
+    device.params = R"({"letter": ")" + base + R"(/", "label": "disk", "name": "USB"})";
+  }
+  /// Opened, and announced to the remote side.
+  std::shared_ptr<UDiskOperator> open() {
+    EXPECT_EQ(driver.Init(), 0);
+    EXPECT_TRUE(device.waitForSent(2));
+    return std::dynamic_pointer_cast<UDiskOperator>(driver.GetDriverObj());
+  }
+  int send(int cmd, const std::string& payload, int devId = 200) {
+    return driver.onEvent(requestOf(cmd, payload, devId), 0);
+  }
+  int sendFlush(const std::string& path) { return send(119, le(path.size(), 4) + le(0, 4) + path); }
+
+  UDiskDriver driver{&device, "policy"};
+};
+
+TEST_F(DriverTest, AnnouncesServesInOrderAndCloses) {
+  auto served = open();
+  ASSERT_TRUE(served);
+  EXPECT_EQ(served->GetLocalMountPoint(), disk);
+  EXPECT_EQ(served->GetDevId(), 200);
+  for (const char* path : {"/1", "/2", "/3"}) EXPECT_EQ(sendFlush(path), 0);
+  ASSERT_TRUE(device.waitForSent(5));
+  const auto sent = device.sent();
+  EXPECT_EQ(hexOf(sent[0]), hexTyped("27c87a00 0a1a0000 10000000 00000000"));
+  EXPECT_EQ(hexOf(sent[1]), hexTyped("27c86400 d2040000 17000000 00000000 0300 'USB' 00 00"));
+  EXPECT_EQ(sent[2].substr(24) + sent[3].substr(24) + sent[4].substr(24), "/1/2/3");
+
+  EXPECT_EQ(send(119, wire("02000000 00000000 '/x'"), 201), -1);
+  EXPECT_EQ(log.errors("this packet is other device myDevId: 200, DevId: 201"), 1U);
+  EXPECT_EQ(driver.OnEvent(static_cast<signed char>(200), 0, nullptr, 0), 0);
+  EXPECT_EQ(driver.OnEvent(9, 0, nullptr, 0), -1);
+  EXPECT_EQ(log.errors("this msg is invalid"), 1U);
+  driver.onBusEvent(requestOf(513, le(2000, 4), 77));  // events are everybody's
+  EXPECT_EQ(Peek::bandwidth(*served), 2000U);
+
+  EXPECT_EQ(driver.Close(0), 0);
+  EXPECT_EQ(driver.GetDriverObj(), nullptr);
+  EXPECT_EQ(served.use_count(), 1);
+  served.reset();
+  // Closed, it takes everything and does nothing.
+  log.clear();
+  EXPECT_EQ(driver.Close(0), 0);
+  EXPECT_EQ(log.all().size(), 2U);
+  EXPECT_EQ(sendFlush("/late"), 0);
+  EXPECT_EQ(driver.onBusEvent(requestOf(513, le(3000, 4))), 0);
+  EXPECT_EQ(device.sent().size(), 5U);
+  EXPECT_EQ(device.traces(), (std::vector<std::string>{
+                                 "LOCAL_UDISK_DRIVER_OPEN success - udisk driver open success",
+                                 "LOCAL_UDISK_READ_BW_INFO success - Udisk read bwinfo:2000",
+                                 "LOCAL_UDISK_DRIVER_CLOSE success - udisk driver close success"}));
+}
+
+TEST_F(DriverTest, RequestsQueuedBehindASlowOneAreDiscardedAtTheEnd) {
+  open();
+  driver.onBusEvent(requestOf(513, le(1000, 4)));
+  send(105, le(0, 12) + le(64000, 4) + le(6, 4) + le(0, 4) + "/spare");  // waits half a second
+  for (int i = 0; i < 3; ++i) sendFlush("/never");
+  while (!log.has("start limit")) std::this_thread::yield();
+  EXPECT_EQ(driver.Close(0), 0);
+  ASSERT_EQ(device.sent().size(), 3U);
+  EXPECT_EQ(device.sent()[2].substr(40), "/sparespare");
+}
+
+TEST_F(DriverTest, EventsFromManyThreadsAreServedInEachOnesOrder) {
+  const auto served = open();
+  std::vector<std::thread> threads;
+  for (const char name : {'a', 'b', 'c'}) {
+    threads.emplace_back([this, name] {
+      for (int i = 1000; i < 1200; ++i) sendFlush(name + std::to_string(i));
+    });
+  }
+  threads.emplace_back([&] {
+    for (int i = 0; i < 200; ++i) {
+      driver.onBusEvent(requestOf(513, le(0, 4)));
+      served->GetRemoteMountPoint();
+      served->SetRootPath((base + "/").data(), std::string("disk").data());
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    send(200, wire("0300 0200 'E:' 'USB'"));
+    send(101, wire("0300 'USB'"));
+    send(113, wire("02000000 00000000 '/x'"));
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(device.waitForSent(2 + 3 * 200 + 2 * 50));
+  std::map<char, std::string> last;
+  for (const std::string& sent : device.sent()) {
+    if (sent[2] != 119) continue;
+    EXPECT_LT(last[sent[24]], sent.substr(24));
+    last[sent[24]] = sent.substr(24);
+  }
+  EXPECT_EQ(last['c'], "c1199");
+  driver.Close(0);
+}
+
+TEST_F(DriverTest, ClosingAtOnceLosesNoThread) {
+  for (int round = 0; round < 50; ++round) {
+    UDiskDriver brief(&device, nullptr);
+    ASSERT_EQ(brief.Init(), 0);
+    brief.onEvent(requestOf(119, wire("02000000 00000000 '/x'"), 200), 0);
+    brief.Close(0);
+  }
+}
+
+TEST_F(DriverTest, ThePolicyIsCutAndTheInheritedAnswersAreFixed) {
+  for (const std::string& policy : {std::string(128, 'q'), std::string()}) {
+    EXPECT_EQ(UDiskDriverPeek::policy({&device, policy.c_str()}), policy.substr(0, 127));
+    driver.onPolicyChange(policy);
+    EXPECT_EQ(UDiskDriverPeek::policy(driver), policy.substr(0, 127));
+  }
+  std::uint16_t code = 0;
+  EXPECT_EQ(driver.onControl(nullptr, &code), -1);
+  EXPECT_EQ(std::to_string(code) + driver.GetDriverType(), "5382RawDrv");
+}
+
+TEST_F(DriverTest, TheModuleServesADiskThroughItsDescriptor) {
+  void* module = ::dlopen(UDISK_MODULE, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr) << ::dlerror();
+  auto* descriptor = static_cast<char*>(::dlsym(module, "ZOR_DRV_MODULE"));
+  ASSERT_NE(descriptor, nullptr);
+  EXPECT_EQ(hexOf({descriptor + 8, 16}), hexTyped("0000000000000000 0200 ffff ffff 0000"));
+  const char* name = nullptr;
+  std::memcpy(&name, descriptor + 24, sizeof name);
+  EXPECT_STREQ(name, "udisk-redir");
+  ZorDriver* (*entry)(ZorDevice*, const std::string&) = nullptr;
+  std::memcpy(&entry, descriptor, sizeof entry);
+  const std::unique_ptr<ZorDriver> loaded(entry(&device, "policy"));
+  ASSERT_TRUE(loaded && device.waitForSent(2));
+  loaded->onEvent(requestOf(117, wire("0600 0000 '/spare'"), 200), 0);
+  ASSERT_TRUE(device.waitForSent(3));
+  EXPECT_FALSE(fs::exists(disk + "/spare"));
+  EXPECT_EQ(loaded->GetDriverObj()->GetDevId(), 200);
+  EXPECT_EQ(loaded->Close(0), 0);
+
+  const CommandResult symbols = runCommand({"nm", "-D", "--defined-only", UDISK_MODULE});
+  if (!symbols.started) GTEST_SKIP() << "nm is not installed";
+  EXPECT_EQ(symbols.output.substr(symbols.output.find(' ')), " D ZOR_DRV_MODULE\n");
+}
+
+}  // namespace
+}  // namespace zor::test

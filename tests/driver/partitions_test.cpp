@@ -1,0 +1,268 @@
+// Probing and mounting with the system's tools, and with tools of the test's
+// own that stand before them on PATH and note how they are called.
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include "disk_fixture.h"
+#include "service/command.h"
+#include "service/udisk_service.h"
+
+namespace zor::test {
+namespace {
+
+using Calls = std::vector<std::vector<std::string>>;
+
+class PartitionsTest : public DiskTest {
+ protected:
+  PartitionsTest() {
+    fs::create_directory(base + "/bin");
+    ::setenv("PATH", (base + "/bin:" + mPathBefore).c_str(), 1);
+  }
+  ~PartitionsTest() override {
+    service.TakeDisk(nullptr);
+    ::setenv("PATH", mPathBefore.c_str(), 1);
+  }
+
+  /// From now on `name` notes its call and runs `script`.
+  void fake(const std::string& name, const std::string& script) {
+    const std::string file = base + "/bin/" + name;
+    put(file,
+        "#!/bin/sh\nprintf '%s\\0' " + name + " \"$@\" '\n' >> " + base + "/calls\n" + script);
+    fs::permissions(file, fs::perms(0755));
+  }
+  /// The calls since the last time, each with its program first.
+  Calls calls() {
+    Calls all(1);
+    std::istringstream arguments(contentsOf(base + "/calls"));
+    for (std::string argument; std::getline(arguments, argument, '\0');) {
+      if (argument == "\n") {
+        all.emplace_back();
+      } else {
+        all.back().push_back(argument);
+      }
+    }
+    fs::remove(base + "/calls");
+    all.pop_back();
+    return all;
+  }
+  /// "DEVICE LABEL TYPE\n" for every partition that a listing shows for `dev`.
+  std::string partitions(const std::string& listing, const char* dev = "/dev/sdb1") {
+    put(base + "/listing", listing);
+    fake("blkid", "cat " + base + "/listing");
+    UdiskDevice found;
+    EXPECT_EQ(service.GetDeviceLabel(dev, &found), 0);
+    std::string lines;
+    for (std::size_t i = 0; i < found.partCount; ++i) {
+      const UDiskInfo& part = found.parts[i];
+      lines += std::string(part.devPath) + " " + part.label + " " + part.fsType + "\n";
+    }
+    std::free(found.parts);
+    return lines;
+  }
+  static UDiskInfo partition(const std::string& dev, const std::string& label,
+                             const std::string& mountPath = "") {
+    UDiskInfo info{};
+    std::snprintf(info.devPath, sizeof info.devPath, "%s", dev.c_str());
+    std::snprintf(info.label, sizeof info.label, "%s", label.c_str());
+    std::snprintf(info.mountPath, sizeof info.mountPath, "%s", mountPath.c_str());
+    return info;
+  }
+  /// Hands the service a disk of these partitions, and unmounts it.
+  int unmount(const std::vector<UDiskInfo>& parts) {
+    auto* copy = static_cast<UDiskInfo*>(std::calloc(parts.size(), sizeof(UDiskInfo)));
+    std::copy(parts.begin(), parts.end(), copy);
+    service.TakeDisk(new UdiskDevice{static_cast<std::uint8_t>(parts.size()), copy});
+    return service.UmountLocal();
+  }
+
+  const std::string pid = std::to_string(::getpid());
+  UDiskService service{&device, &op};
+
+ private:
+  const std::string mPathBefore = std::getenv("PATH");
+};
+
+TEST_F(PartitionsTest, AreReadFromTheListing) {
+  // Texts are cut at 31 bytes, and at a whole character.
+  for (const auto& row : table(R"x(
+    LABEL="USB" UUID="12-AB" TYPE="vfat"              | USB vfat;
+    UUID="12-AB" LABEL="USB" TYPE="vfat"              | USB vfat;
+    UUID="12-AB" TYPE="vfat"                          | 12-AB vfat;
+    TYPE="swap"                                       | ;
+    LABEL="USB"                                       | ;
+    LABEL="MY DISK" TYPE="ntfs"                       | MY ntfs;
+    UUID="12" SEC_TYPE="msdos" LABEL="U" TYPE="vfat"  | 12 msdos;
+    PARTUUID="p-1" TYPE="v"                           | p-1 v;
+    LABEL="$(reboot)&-rf" TYPE="v"                    | $(reboot)&-rf v;
+    LABEL="unclosed TYPE="v                           | unclosed v;
+    LABEL="123456789012345678901234567890xyz" TYPE="v | 123456789012345678901234567890x v;
+    LABEL="123456789012345678901234567890ü" TYPE="v"  | 123456789012345678901234567890 v;
+    LABEL="€1234567890123456789012345678ü" TYPE="v"   | €1234567890123456789012345678 v;)x")) {
+    const std::string found = row[1].empty() ? "" : "/dev/sdb1 " + row[1] + "\n";
+    EXPECT_EQ(partitions("/dev/sdb1: " + row[0] + "\n"), found) << row[0];
+  }
+  EXPECT_EQ(partitions("/dev/sdb1 LABEL=\"no\" TYPE=\"colon\""), "");
+  std::string many = "/dev/sda1: LABEL=\"other\" TYPE=\"v\"\n";
+  for (int i = 1; i <= 258; ++i)
+    many += "/dev/sdb" + std::to_string(i) + ": LABEL=\"p\" TYPE=\"v\"\n";
+  EXPECT_EQ(partitions(many, "sda1"), "/dev/sda1 other v\n");
+  const std::string kept = partitions(many);
+  EXPECT_EQ(std::count(kept.begin(), kept.end(), '\n'), 255);
+  EXPECT_EQ(kept.find("/dev/sdb1 p v\n/dev/sdb2 p v\n"), 0U);
+  EXPECT_EQ(log.errors("partition left out"), 3U);
+
+  UdiskDevice untouched;
+  EXPECT_EQ(service.GetDeviceLabel("sdb", &untouched), -1);
+  ::setenv("PATH", base.c_str(), 1);
+  EXPECT_EQ(service.GetDeviceLabel("sdb1", &untouched), -1);
+  EXPECT_EQ(log.errors("excute blkid failed"), 1U);
+}
+
+TEST_F(PartitionsTest, TheRemovableDiskIsFoundInTheSystemsTables) {
+  fake("cat", R"(case "$1" in
+    /proc/partitions) printf 'name\n\n 8 0 9 sda\n 8 16 9 sdb\n 8 17 9 sdb1\n 8 32 7 sd\n 8 48 9 sdd\n' ;;
+    /sys/block/sdb/removable) echo 1 ;;
+    /sys/bus/usb/devices/1-2:1.0/bInterfaceClass) echo 08 ;;
+    /sys/bus/*) printf 1234567 ;;
+    *) echo 0 ;;
+  esac)");
+  char name[4] = {}, fixed[] = "sda", mass[] = "1-2", odd[] = "$(id) x";
+  EXPECT_EQ(service.GetDevName(name), 0);
+  EXPECT_STREQ(name, "sdb");
+  EXPECT_EQ(service.CheckRemovable(fixed), 0);
+  EXPECT_EQ(service.GetDeviceClass(mass), 8);
+  calls();
+  EXPECT_EQ(service.GetDeviceClass(odd), 123);
+  EXPECT_EQ(calls(), (Calls{{"cat", "/sys/bus/usb/devices/$(id) x:1.0/bInterfaceClass"}}));
+  fake("cat", "printf ' 8 0 9 sda\\n'");
+  service.GetDevName(name);
+  EXPECT_STREQ(name, "sda");  // none is removable: the last that was looked at
+}
+
+TEST_F(PartitionsTest, AToolGetsItsTimeItsArgumentsAndThreeDescriptors) {
+  EXPECT_FALSE(runCommand({"no-such-program-anywhere"}).started);
+  CommandOptions limits;
+  limits.timeoutMs = 300;
+  const CommandResult hung = runCommand({"sh", "-c", "echo begun; exec sleep 1000"}, limits);
+  EXPECT_TRUE(hung.started && !hung.succeeded());
+  EXPECT_EQ(hung.output, "begun\n");
+  // One that closed its output is waited for no longer, either.
+  EXPECT_FALSE(runCommand({"sh", "-c", "exec sleep 1000 > /dev/null"}, limits).succeeded());
+  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);  // every one was reaped
+  limits = {};
+  limits.maxOutput = 1000;
+  const CommandResult flood = runCommand({"sh", "-c", "yes | head -c 3000000"}, limits);
+  EXPECT_TRUE(flood.succeeded() && flood.output.size() == 1000);
+  const int inherited = ::dup(0);
+  EXPECT_FALSE(runCommand({"readlink", "/proc/self/fd/" + std::to_string(inherited)}).succeeded());
+  ::close(inherited);
+  EXPECT_EQ(runCommand({"printf", "%s|", "a b", "$(id)", "", "-n"}).output, "a b|$(id)||-n|");
+}
+
+TEST_F(PartitionsTest, NoLabelIsEverInterpreted) {
+  fake("mount", "exit 32");
+  fake("umount", "");
+  fake("rm", "");
+  const std::string dev = "/dev/sd" + pid, fits = pid + std::string(24 - pid.size(), 'x');
+  for (const std::string& label :
+       {"a b;$(id) `id`" + pid, "-rf" + pid, "a,b=c" + pid, "a\nb'\"\\" + pid, fits, fits + "x",
+        std::string(".."), std::string("."), "a/b" + pid, std::string()}) {
+    // What is no directory name, or none that fits, gives way to the device's.
+    const bool plain =
+        label.find(pid) != label.npos && label.size() < 25 && label.find('/') == label.npos;
+    const std::string directory = "/media/" + (plain ? label : "sd" + pid);
+    UDiskInfo info = partition(dev, label);
+    EXPECT_EQ(service.MountLocal(&info), 32 << 8);
+    EXPECT_EQ(info.mountPath, directory);
+    EXPECT_EQ(calls(), (Calls{{"umount", directory},
+                              {"mount", dev, directory, "-o", "dmask=0000", "-o", "fmask=0000",
+                               "-o", "iocharset=utf8"}}));
+    EXPECT_EQ(unmount({info}), 0);
+    EXPECT_EQ(calls(), (Calls{{"umount", "-l", directory},
+                              {"rm", "-rf", "--one-file-system", "--", directory}}));
+    fs::remove(directory);
+  }
+  EXPECT_EQ(log.errors("udisk mount errno: "), 10U);
+  for (const char* bad : {"", "sdb1", "-o", "/", "/dev/"}) {
+    UDiskInfo info = partition(bad, "..");
+    EXPECT_EQ(service.MountLocal(&info), -1) << bad;
+  }
+  EXPECT_TRUE(calls().empty());
+}
+
+TEST_F(PartitionsTest, WhatStaysMountedIsNeverRemoved) {
+  EXPECT_EQ(service.UmountLocal(), -1);  // there is no disk
+  EXPECT_EQ(op.GetLocalMountPoint(), disk);
+  const std::string busy = "/media/busy" + pid, free = "/media/free" + pid,
+                    link = "/media/ln" + pid;
+  if (::mkdir(busy.c_str(), 0700) != 0 ||
+      ::mount("tmpfs", busy.c_str(), "tmpfs", 0, nullptr) != 0) {
+    ::rmdir(busy.c_str());
+    GTEST_SKIP() << "nothing can be mounted here";
+  }
+  put(busy + "/precious", "data");
+  fs::create_directory(free);
+  put(free + "/left over", "by nobody");
+  fs::create_directory_symlink(outside, link);
+  fake("umount", "exit 1");
+  EXPECT_EQ(unmount({partition("", "", busy), partition("", "", link), partition("", "", free),
+                     partition("", "")}),
+            0);
+  EXPECT_EQ(calls().size(), 3U);
+  EXPECT_EQ(contentsOf(busy + "/precious"), "data");
+  EXPECT_EQ(log.errors(busy + " is still mounted, its directory is kept"), 1U);
+  EXPECT_FALSE(fs::exists(free));
+  EXPECT_EQ(contentsOf(outside + "/inside.txt"), "canary");
+  EXPECT_EQ(op.GetLocalMountPoint(), "");
+  EXPECT_EQ(service.UmountLocal(), -1);
+  EXPECT_EQ(::umount2(busy.c_str(), 0), 0);
+  fs::remove(busy);
+  fs::remove(link);
+}
+
+TEST_F(PartitionsTest, ARealDiskIsProbedMountedServedAndUnmounted) {
+  const std::string image = base + "/image", label = "U \xc3\xbc$(id)" + pid;
+  put(image, "");
+  fs::resize_file(image, 16 << 20);
+  CommandOptions quiet;
+  quiet.showErrors = false;
+  if (!runCommand({"mkntfs", "-F", "-q", "-L", label, image}, quiet).succeeded()) {
+    GTEST_SKIP() << "mkntfs is not installed";
+  }
+  std::string loop = runCommand({"losetup", "-f", "--show", image}, quiet).output;
+  if (loop.empty()) GTEST_SKIP() << "there is no loop device";
+  loop.pop_back();
+  UdiskDevice found;
+  EXPECT_EQ(service.GetDeviceLabel(loop.c_str(), &found), 0);
+  std::string listed;  // the listing's pieces end at blanks
+  for (std::size_t i = 0; i < found.partCount; ++i) {
+    if (found.parts[i].devPath == loop)
+      listed = found.parts[i].label + std::string(found.parts[i].fsType);
+  }
+  std::free(found.parts);
+  EXPECT_EQ(listed, "Untfs");
+
+  UDiskInfo info = partition(loop, label);
+  const bool mounted = service.MountLocal(&info) == 0;
+  if (mounted) {
+    op.SetRootPath(std::string("/media/").data(), std::string(label).data());
+    converse(R"(
+      103 04000000 00000000 a4010000 00000000 '/a/n' | 04000000 00000000 a4010000 ..000000 '/a/n';
+      106 0000000000000000 03000000 00000000 01000000 0400 0000 '/a/n' 'abc' |
+          0000000000000000 03000000 00000000 01000000 0400 0000 '/a/n';
+      118 00000000 0400 0200 '/a/n' '/m' | =;
+      115 0200 0000 '/a' | =;)");
+    EXPECT_EQ(contentsOf("/media/" + label + "/m"), "abc");
+    EXPECT_EQ(unmount({info}), 0);
+  }
+  EXPECT_EQ(fs::exists(info.mountPath), !mounted);
+  runCommand({"losetup", "-d", loop});
+  if (!mounted) {
+    fs::remove(info.mountPath);
+    GTEST_SKIP() << "the image cannot be mounted here";
+  }
+}
+
+}  // namespace
+}  // namespace zor::test

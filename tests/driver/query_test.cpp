@@ -1,0 +1,93 @@
+// Attributes and statistics, compared with what the platform says; mount points.
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+
+#include "disk_fixture.h"
+
+namespace zor::test {
+namespace {
+
+template <class... Values>
+std::string le64(Values... values) {
+  return (... + le(static_cast<std::uint64_t>(values), 8));
+}
+
+TEST_F(DiskTest, AttributesAreThePlatformsOwn) {
+  const timespec longAgo[] = {{-5, 7}, {-62135596800, 999999999}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, (disk + "/spare").c_str(), longAgo, 0), 0);
+  fs::resize_file(disk + "/inside.txt", 6LL << 30);
+  fs::create_hard_link(disk + "/inside.txt", disk + "/\xe5\xa4\xa7 \n");
+  ::mknod((disk + "/device").c_str(), S_IFBLK | 04600, makedev(0xabc, 0x12345));  // only as root
+  for (const auto& entry : fs::directory_iterator(disk)) {
+    const std::string name = "/" + entry.path().filename().string();
+    const struct stat s = lstatOf(disk + name);
+    const std::string attributes =
+        le64(s.st_dev, s.st_ino, s.st_nlink, s.st_size, s.st_rdev, s.st_blocks, s.st_blksize,
+             s.st_atim.tv_sec, s.st_atim.tv_nsec, s.st_mtim.tv_sec, s.st_mtim.tv_nsec,
+             s.st_ctim.tv_sec, s.st_ctim.tv_nsec) +
+        le(s.st_mode, 4) + le(s.st_uid, 4) + le(s.st_gid, 4) + le(0, 4);
+    EXPECT_EQ(answer(102, le(name.size(), 2) + le(0, 2) + name),
+              hexOf(le(name.size(), 2) + le(120, 2) + name + attributes))
+        << name;
+  }
+}
+
+TEST_F(DiskTest, StatisticsAreReadAgainOnceTheDiskMayHaveChanged) {
+  // The counts of free blocks and nodes move on their own; the rest stands.
+  struct statvfs v {};
+  struct statfs s {};
+  ::statvfs(disk.c_str(), &v);
+  ::statfs(disk.c_str(), &s);
+  const std::string any(32, '.'), old = hexOf(std::string(112, 'o'));
+  const std::string real = hexOf(le64(s.f_bsize, v.f_frsize, s.f_blocks)) + any +
+                           hexOf(le64(v.f_files)) + any +
+                           hexOf(le64(v.f_fsid, v.f_flag, v.f_namemax, 0, 0, 0));
+  op.SetRootPath((base + "/di").data(), std::string("sk").data());  // the same, labelled "sk"
+  using Row = std::pair<std::string, int>;
+  for (const auto& [path, matching] :
+       {Row{"/x", 2}, Row{"", 2}, Row{"disk", 2}, Row{"disk/x", 1}, Row{"di/x", 1}, Row{"sk/", 1},
+        Row{"skx/", 0}, Row{std::string(256, 'd') + "/", 0}, Row{std::string(300, 'd') + "/", 0}}) {
+    for (auto& record : Peek::statistics(op)) {
+      std::memset(static_cast<void*>(&record->statistics), 'o', 112);
+    }
+    // Unchanged, the first that matches is told from memory; changed, all are read again.
+    const std::string one = matching > 0 ? real : "", all = matching > 1 ? real + real : one;
+    for (const auto& [changed, records] :
+         {std::pair{0, matching > 0 ? old : ""}, {1, all}, {0, one}}) {
+      Peek::diskChanged(op) = changed;
+      const std::string expected = hexOf(le(path.size(), 4) + le(112, 4) + path) + records;
+      EXPECT_EQ(answer(113, le(path.size(), 4) + le(0, 4) + path, expected), expected) << path;
+      EXPECT_EQ(Peek::diskChanged(op), 0);
+    }
+  }
+}
+
+TEST_F(DiskTest, MountPointsThatAreTooLongResetEverything) {
+  EXPECT_EQ(UDiskOperator(&device).GetLocalMountPoint(), "/media/");
+  std::string letter(200, 'l'), fits(55, 'f'), tooLong(56, 'f');
+  EXPECT_EQ(op.SetRootPath(letter.data(), fits.data()), 0);
+  EXPECT_EQ(op.GetLocalMountPoint(), letter + fits);
+  EXPECT_EQ(Peek::statistics(op).size(), 2U);
+  EXPECT_EQ(op.SetRootPath(letter.data(), tooLong.data()), -1);
+  EXPECT_EQ(op.GetLocalMountPoint(), "");
+  EXPECT_TRUE(Peek::statistics(op).empty());
+  EXPECT_EQ(log.errors("mount point is longer than 255 characters"), 1U);
+}
+
+TEST_F(DiskTest, MountingMakesADirectoryOfThatName) {
+  const std::string name = "udisk-test-" + std::to_string(::getpid());
+  const std::string home = ::getuid() == 0 ? "/media" : ::getpwuid(::getuid())->pw_dir;
+  for (int round = 0; round < 2; ++round) {  // what is there already is no failure
+    EXPECT_EQ(ask(100, le(name.size(), 2) + name), le(name.size(), 2) + name);
+    EXPECT_TRUE(fs::is_directory(home + "/" + name));
+    EXPECT_EQ(op.GetLocalMountPoint(), "");
+  }
+  EXPECT_EQ(log.errors(), 0U);
+  fs::remove(home + "/" + name);
+}
+
+}  // namespace
+}  // namespace zor::test

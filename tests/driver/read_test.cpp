@@ -1,0 +1,136 @@
+// Reading of files, and its pacing by the announced bandwidth.
+#include "disk_fixture.h"
+#include "operator/read_limiter.h"
+
+namespace zor::test {
+namespace {
+
+class ReadTest : public DiskTest {
+ protected:
+  static std::string readOf(const std::string& path, std::uint32_t size, std::int64_t offset = 0) {
+    return le(static_cast<std::uint64_t>(offset), 8) + le(0, 4) + le(size, 4) + le(path.size(), 4) +
+           le(0, 4) + path;
+  }
+  std::string read(const std::string& path, std::uint32_t size, std::int64_t offset = 0) {
+    return ask(105, readOf(path, size, offset)).value().substr(24 + path.size());
+  }
+  void bandwidth(std::uint32_t value) { op.BusEventHandle(requestOf(513, le(value, 4))); }
+};
+
+TEST_F(ReadTest, MemoryFollowsWhatTheFileHoldsAndNotWhatWasAsked) {
+  EXPECT_EQ(read("/inside.txt", ~0U), "0123456789");
+  EXPECT_LT(device.capacity, 200U);
+  ASSERT_TRUE(ask(123, le(1, 4) + readOf("/inside.txt", 60 << 20)));
+  EXPECT_LT(device.capacity, 200U);
+
+  put(disk + "/sparse", "begin");
+  fs::resize_file(disk + "/sparse", (5LL << 30) + 3);
+  const std::string most = read("/sparse", ~0U);
+  EXPECT_EQ(most.size(), 32U << 20);  // no reply carries more
+  EXPECT_EQ(hexOf(most.substr(0, 6)), hexTyped("'begin' 00"));
+  for (const auto& [offset, count] : {std::pair{0LL, 3U}, {3LL, 0U}, {1LL << 60, 0U}}) {
+    EXPECT_EQ(read("/sparse", 100, (5LL << 30) + offset), std::string(count, '\0'));
+  }
+}
+
+TEST_F(ReadTest, FailuresAreReportedForThePathsThatAreTraced) {
+  device.pathTable->Add("/t*");
+  put(disk + "/t", "traced");
+  for (const auto& [path, offset] : {std::pair{"/t", 0},
+                                     {"/t", 6},
+                                     {"/spare", 0},
+                                     {"/tmissing", 0},
+                                     {"/missing", 0},
+                                     {"/t", -1}}) {
+    read(path, 10, offset);
+  }
+  const std::string ok = "LOCAL_UDISK_READ_FILE_SUCCESS success /t udisk readFile success";
+  const std::string bad = "LOCAL_UDISK_READ_FILE_FAIL error /t";
+  EXPECT_EQ(device.traces(), (std::vector{ok, ok, bad + "missing udisk readFile fail",
+                                          bad + " udisk readFile fail"}));
+  EXPECT_EQ(device.readFailures, (std::vector<std::string>{"/tmissing", "/t"}));
+  EXPECT_EQ(log.errors("file_read failed res: -1, \\n"), 3U);
+  device.pathTable.reset();
+  EXPECT_EQ(read("/t", 3), "tra");
+}
+
+TEST_F(ReadTest, TheLimiterCountsInWholePeriods) {
+  for (const auto& [kbit, length, budget] :
+       {std::tuple{1000U, 500, 64000U},
+        {1007U, 500, 64000U},
+        {1008U, 500, 64512U},
+        {10240U, 500, 655360U},
+        {10241U, 50, 65536U},
+        {10248U, 50, 65587U},
+        {100000U, 50, 640000U},
+        {0x02000008U, 50, 51U},
+        {~0U, 50, 214748313U}}) {  // the product wraps at 32 bits
+    EXPECT_EQ(ratePeriod(kbit).lengthMs, length) << kbit;
+    EXPECT_EQ(ratePeriod(kbit).budget, budget) << kbit;
+  }
+  const RatePeriod period{500, 64000};
+  for (const auto& [window, overrun, pause] : {std::tuple{63999U, 0, 0},
+                                               {64000U, 0, 500},
+                                               {64000U, 3, 497},
+                                               {~0U, 499, 1},
+                                               {64000U, 500, 0},
+                                               {64000U, 9000, 0}}) {
+    EXPECT_EQ(ratePause(period, window, overrun), pause);
+  }
+  for (const auto& [elapsed, overrun] : {std::pair{0, 0}, {500, 0}, {507, 7}, {-5, 0}}) {
+    EXPECT_EQ(rateOverrun(period, elapsed), overrun);
+  }
+}
+
+TEST_F(ReadTest, AnnouncementsAreStoredWithTheirFloorAndReportedNowAndThen) {
+  for (const auto& [announced, stored] : {std::pair{1U, 1000U},
+                                          {999U, 1000U},
+                                          {1000U, 1000U},
+                                          {1001U, 1001U},
+                                          {0U, 0U},
+                                          {~0U, ~0U},
+                                          {5000U, 5000U}}) {
+    bandwidth(announced);
+    EXPECT_EQ(Peek::bandwidth(op), stored);
+  }
+  op.BusEventHandle(requestOf(512, le(7000, 4)));
+  op.BusEventHandle(requestOf(513, "abc"));
+  EXPECT_EQ(Peek::bandwidth(op), 5000U);
+  op.BusEventHandle(packetOf(wire("27090201 00000001 00000014 01000000 00001770")));  // big-endian
+  EXPECT_EQ(Peek::bandwidth(op), 6000U);
+  // The first was reported; another that differs from what is stored is after five seconds.
+  for (const auto& [value, ago] :
+       {std::pair{7000U, 4000}, {7000U, 6000}, {500U, 6000}, {500U, 6000}}) {
+    Peek::bandwidthTraceTime(op) = getCurrentTime() - ago;
+    bandwidth(value);
+  }
+  const std::string event = "LOCAL_UDISK_READ_BW_INFO success - Udisk read bwinfo:";
+  EXPECT_EQ(device.traces(), (std::vector{event + "1", event + "500", event + "500"}));
+}
+
+TEST_F(ReadTest, AReadThatFillsItsPeriodWaitsUntilItIsOver) {
+  bandwidth(10241);  // 65536 bytes in 50 ms
+  read("/inside.txt", 65535);
+  EXPECT_EQ(Peek::windowBytes(op), 65535U);
+  const std::int64_t started = getCurrentTime();
+  EXPECT_EQ(read("/inside.txt", 1), "0");
+  EXPECT_GE(getCurrentTime() - started, 49);
+  EXPECT_EQ(Peek::windowBytes(op), 1U);  // it opens the next period
+  const std::int64_t lastRead = Peek::readTime(op);
+  EXPECT_GE(lastRead, started);
+  // A batch counts what was asked, header included, and leaves an empty period.
+  for (const auto& [size, window] : {std::pair{65534U - 46, 65535U}, {0U, 0U}}) {
+    ask(123, le(1, 4) + readOf("/spare", size));
+    EXPECT_EQ(Peek::windowBytes(op), window);
+  }
+  EXPECT_EQ(Peek::readTime(op), lastRead);
+  EXPECT_EQ(log.all("start limit udisk write ... start time =").size(), 4U);
+  // What was announced long ago limits nothing.
+  Peek::bandwidthTime(op) = getCurrentTime() - 5001;
+  read("/inside.txt", 1 << 20);
+  EXPECT_EQ(Peek::bandwidth(op), 0U);
+  EXPECT_EQ(log.all("start limit").size(), 4U);
+}
+
+}  // namespace
+}  // namespace zor::test

@@ -1,0 +1,57 @@
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "driver/log_lines.h"
+#include "trace_keys.h"
+#include "zor_tracer.h"
+
+namespace zor::test {
+namespace {
+
+TEST(Log, ALineCarriesItsFrameAndNothingThatANameBringsAlong) {
+  LogLines log;
+  const std::string place =
+      "[ZOR_LOG] log_and_trace_test.cpp TestBody(" + std::to_string(__LINE__ + 1);
+  MORVEL_DEBUG(5, "%s is %d of %llu\n", "a\nb\x1b[2J\x7f gr\xc3\xbc \xc2\x9b \xc2\xa0 %s", -1,
+               1ULL << 40);
+  EXPECT_EQ(log.all().at(0), place +
+                                 "): \"Debug:\" \"a\\x0ab\\x1b[2J\\x7f gr\xc3\xbc \xc2\\x9b "
+                                 "\xc2\xa0 %s is -1 of 1099511627776\\n\"");
+}
+
+TEST(Log, TheLevelIsLookedAtBeforeAnyArgument) {
+  LogLines log;
+  for (const auto& [level, expected] : {std::pair{3, 3}, {5, 2}, {7, 1}, {8, 0}}) {
+    morvelLogSetLevel(level);
+    log.clear();
+    int evaluated = 0;
+    MORVEL_DEBUG(kLogFrequent, "%d", ++evaluated);
+    MORVEL_DEBUG(kLogDebug, "%d", ++evaluated);
+    MORVEL_ERROR("%d", ++evaluated);
+    EXPECT_EQ(evaluated, expected);
+    EXPECT_EQ(log.all().size(), static_cast<std::size_t>(expected));
+  }
+}
+
+TEST(Trace, TheKeysStandInTheOrderThatAllModulesShare) {
+  std::string keys;
+  for (const char* key : kTraceKeys) keys += std::string(key) + " ";
+  EXPECT_EQ(keys,
+            "zorModule zorVersion eventType event errorCode message vid pid vmid productName "
+            "redirtype morvelPolicy type class status localPolicy remotePolicy autoconnect "
+            "turbousb biz step TimeMs startTs success context desktopId redirTypeList deviceType "
+            "credibility flowLevel flowName zorContext processId vmContextId zor.mounted mounted ");
+}
+
+TEST(Trace, IdsAreSixteenHexDigitsAndIndependent) {
+  std::set<std::string> ids;
+  while (ids.size() < 500) {  // some of them begin with a zero
+    const std::string id = ZorTracer::GetInstance().GenerateTraceId();
+    ASSERT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos) << id;
+    ASSERT_TRUE(id.size() == 16 && ids.insert(id).second) << id;
+  }
+}
+
+}  // namespace
+}  // namespace zor::test

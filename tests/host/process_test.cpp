@@ -1,0 +1,154 @@
+#include <json/json.h>
+
+#include "host_process.h"
+
+namespace host_test {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST_F(HostTest, AnnouncesAndServesTheDirectoryWhateverItsName) {
+  const std::string name = "dis\"k \xe9\\";
+  std::filesystem::create_directory(mDirectory + "/disk/" + name);
+  std::ofstream(mDirectory + "/disk/" + name + "/f") << "contents";
+  launch({"serve", mDirectory + "/disk/./" + name + "/", "--socket", mSocket, "--read-only",
+          "--trace-file", mDirectory + "/trace", "--trace-path", "*.none", "--trace-path", "/f*"});
+  ASSERT_TRUE(eventually([&] { return logged("serving") == 1; }));
+  {
+    const Remote remote(mSocket);
+    EXPECT_EQ(remote.receive(), request(122, 6666, ""));
+    EXPECT_EQ(remote.receive(), request(100, 1234, le(name.size(), 2) + name + "\0\1"s));
+    remote.send(readRequest(7, "/f", 100) + readRequest(8, "/g", 100));
+    EXPECT_EQ(remote.receive(),
+              request(105, 7, le(0, 12) + le(8, 4) + le(2, 4) + le(0, 4) + "/fcontents"));
+    EXPECT_EQ(remote.receive(), readRequest(8, "/g", 0));
+    const std::string bigEndian = "\x27\1\0\x77\0\0\0\5\0\0\0\x1a\1\0\0\0\2\0\0\0\0\0\0\0/f"s;
+    remote.send(bigEndian);
+    EXPECT_EQ(remote.receive(), bigEndian);
+  }
+  ASSERT_TRUE(eventually([&] { return logged("remote left") == 1; }));
+  ::kill(mPid, SIGTERM);
+  EXPECT_EQ(exitCode(), 0);
+  std::istringstream trace(slurp(mDirectory + "/trace"));
+  std::vector<std::string> events;
+  for (std::string line; std::getline(trace, line);) {
+    Json::Value event;
+    std::istringstream text(line);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &event, nullptr)) << line;
+    events.push_back(event["event"].asString() + event["context"].asString());
+  }
+  EXPECT_THAT(events,
+              ::testing::ElementsAre("LOCAL_UDISK_DRIVER_OPEN", "LOCAL_UDISK_READ_FILE_SUCCESS/f",
+                                     "LOCAL_UDISK_DRIVER_CLOSE"));
+}
+
+TEST_F(HostTest, DeliversNothingBeforeTheAnnouncementAndBusEventsApart) {
+  serve({"--module", HOST_MODULES "late_module.so"});
+  const Remote remote(mSocket);
+  remote.send(request(102, 1, "") + request(513, 2, "") + request(512, 3, "") +
+              request(511, 4, ""));
+  for (const std::string& expected :
+       {request(100, 1234, "A"), request(102, 1, "E"), request(513, 2, "B"), request(512, 3, "B"),
+        request(511, 4, "E")}) {
+    EXPECT_EQ(remote.receive(), expected);
+  }
+}
+
+TEST_F(HostTest, EndsAMalformedConnectionWithOneLine) {
+  serve();
+  const struct {
+    std::string bytes, line;
+  } table[] = {{"\x28", "began with 0x28"},
+               {"GET / HTTP/1.1\r\n", "began with 0x47"},
+               {"\x27\1\x66\0\1\0\0\0\x0f\0\0\0\0\0\0\0"s, "a length of 15 bytes"},
+               {"\x27\1\x66\0\1\0\0\0\1\0\0\4\0\0\0\0"s, "a length of 67108865 bytes"},
+               {"\x27\1\0\x66\0\0\0\1\xff\xff\xff\xff\1\0\0\0"s, "a length of 4294967295 bytes"}};
+  for (const auto& row : table) {
+    const Remote remote(mSocket);
+    ASSERT_TRUE(remote.greeted());
+    remote.send(row.bytes);
+    EXPECT_TRUE(remote.closedByHost());
+    EXPECT_EQ(logged(row.line), 1);
+  }
+  EXPECT_EQ(logged("the remote left") + logged("has ended"), 0);
+}
+
+TEST_F(HostTest, ServesOneRemoteAtATimeAndTheNextAtOnce) {
+  serve();
+  ::kill(mPid, SIGPIPE);
+  for (int i = 0; i < 30; ++i) {  // each comes while its predecessor's driver is being closed
+    const Remote remote(mSocket);
+    ASSERT_TRUE(remote.greeted()) << i;
+    EXPECT_TRUE(i % 10 != 0 || Remote(mSocket).closedByHost());
+    remote.send(echoRequest(1, "/x"));
+    EXPECT_EQ(remote.receive(), echoRequest(1, "/x"));
+  }
+  EXPECT_EQ(logged("refused a second remote"), 3);
+}
+
+TEST_F(HostTest, ServesWhatWasSentBeforeTheRemoteClosedItsSide) {
+  serve();
+  const Remote remote(mSocket);
+  std::string requests;
+  for (std::uint32_t i = 0; i < 3000; ++i) requests += echoRequest(i, "/some/path");
+  remote.send(requests);
+  remote.closeSending();
+  ASSERT_TRUE(remote.greeted());
+  EXPECT_EQ(remote.receiveBytes(requests.size()), requests);
+  EXPECT_TRUE(remote.closedByHost());
+}
+
+TEST_F(HostTest, RefusesAnotherUsersRemote) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can pose as another user";
+  serve();
+  ::chmod(mDirectory.c_str(), 0755);
+  ::chmod(mSocket.c_str(), 0666);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::setuid(65534) != 0) ::_exit(2);
+    const Remote remote(mSocket);
+    ::_exit(remote.connected && remote.closedByHost() ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(logged("refused a remote: it runs as user 65534"), 1);
+}
+
+TEST_F(HostTest, SaysWhatIsWrongWithItsCommandLine) {
+  const std::string disk = mDirectory + "/disk";
+  std::ofstream(mDirectory + "/file");
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string message;
+  } table[] = {{{}, 2, "subcommand"},
+               {{"--help"}, 0, ""},
+               {{"serve", "--help"}, 0, ""},
+               {{"serve", disk}, 2, "--socket"},
+               {{"serve", disk, "--socket", mSocket, "--log-level", "loud"}, 2, "loud"},
+               {{"serve", disk, "--socket", mSocket, "extra"}, 2, "extra"},
+               {{"serve", mDirectory + "/none", "--socket", mSocket}, 1, "No such file"},
+               {{"serve", mDirectory + "/file", "--socket", mSocket}, 1, "not a directory"},
+               {{"serve", disk, "--socket", mDirectory + "/file"}, 1, "not a socket"},
+               {{"serve", disk, "--socket", mSocket, "--name", std::string(256, 'n')}, 1, "255"},
+               {{"serve", disk, "--socket", mSocket, "--trace-file", "/none/t"}, 1, "/none/t"},
+               {{"serve", disk, "--socket", mSocket, "--module", mDirectory + "/file"},
+                1,
+                "not a usable driver module"}};
+  for (const auto& row : table) {
+    std::filesystem::remove(mLog);
+    launch(row.arguments);
+    EXPECT_EQ(exitCode(), row.exitCode) << row.message;
+    EXPECT_THAT(slurp(mLog), HasSubstr(row.message));
+  }
+}
+
+TEST_F(HostTest, OutlivesAModuleThatOpensNothing) {
+  serve({"--module", HOST_MODULES "opens_nothing.so"});
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(Remote(mSocket).closedByHost());
+  EXPECT_EQ(logged("could not open a driver"), 3);
+}
+
+}  // namespace
+}  // namespace host_test

@@ -1,0 +1,79 @@
+#include "remote_link.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zor::host {
+namespace {
+
+struct Pair {
+  Pair() {
+    int sockets[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) std::abort();
+    host = UniqueFd(sockets[0]);
+    remote = UniqueFd(sockets[1]);
+  }
+  std::string readAll(std::size_t size) const {
+    std::string bytes(size, '\0');
+    const ssize_t got = ::recv(remote.get(), bytes.data(), size, MSG_WAITALL);
+    bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+    return bytes;
+  }
+  UniqueFd host, remote;
+};
+
+TEST(RemoteLink, SendsTheBytesThatTheLengthSaysAndTheBufferHolds) {
+  const std::string request("\x27\1\0\x77\0\0\0\5\0\0\0\x12\1\0\0\0hi", 18);
+  Pair pair;
+  RemoteLink link{UniqueFd(::dup(pair.host.get()))};
+  ZorPacket packet(16);
+  std::string bytes = request;
+  ASSERT_EQ(packet.FromBuffer(reinterpret_cast<std::uint8_t*>(bytes.data()), 18, true), 0);
+  EXPECT_EQ(link.send(*packet.Clone()), 0) << "an echo has its header in the request's order";
+  EXPECT_EQ(pair.readAll(18), request);
+
+  ZorPacket odd(20);
+  for (const std::uint32_t length : {0U, 15U, 21U, 0xffffffffU}) {
+    odd.mHeader->length = length;
+    EXPECT_EQ(link.send(odd), -1) << length;
+  }
+  odd.mHeader->length = 20;
+  EXPECT_EQ(link.send(odd), 0) << "a malformed packet does not end the link";
+  EXPECT_EQ(pair.readAll(20)[8], 20);
+  EXPECT_FALSE(link.ended() || link.remoteGone());
+  pair.remote = UniqueFd();
+  EXPECT_TRUE(link.remoteGone());
+  EXPECT_EQ(link.send(odd), -1);
+  EXPECT_TRUE(link.ended()) << "what is written in part ends the stream";
+}
+
+TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
+  const Pair pair;
+  RemoteLink link{UniqueFd(::dup(pair.host.get()))};
+  constexpr std::size_t kSize = 300000;
+  std::vector<std::thread> senders;
+  for (const char mark : {'a', 'b', 'c'}) {
+    senders.emplace_back([&link, mark] {
+      ZorPacket packet(kSize);
+      const std::string payload(kSize - 16, mark);
+      packet.AppendPayload(payload.data(), static_cast<std::uint32_t>(payload.size()));
+      while (link.send(packet) == 0) {
+      }
+      EXPECT_EQ(link.send(packet), -1);
+    });
+  }
+  for (int i = 0; i < 20; ++i) {
+    const std::string packet = pair.readAll(kSize);
+    ASSERT_EQ(packet.size(), kSize);
+    EXPECT_EQ(packet.find_first_not_of(packet[16], 16), std::string::npos);
+  }
+  link.end();  // while all of them wait: nobody reads any more
+  for (std::thread& sender : senders) sender.join();
+}
+
+}  // namespace
+}  // namespace zor::host

@@ -1,0 +1,419 @@
+// The link against a host that the test plays itself.
+#include "link.h"
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bandwidth.h"
+#include "test_bytes.h"
+
+namespace zor::remote::test {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+const char* const kNotice = "27 05 7A 00  0A 1A 00 00  10 00 00 00  00 00 00 00";
+const char* const kAnnouncement =
+    "27 05 64 00  D2 04 00 00  17 00 00 00  00 00 00 00  03 00 'USB' 00 01";
+
+struct Packet {
+  std::uint8_t devId = 0;
+  std::uint16_t cmd = 0;
+  std::uint32_t id = 0;
+  std::string bytes;  ///< the whole packet
+};
+
+class LinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    mClientEnd = FileDescriptor(fds[0]);
+    mHost = FileDescriptor(fds[1]);
+  }
+
+  void start(LinkOptions options = {}) {
+    mLink = std::make_unique<Link>(std::move(mClientEnd), std::move(options));
+  }
+
+  /// Starts the link and lets the host announce its disk.
+  void introduce(LinkOptions options = {}) {
+    start(std::move(options));
+    send(hex(kNotice) + hex(kAnnouncement));
+    ASSERT_TRUE(mLink->waitForAnnouncement(10s).ok());
+    receive();
+  }
+
+  void send(const std::string& bytes) {
+    ASSERT_EQ(::send(mHost.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  std::string take(std::size_t size) {
+    std::string bytes(size, '\0');
+    std::size_t have = 0;
+    while (have < size) {
+      const ssize_t got = ::recv(mHost.get(), bytes.data() + have, size - have, 0);
+      if (got <= 0) return bytes.substr(0, have);
+      have += static_cast<std::size_t>(got);
+    }
+    return bytes;
+  }
+
+  Packet receive() {
+    Packet packet;
+    packet.bytes = take(16);
+    if (packet.bytes.size() < 16) return packet;
+    PacketHeader header{};
+    wire::Cursor(std::as_bytes(std::span(packet.bytes))).get(header);
+    packet.devId = header.devId;
+    packet.cmd = header.cmd;
+    packet.id = header.requestId;
+    packet.bytes += take(header.length - 16);
+    return packet;
+  }
+
+  static std::string reply(const Packet& to, const std::string& payload) {
+    const PacketHeader header{kPacketMagic,
+                              to.devId,
+                              to.cmd,
+                              to.id,
+                              static_cast<std::uint32_t>(16 + payload.size()),
+                              0,
+                              {}};
+    const auto bytes = wire::encoded(header);
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()) + payload;
+  }
+
+  using Outcome = std::future<std::string>;
+
+  static Request request(const std::string& payload = "p") {
+    return {wire::Command::kGetFileAttr, Buffer(std::string_view(payload)), {}};
+  }
+
+  static Completion completing(const std::shared_ptr<std::promise<std::string>>& promise) {
+    return [promise](Result<Reply> result) {
+      promise->set_value(
+          result ? std::string(reinterpret_cast<const char*>(result->data()), result->size())
+                 : "error: " + result.error().message);
+    };
+  }
+
+  /// The reply's payload, or "error: ...".
+  Outcome submit(Request toSend) {
+    auto promise = std::make_shared<std::promise<std::string>>();
+    mLink->submit(std::move(toSend), completing(promise));
+    return promise->get_future();
+  }
+
+  static std::string settled(Outcome& outcome) {
+    return outcome.wait_for(20s) == std::future_status::ready ? outcome.get() : "still waiting";
+  }
+
+  FileDescriptor mClientEnd;
+  FileDescriptor mHost;
+  std::unique_ptr<Link> mLink;
+};
+
+TEST_F(LinkTest, AnswersTheAnnouncementAndSpeaksWithItsIdentity) {
+  start({.driveName = "E:"});
+  send(hex(kNotice) + hex(kAnnouncement));
+  auto announcement = mLink->waitForAnnouncement(10s);
+  ASSERT_TRUE(announcement.ok());
+  EXPECT_EQ(announcement->name, "USB");
+  EXPECT_TRUE(announcement->readOnly);
+  EXPECT_TRUE(mLink->servesSmallFiles());
+  EXPECT_EQ(receive().bytes,
+            hex("27 05 C8 00  01 00 00 00  19 00 00 00  00 00 00 00  03 00  02 00 'E:USB'"));
+  submit(
+      {wire::Command::kFileWrite, Buffer(std::string_view("ab")), Buffer(std::string_view("c"))});
+  EXPECT_EQ(receive().bytes, hex("27 05 6A 00  02 00 00 00  13 00 00 00  00 00 00 00 'abc'"));
+}
+
+TEST_F(LinkTest, FindsTheAnnouncementAmongOtherPacketsAndInAnyPieces) {
+  start();
+  const std::string stream = hex("27 09 66 00  01 00 00 00  12 00 00 00  00 00 00 00 'xy'") +
+                             hex(kAnnouncement) + hex(kAnnouncement) + hex(kNotice);
+  for (const char byte : stream) send(std::string(1, byte));
+  ASSERT_TRUE(mLink->waitForAnnouncement(10s).ok());
+  EXPECT_EQ(receive().cmd, 200);
+  Outcome outcome = submit(request());
+  const Packet sent = receive();
+  EXPECT_EQ(sent.cmd, 102) << "only one announcement is answered";
+  const std::string answer = reply(sent, "in pieces");
+  for (const char byte : answer) send(std::string(1, byte));
+  EXPECT_EQ(settled(outcome), "in pieces");
+  EXPECT_TRUE(mLink->servesSmallFiles());
+}
+
+TEST_F(LinkTest, ReadsBigEndianHeaders) {
+  introduce();
+  Outcome outcome = submit(request());
+  const Packet sent = receive();
+  std::string answer = hex("27 05 00 66  00 00 00 00  00 00 00 12  01 00 00 00 'ok'");
+  answer[7] = static_cast<char>(sent.id);
+  send(answer);
+  EXPECT_EQ(settled(outcome), "ok");
+}
+
+TEST_F(LinkTest, MatchesAnswersByIdentityInAnyOrder) {
+  introduce();
+  std::vector<Outcome> outcomes;
+  std::vector<Packet> sent;
+  for (int i = 0; i < 50; ++i) {
+    outcomes.push_back(submit(request(std::to_string(i))));
+    sent.push_back(receive());
+  }
+  std::string answers;
+  for (std::size_t i = sent.size(); i-- > 0;) {
+    Packet stranger = sent[i];
+    stranger.id = 0x70000000;
+    answers += reply(stranger, "unknown identity");
+    stranger = sent[i];
+    stranger.devId = 6;
+    answers += reply(stranger, "another device");
+    answers += reply(sent[i], std::to_string(i));
+    answers += reply(sent[i], "twice");
+  }
+  send(answers);
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    EXPECT_EQ(settled(outcomes[i]), std::to_string(i));
+  }
+  Outcome confused = submit(request());
+  Packet other = receive();
+  other.cmd = 105;
+  send(reply(other, ""));
+  EXPECT_THAT(settled(confused), HasSubstr("another command"));
+}
+
+TEST_F(LinkTest, NeverUsesTheHostsOwnIdentities) {
+  introduce();
+  for (int i = 0; i < 7000; ++i) {
+    mLink->submit(request(), [](const Result<Reply>&) {});
+    const Packet sent = receive();
+    ASSERT_NE(sent.id, 1234U);
+    ASSERT_NE(sent.id, 6666U);
+    ASSERT_EQ(sent.devId, 5);
+  }
+}
+
+TEST_F(LinkTest, EverythingFailsWhenTheHostGoes) {
+  std::promise<std::string> broken;
+  introduce({.onBroken = [&](const Error& error) { broken.set_value(error.message); }});
+  Outcome first = submit(request());
+  Outcome second = submit(request());
+  const Packet sent = receive();
+  send(reply(sent, "last words").substr(0, 20));
+  mHost.reset();
+  EXPECT_EQ(settled(first), "error: the host closed the connection");
+  EXPECT_EQ(settled(second), "error: the host closed the connection");
+  EXPECT_EQ(broken.get_future().get(), "the host closed the connection");
+  Outcome late = submit(request());
+  EXPECT_EQ(settled(late), "error: the host closed the connection");
+}
+
+TEST_F(LinkTest, DestructionFailsWhatIsInFlight) {
+  introduce();
+  Outcome outcome = submit(request());
+  mLink.reset();
+  EXPECT_THAT(settled(outcome), HasSubstr("closed on this side"));
+}
+
+TEST_F(LinkTest, StreamsThatAreNoPacketsBreakTheLink) {
+  const struct {
+    const char* bytes;
+    const char* message;
+  } kStreams[] = {
+      {"28 05 66 00  02 00 00 00  10 00 00 00  00 00 00 00", "not a packet"},
+      {"27 05 66 00  02 00 00 00  0F 00 00 00  00 00 00 00", "impossible length 15"},
+      {"27 05 66 00  02 00 00 00  00 00 00 00  00 00 00 00", "impossible length 0"},
+      {"27 05 66 00  02 00 00 00  01 00 00 40  00 00 00 00", "impossible length 1073741825"},
+      {"27 05 66 00  02 00 00 00  40 00 00 01  01 00 00 00", "impossible length 1073741825"},
+  };
+  for (const auto& stream : kStreams) {
+    SetUp();
+    introduce();
+    Outcome outcome = submit(request());
+    send(hex(stream.bytes));
+    EXPECT_THAT(settled(outcome), HasSubstr(stream.message));
+    mLink.reset();
+  }
+}
+
+TEST_F(LinkTest, MalformedOrMissingAnnouncementsEndTheIntroduction) {
+  const struct {
+    std::string bytes;
+    const char* message;
+  } kCases[] = {
+      {hex("27 05 64 00  D2 04 00 00  16 00 00 00  00 00 00 00  03 00 'USB' 00"), "malformed"},
+      {hex("27 05 64 00  D2 04 00 00  17 00 00 00  00 00 00 00  FF FF 'USB' 00 01"), "malformed"},
+      {hex("27 05 64 00  D2 04 00 00  17 00 00 00  00 00 00 00  03 00 'USBx' 01"), "malformed"},
+      {hex("27 05 64 00  D2 04 00 00  18 00 00 00  00 00 00 00  03 00 'USB' 00 01 00"),
+       "malformed"},
+      {hex("27 05 64 00  D2 04 00 00  10 00 00 00  00 00 00 00"), "malformed"},
+      {hex(kNotice) + "gone", "before it announced a disk"},
+  };
+  for (const auto& each : kCases) {
+    SetUp();
+    start();
+    send(each.bytes);
+    mHost.reset();
+    auto announcement = mLink->waitForAnnouncement(10s);
+    ASSERT_FALSE(announcement.ok());
+    EXPECT_THAT(announcement.error().message, HasSubstr(each.message));
+    mLink.reset();
+  }
+  SetUp();
+  start();
+  Outcome early = submit(request());
+  EXPECT_THAT(settled(early), HasSubstr("no disk has been announced"));
+  EXPECT_THAT(mLink->waitForAnnouncement(10ms).error().message, HasSubstr("for 10 ms"));
+}
+
+TEST_F(LinkTest, GivesUpWhenTheHostIsSilentAndOnlyThen) {
+  introduce({.idleTimeout = 300ms});
+  std::this_thread::sleep_for(400ms);
+  Outcome outcome = submit(request());  // silence without a request did not count
+  const Packet sent = receive();
+  const std::string answer = reply(sent, std::string(6, 'x'));
+  for (const char byte : answer) {  // slower than the limit in all, but never silent that long
+    send(std::string(1, byte));
+    std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_EQ(settled(outcome), "xxxxxx");
+  Outcome silent = submit(request());
+  EXPECT_EQ(settled(silent), "error: no answer from the host for 300 ms");
+}
+
+TEST_F(LinkTest, TellsUnansweredRequestsByTheFenceBehindThem) {
+  introduce();
+  const auto submitFenced = [this] {
+    auto promise = std::make_shared<std::promise<std::string>>();
+    mLink->submitFenced(request("maybe"), completing(promise),
+                        {wire::Command::kFileFlush, Buffer(std::string_view("fence")), {}});
+    return promise->get_future();
+  };
+  Outcome silent = submitFenced();
+  receive();
+  send(reply(receive(), "fence"));
+  EXPECT_THAT(settled(silent), HasSubstr("passed over"));
+
+  Outcome answeredToo = submitFenced();
+  const Packet maybe = receive();
+  const Packet fence = receive();
+  EXPECT_EQ(fence.cmd, 119);
+  send(reply(maybe, "changed") + reply(fence, "fence"));
+  EXPECT_EQ(settled(answeredToo), "changed");
+
+  Outcome lost = submitFenced();
+  mHost.reset();
+  EXPECT_THAT(settled(lost), HasSubstr("closed the connection"));
+}
+
+TEST_F(LinkTest, NeverBlocksWhileTheHostDoesNotRead) {
+  introduce();
+  // Far more than the socket holds, and more of it from within completions.
+  constexpr int kCount = 40;
+  constexpr std::size_t kSize = std::size_t{1} << 20;
+  std::vector<Outcome> outcomes;
+  const auto big = [](int i) {
+    Buffer data(kSize);
+    std::memset(data.data(), i, data.size());
+    return Request{wire::Command::kFileWrite, Buffer(std::string_view("w")), std::move(data)};
+  };
+  auto followUp = std::make_shared<std::promise<std::string>>();
+  mLink->submit(request(), [this, big, followUp](const Result<Reply>&) {
+    mLink->submit(big(kCount), completing(followUp));
+  });
+  const Packet first = receive();
+  for (int i = 0; i < kCount; ++i) outcomes.push_back(submit(big(i)));
+  send(reply(first, ""));
+  std::this_thread::sleep_for(50ms);
+  outcomes.push_back(followUp->get_future());
+  for (int i = 0; i <= kCount; ++i) {
+    const Packet packet = receive();
+    ASSERT_EQ(packet.bytes.size(), 17 + kSize);
+    EXPECT_EQ(packet.bytes.find_first_not_of(static_cast<char>(packet.bytes[17]), 17),
+              std::string::npos);
+    send(reply(packet, std::string(1, packet.bytes[17])));
+  }
+  std::string order;
+  for (Outcome& outcome : outcomes) order += settled(outcome);
+  std::string expected;
+  for (int i = 0; i <= kCount; ++i) expected += static_cast<char>(i);
+  EXPECT_EQ(order, expected);
+}
+
+TEST_F(LinkTest, ManyThreadsShareTheLink) {
+  introduce();
+  std::thread host([this] {
+    for (int i = 0; i < 400; ++i) {
+      const Packet packet = receive();
+      send(reply(packet, packet.bytes.substr(16)));
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < 100; ++i) {
+        const std::string text = std::to_string(t * 1000 + i);
+        Outcome outcome = submit(request(text));
+        EXPECT_EQ(settled(outcome), text);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  host.join();
+}
+
+TEST_F(LinkTest, LargeRepliesArriveWholeWithOthersAround) {
+  introduce();
+  Outcome before = submit(request());
+  Outcome large = submit(request());
+  Outcome after = submit(request());
+  const Packet packets[] = {receive(), receive(), receive()};
+  std::string body(5'000'001, '\0');
+  for (std::size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * i >> 8);
+  std::thread host(
+      [&] { send(reply(packets[0], "a") + reply(packets[1], body) + reply(packets[2], "b")); });
+  EXPECT_EQ(settled(before), "a");
+  EXPECT_TRUE(settled(large) == body);
+  EXPECT_EQ(settled(after), "b");
+  host.join();
+}
+
+TEST_F(LinkTest, AnnouncesTheBandwidthAgainAndAgain) {
+  introduce();
+  const BandwidthAnnouncer announcer(*mLink, 20000, 10ms);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(receive().bytes.substr(8), hex("14 00 00 00  00 00 00 00  20 4E 00 00"));
+  }
+  EXPECT_EQ(receive().cmd, 513);
+}
+
+TEST(PacketReaderTest, MakesRoomOnlyForWhatArrives) {
+  PacketReader reader;
+  const std::string header = hex("27 05 66 00  02 00 00 00  00 00 00 40  00 00 00 00");
+  std::memcpy(reader.room().back().iov_base, header.data(), header.size());
+  const auto ignore = [](const PacketHeader&, const Buffer&) {};
+  ASSERT_TRUE(reader.consume(header.size(), ignore).ok());
+  std::size_t arrived = 0;
+  std::size_t room = 0;
+  while (arrived < (std::size_t{64} << 20)) {
+    const auto parts = reader.room();
+    room = arrived + parts[0].iov_len;
+    ASSERT_LE(room, std::max(std::size_t{1} << 20, 2 * arrived));
+    ASSERT_TRUE(reader.consume(parts[0].iov_len, ignore).ok());
+    arrived = room;
+  }
+}
+
+}  // namespace
+}  // namespace zor::remote::test
