@@ -9,7 +9,7 @@
 #include "host_device.h"
 #include "module_loader.h"
 #include "remote_link.h"
-#include "unique_fd.h"
+#include "support/unique_fd.h"
 
 namespace zor::host {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "support/unique_fd.h"
 
 namespace zor::host {
 

@@ -11,7 +11,7 @@
 #include <span>
 
 #include "receive_budget.h"
-#include "unique_fd.h"
+#include "support/unique_fd.h"
 #include "zor_packet.h"
 
 namespace zor::host {

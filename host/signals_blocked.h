@@ -1,7 +1,7 @@
 // Keeping the signals that end the host away for a while.
 #pragma once
 
-#include <signal.h>
+#include <csignal>
 
 namespace zor::host {
 

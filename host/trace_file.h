@@ -4,7 +4,7 @@
 #include <mutex>
 #include <string>
 
-#include "unique_fd.h"
+#include "support/unique_fd.h"
 #include "zor_dev_base.h"
 
 namespace zor::host {

@@ -9,7 +9,7 @@
 
 namespace zor::remote {
 
-Result<FileDescriptor> connectUnix(const std::string& path) {
+Result<UniqueFd> connectUnix(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -17,7 +17,7 @@ Result<FileDescriptor> connectUnix(const std::string& path) {
                                           std::to_string(sizeof address.sun_path - 1) + " bytes"};
   }
   std::memcpy(address.sun_path, path.data(), path.size());
-  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket ||
       ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int reason = errno;
@@ -31,7 +31,7 @@ Result<FileDescriptor> connectUnix(const std::string& path) {
 }
 
 Result<std::unique_ptr<Connection>> Connection::open(ConnectionOptions options) {
-  Result<FileDescriptor> socket = connectUnix(options.socketPath);
+  Result<UniqueFd> socket = connectUnix(options.socketPath);
   if (!socket) return std::move(socket.error());
   std::unique_ptr<Connection> connection(new Connection);
   const auto limit = options.link.idleTimeout;

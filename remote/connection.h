@@ -33,6 +33,6 @@ class Connection {
 };
 
 /// Connects to a listening stream socket of the local machine.
-Result<FileDescriptor> connectUnix(const std::string& path);
+Result<UniqueFd> connectUnix(const std::string& path);
 
 }  // namespace zor::remote

@@ -18,7 +18,7 @@ std::string Link::seconds(std::chrono::milliseconds time) {
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
 
-Link::Link(FileDescriptor socket, LinkOptions options)
+Link::Link(UniqueFd socket, LinkOptions options)
     : mOptions(std::move(options)),
       mWakeup(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mSocket(std::move(socket)),

@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "file_descriptor.h"
 #include "packet.h"
+#include "support/unique_fd.h"
 #include "transport.h"
 
 namespace zor::remote {
@@ -43,7 +43,7 @@ struct LinkOptions {
 /// reason.
 class Link final : public Transport {
  public:
-  Link(FileDescriptor socket, LinkOptions options);
+  Link(UniqueFd socket, LinkOptions options);
 
   /// Fails what is in flight and waits for the link's thread. Must not be
   /// called on that thread.
@@ -103,12 +103,12 @@ class Link final : public Transport {
   bool runTasks();
 
   const LinkOptions mOptions;
-  FileDescriptor mWakeup;
+  UniqueFd mWakeup;
   PacketReader mReader;  ///< the link's thread only
 
   mutable std::mutex mMutex;
   std::condition_variable mAnnounced;
-  FileDescriptor mSocket;
+  UniqueFd mSocket;
   std::optional<Announcement> mAnnouncement;
   std::optional<Error> mBroken;
   bool mSmallFiles = false;

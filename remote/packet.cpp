@@ -8,7 +8,8 @@ namespace zor::remote {
 
 namespace {
 
-constexpr std::size_t kFirstRoom = std::size_t{1} << 20;
+/// Enough for a read of one MiB with all that comes along.
+constexpr std::size_t kFirstRoom = std::size_t{2} << 20;
 
 PacketHeader toHostOrder(PacketHeader header) {
   if (header.netOrder != 0) {

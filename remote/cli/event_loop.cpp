@@ -1,11 +1,11 @@
 #include "event_loop.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 #include <utility>
 

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <utility>
 
-#include "file_descriptor.h"
 #include "result.h"
+#include "support/unique_fd.h"
 
 namespace zor::remote::cli {
 
@@ -32,7 +32,7 @@ class EventLoop {
   int signal() const;
 
  private:
-  FileDescriptor mWakeup;
+  UniqueFd mWakeup;
   std::mutex mMutex;
   std::deque<std::function<void()>> mTasks;
 };

@@ -35,7 +35,7 @@ std::array<timespec, 2> fileTimes(const udisk_stat& like) {
 Error localError() { return {ErrorKind::kFailed, strerror(errno)}; }
 
 Result<std::shared_ptr<LocalDir>> LocalDir::open(const std::string& path) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) return localError();
   return std::shared_ptr<LocalDir>(new LocalDir(std::move(fd), nullptr));
 }
@@ -43,7 +43,7 @@ Result<std::shared_ptr<LocalDir>> LocalDir::open(const std::string& path) {
 Result<std::shared_ptr<LocalDir>> LocalDir::make(std::shared_ptr<LocalDir> parent,
                                                  const std::string& name, const udisk_stat& like) {
   if (::mkdirat(parent->fd(), name.c_str(), 0700) != 0 && errno != EEXIST) return localError();
-  FileDescriptor fd(
+  UniqueFd fd(
       ::openat(parent->fd(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd) return localError();
   std::shared_ptr<LocalDir> dir(new LocalDir(std::move(fd), std::move(parent)));
@@ -67,9 +67,8 @@ Result<std::unique_ptr<PartialFile>> PartialFile::create(std::shared_ptr<LocalDi
   while (!file->mFd) {
     const std::string temporary =
         ".udisk-remote." + std::to_string(::getpid()) + "." + std::to_string(++counter) + ".part";
-    file->mFd =
-        FileDescriptor(::openat(file->mDir->fd(), temporary.c_str(),
-                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    file->mFd = UniqueFd(::openat(file->mDir->fd(), temporary.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (file->mFd) {
       file->mTemporary = temporary;
     } else if (errno != EEXIST) {

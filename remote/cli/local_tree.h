@@ -9,9 +9,9 @@
 #include <optional>
 #include <string>
 
-#include "file_descriptor.h"
 #include "protocol/disk_records.h"
 #include "result.h"
+#include "support/unique_fd.h"
 
 namespace zor::remote::cli {
 
@@ -38,14 +38,14 @@ class LocalDir {
   static unsigned count() noexcept { return sCount; }
 
  private:
-  LocalDir(FileDescriptor fd, std::shared_ptr<LocalDir> parent)
+  LocalDir(UniqueFd fd, std::shared_ptr<LocalDir> parent)
       : mFd(std::move(fd)), mParent(std::move(parent)) {
     ++sCount;
   }
 
   static inline std::atomic<unsigned> sCount{0};
 
-  FileDescriptor mFd;
+  UniqueFd mFd;
   std::shared_ptr<LocalDir> mParent;  ///< completed after this one
   std::optional<udisk_stat> mLike;
 };
@@ -76,7 +76,7 @@ class PartialFile {
   std::shared_ptr<LocalDir> mDir;
   std::string mName;
   std::string mTemporary;  ///< empty when there is none
-  FileDescriptor mFd;
+  UniqueFd mFd;
 };
 
 /// The current `errno` as an error.

@@ -1,7 +1,6 @@
 // udisk-remote: the remote side of a redirected disk as a command line.
-#include <signal.h>
-
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
@@ -56,7 +55,7 @@ int run(const ConnectionOptions& options, const Command& command) {
   return ok ? 0 : kFailure;
 }
 
-int main(int argc, char** argv) {
+int runProgram(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   CLI::App app("Works on a disk that a udisk host serves.", "udisk-remote");
   ConnectionOptions options;
@@ -100,7 +99,7 @@ int main(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return zor::remote::cli::main(argc, argv);
+    return zor::remote::cli::runProgram(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "udisk-remote: %s\n", error.what());
     return 1;

@@ -129,7 +129,7 @@ void Upload::create() {
   // What was a file a moment ago may be a link or a pipe by now.
   const int noFollow = item.parent ? O_NOFOLLOW : 0;
   transfer->file =
-      FileDescriptor(::open(item.localPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | noFollow));
+      UniqueFd(::open(item.localPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | noFollow));
   struct stat status {};
   if (!transfer->file || ::fstat(transfer->file.get(), &status) != 0) {
     return fail("send", item.localPath, localError());

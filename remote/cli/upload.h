@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "file_descriptor.h"
+#include "support/unique_fd.h"
 #include "transfer_run.h"
 
 namespace zor::remote::cli {
@@ -50,7 +50,7 @@ class Upload final : public TransferRun {
   /// A file on its way.
   struct Transfer {
     Item item;
-    FileDescriptor file;
+    UniqueFd file;
     std::int64_t offset = 0;  ///< how far it has been read
     std::int64_t size = 0;    ///< as it was when it was opened
     unsigned inFlight = 0;

@@ -27,7 +27,6 @@ struct UDiskOperatorPeek {
   static auto& bandwidth(UDiskOperator& op) { return op.mBandwidth; }
   static auto& bandwidthTime(UDiskOperator& op) { return op.mBandwidthTime; }
   static auto& bandwidthTraceTime(UDiskOperator& op) { return op.mBandwidthTraceTime; }
-  static auto& readTime(UDiskOperator& op) { return op.mReadTime; }
   static auto& windowBytes(UDiskOperator& op) { return op.mWindowBytes; }
 };
 
@@ -120,18 +119,12 @@ class DiskTest : public testing::Test {
     fs::create_directories(disk + "/sub/deep");
     put(disk + "/inside.txt", "0123456789");
     put(disk + "/spare", "spare");
-    for (const auto& [link, target] : std::initializer_list<std::pair<const char*, std::string>>{
-             {"/in", "sub/.."},
-             {"/sub/back", ".."},
-             {"/in-file", "inside.txt"},
-             {"/in-empty", "empty"},
-             {"/out", outside},
-             {"/rel", "../outside"},
-             {"/sub/up", "../.."},
-             {"/link-inside.txt", outside + "/inside.txt"},
-             {"/link-empty", "../outside/empty"},
-             {"/link-fresh", outside + "/fresh"}}) {
-      fs::create_symlink(target, disk + link);
+    std::istringstream links(
+        "in sub/.. sub/back .. in-file inside.txt in-empty empty rel ../outside "
+        "sub/up ../.. link-empty ../outside/empty out " +
+        outside + " link-inside.txt " + outside + "/inside.txt link-fresh " + outside + "/fresh");
+    for (std::string link, target; links >> link >> target;) {
+      fs::create_symlink(target, disk + "/" + link);
     }
   }
   void announce() { op.SetRootPath((base + "/").data(), std::string("disk").data()); }

@@ -1,7 +1,6 @@
 // A disk that is gone, write-protected, or full of files that are none.
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
@@ -79,15 +78,11 @@ TEST_F(DiskStateTest, SpecialFilesFailAtOnce) {
   EXPECT_EQ(snapshot(disk), before);
 }
 
-TEST_F(DiskStateTest, WithoutADescriptorLeftEveryRequestIsStillAnswered) {
-  rlimit before{};
-  ::getrlimit(RLIMIT_NOFILE, &before);
-  const int next = ::dup(0);
-  const rlimit none{static_cast<rlim_t>(next), before.rlim_max};
-  ::close(next);
-  ::setrlimit(RLIMIT_NOFILE, &none);
-  for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/" + probe.leaf())) << probe.name;
-  ::setrlimit(RLIMIT_NOFILE, &before);
+TEST_F(DiskStateTest, ATraceThatCannotBeMadeCostsNoReply) {
+  device.brokenTraces = true;
+  device.pathTable->Add("*");
+  for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/spare/none/")) << probe.name;
+  EXPECT_GT(log.errors("no trace of DEVICE_REDIR_ERROR"), 0U);
 }
 
 TEST_F(DiskStateTest, WhatMayHaveChangedTheDiskIsRemembered) {

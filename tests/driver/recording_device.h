@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,7 @@ class RecordingDevice final : public ZorDevice, public ZorDevBase {
   }
   void TraceEvent(const std::string& traceId, const std::string& context,
                   const std::string& eventName, const TraceAttributes& attributes) override {
+    if (brokenTraces) throw std::runtime_error("broken");
     const Lock lock(mMutex);
     EXPECT_EQ(traceId.size(), 16U);
     EXPECT_EQ(attributes.size(), 4U);
@@ -69,7 +71,7 @@ class RecordingDevice final : public ZorDevice, public ZorDevBase {
   }
 
   std::uint8_t id = 9;
-  bool hasBase = true;
+  bool hasBase = true, brokenTraces = false;
   std::string params;
   std::shared_ptr<ZorPathTable> pathTable = std::make_shared<ZorPathTable>();
   std::vector<std::string> readFailures;

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -61,31 +60,26 @@ inline std::string echoRequest(std::uint32_t id, const std::string& path) {
   return request(119, id, le(path.size(), 4) + le(0, 4) + path);
 }
 
-class Remote {
- public:
+struct Remote {
   explicit Remote(const std::string& path) {
-    mFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, path.c_str());
-    connected = ::connect(mFd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     const timeval patience{20, 0};
-    ::setsockopt(mFd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   }
-  ~Remote() { ::close(mFd); }
+  ~Remote() { ::close(fd); }
   Remote(const Remote&) = delete;
   Remote& operator=(const Remote&) = delete;
 
   bool send(const std::string& bytes) const {
-    return ::send(mFd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+    return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(bytes.size());
   }
-  int fd() const { return mFd; }
-  void closeSending() const { ::shutdown(mFd, SHUT_WR); }
-
   std::string receiveBytes(std::size_t size) const {
     std::string bytes(size, '\0');
-    const ssize_t got = ::recv(mFd, bytes.data(), size, MSG_WAITALL);
+    const ssize_t got = ::recv(fd, bytes.data(), size, MSG_WAITALL);
     bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
     return bytes;
   }
@@ -100,7 +94,7 @@ class Remote {
   }
   bool closedByHost() const {
     char byte;
-    const ssize_t got = ::recv(mFd, &byte, 1, 0);
+    const ssize_t got = ::recv(fd, &byte, 1, 0);
     return got == 0 || (got < 0 && errno == ECONNRESET);
   }
   /// Takes the small-file notice and the announcement; false when something
@@ -110,16 +104,14 @@ class Remote {
            receive().substr(0, 8) == request(100, 1234, "").substr(0, 8);
   }
 
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   bool connected = false;
-
- private:
-  int mFd = -1;
 };
 
 class HostTest : public ::testing::Test {
  protected:
   HostTest() : mDirectory(::testing::TempDir() + "host.XXXXXX") {
-    ::mkdtemp(mDirectory.data());
+    EXPECT_NE(::mkdtemp(mDirectory.data()), nullptr);
     std::filesystem::create_directory(mDirectory + "/disk");
     mSocket = mDirectory + "/socket";
     mLog = mDirectory + "/log";
@@ -139,13 +131,12 @@ class HostTest : public ::testing::Test {
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0600);
-    ASSERT_EQ(::posix_spawn(&mPid, HOST_PROGRAM, &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    mPid = ::fork();
+    if (mPid != 0) return;
+    ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    ::dup2(::open(mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+    ::execv(HOST_PROGRAM, argv.data());
+    ::_exit(127);
   }
   /// Serves mDirectory/disk and waits until it is ready.
   void serve(const std::vector<std::string>& more = {}) {

@@ -23,7 +23,7 @@ using ::testing::HasSubstr;
 class ListenerTest : public ::testing::Test {
  protected:
   ListenerTest() : mDirectory(::testing::TempDir() + "listener.XXXXXX") {
-    ::mkdtemp(mDirectory.data());
+    EXPECT_NE(::mkdtemp(mDirectory.data()), nullptr);
     mPath = mDirectory + "/socket";
   }
   ~ListenerTest() override { std::filesystem::remove_all(mDirectory); }

@@ -12,15 +12,15 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 TEST(DriverModule, RefusesWhatIsNotTheModule) {
-  const std::string fifo = ::testing::TempDir() + "fifo.so";
-  const std::string text = ::testing::TempDir() + "text.so";
-  ::unlink(fifo.c_str());
+  std::string directory = ::testing::TempDir() + "loader.XXXXXX";
+  ASSERT_NE(::mkdtemp(directory.data()), nullptr);
+  const std::string fifo = directory + "/fifo.so", text = directory + "/text.so";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   std::ofstream(text) << "this is not a shared object";
   const struct {
     std::string file, why;
   } table[] = {{HOST_MODULES "missing.so", "no such file"},
-               {::testing::TempDir(), "not a regular file"},
+               {directory, "not a regular file"},
                {fifo, "not a regular file"},
                {text, "file too short"},
                {HOST_MODULES "no_descriptor.so", "no descriptor ZOR_DRV_MODULE"},
@@ -36,6 +36,7 @@ TEST(DriverModule, RefusesWhatIsNotTheModule) {
       EXPECT_THAT(error.what(), AllOf(HasSubstr(row.file), HasSubstr(row.why)));
     }
   }
+  std::filesystem::remove_all(directory);
   EXPECT_NO_THROW(DriverModule(HOST_MODULES "late_module.so", "udisk-redir"));
 }
 

@@ -92,7 +92,7 @@ TEST_F(HostTest, ServesWhatWasSentBeforeTheRemoteClosedItsSide) {
   std::string requests;
   for (std::uint32_t i = 0; i < 3000; ++i) requests += echoRequest(i, "/some/path");
   remote.send(requests);
-  remote.closeSending();
+  ::shutdown(remote.fd, SHUT_WR);
   ASSERT_TRUE(remote.greeted());
   EXPECT_EQ(remote.receiveBytes(requests.size()), requests);
   EXPECT_TRUE(remote.closedByHost());
@@ -124,10 +124,8 @@ TEST_F(HostTest, SaysWhatIsWrongWithItsCommandLine) {
     std::string message;
   } table[] = {{{}, 2, "subcommand"},
                {{"--help"}, 0, ""},
-               {{"serve", "--help"}, 0, ""},
                {{"serve", disk}, 2, "--socket"},
                {{"serve", disk, "--socket", mSocket, "--log-level", "loud"}, 2, "loud"},
-               {{"serve", disk, "--socket", mSocket, "extra"}, 2, "extra"},
                {{"serve", mDirectory + "/none", "--socket", mSocket}, 1, "No such file"},
                {{"serve", mDirectory + "/file", "--socket", mSocket}, 1, "not a directory"},
                {{"serve", disk, "--socket", mDirectory + "/file"}, 1, "not a socket"},

@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -12,7 +13,7 @@ namespace zor::host {
 namespace {
 
 TEST(TraceFile, AppendsOneObjectPerEvent) {
-  const std::string path = ::testing::TempDir() + "trace.jsonl";
+  const std::string path = ::testing::TempDir() + "trace." + std::to_string(::getpid());
   std::ofstream(path) << "{}\n";
   {
     TraceFile file(path);
@@ -21,6 +22,7 @@ TEST(TraceFile, AppendsOneObjectPerEvent) {
     }
   }
   std::ifstream lines(path);
+  ::unlink(path.c_str());
   std::string line;
   std::getline(lines, line);
   EXPECT_EQ(line, "{}");

@@ -33,13 +33,13 @@ class PlayedHost {
   explicit PlayedHost(std::map<std::string, PlayedFile> files) : mFiles(std::move(files)) {
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) throw std::bad_alloc();
-    mClientEnd = FileDescriptor(fds[0]);
-    mSocket = FileDescriptor(fds[1]);
+    mClientEnd = UniqueFd(fds[0]);
+    mSocket = UniqueFd(fds[1]);
     mThread = std::thread([this] { serve(); });
   }
   ~PlayedHost() { mThread.join(); }
 
-  FileDescriptor takeClientEnd() { return std::move(mClientEnd); }
+  UniqueFd takeClientEnd() { return std::move(mClientEnd); }
 
  private:
   static PacketHeader header(wire::Command command, std::uint32_t id, std::size_t payload) {
@@ -125,8 +125,8 @@ class PlayedHost {
   }
 
   std::map<std::string, PlayedFile> mFiles;
-  FileDescriptor mClientEnd;
-  FileDescriptor mSocket;
+  UniqueFd mClientEnd;
+  UniqueFd mSocket;
   std::thread mThread;
 };
 

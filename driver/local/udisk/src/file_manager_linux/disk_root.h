@@ -18,7 +18,7 @@
 #include <string>
 #include <string_view>
 
-#include "unique_fd.h"
+#include "support/unique_fd.h"
 
 namespace zor {
 

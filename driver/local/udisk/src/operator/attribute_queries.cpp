@@ -1,6 +1,6 @@
 // Commands 102 (attributes), 108 (extended attributes) and 113 (statistics).
-#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "morvel_log.h"
 #include "protocol/disk_records.h"
@@ -75,8 +75,7 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
                (GetLocalMountPoint() + std::string(path.text)).c_str(),
                static_cast<int>(request.record.pathLength), std::string(label).c_str());
   const auto matches = [label](const LabelRecord& record) {
-    return label.size() <= sizeof record->label &&
-           std::memcmp(record->label, label.data(), label.size()) == 0;
+    return std::string_view(record->label, sizeof record->label).starts_with(label);
   };
 
   request.record.recordLength = kStatistics;

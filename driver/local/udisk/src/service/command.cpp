@@ -11,7 +11,7 @@
 #include <csignal>
 #include <thread>
 
-#include "file_manager_linux/unique_fd.h"
+#include "support/unique_fd.h"
 
 namespace zor {
 namespace {

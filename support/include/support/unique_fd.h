@@ -14,7 +14,7 @@ class UniqueFd {
   explicit UniqueFd(int fd) noexcept : mFd(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    std::swap(mFd, other.mFd);
+    UniqueFd old(std::exchange(mFd, other.release()));
     return *this;
   }
   /// Leaves errno as it is, so that a failing function can return freely.
@@ -28,6 +28,7 @@ class UniqueFd {
   int get() const noexcept { return mFd; }
   explicit operator bool() const noexcept { return mFd >= 0; }
   int release() noexcept { return std::exchange(mFd, -1); }
+  void reset() noexcept { *this = UniqueFd(); }
 
  private:
   int mFd = -1;
