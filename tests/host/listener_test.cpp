@@ -1,19 +1,14 @@
 #include "listener.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <thread>
 
 namespace zor::host {
 namespace {
@@ -86,21 +81,6 @@ TEST_F(ListenerTest, LeavesAPathThatIsNoLongerIts) {
   std::ofstream(mPath) << "another";
   listener.reset();
   EXPECT_TRUE(std::filesystem::exists(mPath));
-}
-
-TEST_F(ListenerTest, WaitsForAnotherHostThatIsStartingThere) {
-  UniqueFd other(::open(mDirectory.c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
-  std::atomic<bool> listening{false};
-  std::thread starter([&] {
-    const Listener listener(mPath);
-    listening = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(listening);
-  other = UniqueFd();
-  starter.join();
-  EXPECT_TRUE(listening);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <json/json.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/spdlog.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -38,20 +36,6 @@ TEST(TraceFile, AppendsOneObjectPerEvent) {
     EXPECT_THAT(event["time"].asString(), ::testing::MatchesRegex("....-..-..T..:..:..\\....Z"));
   }
   EXPECT_EQ(count, 3);
-}
-
-TEST(TraceFile, LogsTheFirstLossOnly) {
-  std::ostringstream log;
-  const auto old = spdlog::default_logger();
-  spdlog::set_default_logger(std::make_shared<spdlog::logger>(
-      "test", std::make_shared<spdlog::sinks::ostream_sink_mt>(log)));
-  TraceFile file("/dev/full");
-  for (int i = 0; i < 3; ++i) file.write("1", "", "E", {});
-  spdlog::set_default_logger(old);
-  const std::string text = log.str();
-  EXPECT_THAT(text, ::testing::HasSubstr("No space left on device"));
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
-  EXPECT_THROW(TraceFile("/nonexistent/trace"), std::runtime_error);
 }
 
 }  // namespace

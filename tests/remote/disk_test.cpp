@@ -305,28 +305,6 @@ TEST(DiskTest, DecodesEveryField) {
   EXPECT_EQ(statistics, expectedStatistics);
 }
 
-TEST(DiskTest, DataAndNamesStayWhereTheyArrived) {
-  HeldTransport transport;
-  Disk disk(transport);
-  std::optional<FilePieces> pieces;
-  disk.readSmallFiles({{"/a", 0, 9}, {"/b", 0, 9}},
-                      [&](Result<FilePieces> result) { pieces = std::move(*result); });
-  const std::string record = "00 00 00 00 00 00 00 00  00 00 00 00  0";
-  transport.answer(hex("02 00 00 00" + record + "3 00 00 00  02 00 00 00  00 00 00 00 '/aone'" +
-                       record + "2 00 00 00  02 00 00 00  00 00 00 00 '/b' 'tw'"));
-  const auto text = [](wire::Bytes bytes) {
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  };
-  ASSERT_TRUE(pieces);
-  EXPECT_EQ(text(pieces->pieces[0]), "one");
-  EXPECT_EQ(text(pieces->pieces[1]), "tw");
-
-  Listing moved = oneEntryListing();
-  const Listing listing = std::move(moved);
-  EXPECT_EQ(listing.entries().at(0).name, "x");
-  EXPECT_EQ(listing.entries().at(0).attributes.st_size, 5);
-}
-
 TEST(DiskTest, ChecksDirectoriesWithAFenceBehind) {
   HeldTransport transport;
   Disk disk(transport);
@@ -361,15 +339,6 @@ TEST(DiskTest, RefusesWhatTheHostWouldNotAnswer) {
   disk.xattr("/a", zero, note);
   disk.write("/a", 0, Buffer(kMaxWriteSize + 1), note);
   EXPECT_EQ(kinds, std::vector<ErrorKind>(23, ErrorKind::kRefused));
-  EXPECT_TRUE(transport.requests.empty());
-}
-
-TEST(DiskTest, WritingNothingSucceedsWithoutARequest) {
-  HeldTransport transport;
-  Disk disk(transport);
-  bool ok = false;
-  disk.write("/a", 0, Buffer(), [&](Status status) { ok = status.ok(); });
-  EXPECT_TRUE(ok);
   EXPECT_TRUE(transport.requests.empty());
 }
 

@@ -35,25 +35,6 @@ TEST(TextTest, EscapesWhatActsOnATerminal) {
   for (const auto& each : kCases) EXPECT_EQ(escaped(each.text), each.expected);
 }
 
-TEST(TextTest, SizesHaveUnits) {
-  const struct {
-    std::uint64_t bytes;
-    const char* expected;
-  } kCases[] = {{0, "0"},       {1023, "1023"},    {1024, "1.0K"},       {10188, "9.9K"},
-                {10189, "10K"}, {1048575, "1.0M"}, {5368709120, "5.0G"}, {UINT64_MAX, "16E"}};
-  for (const auto& each : kCases) EXPECT_EQ(humanSize(each.bytes), each.expected) << each.bytes;
-}
-
-TEST(TextTest, ModesAreShownAsLettersAre) {
-  const struct {
-    std::uint32_t mode;
-    const char* expected;
-  } kCases[] = {{0100644, "-rw-r--r--"}, {0040755, "drwxr-xr-x"}, {0120777, "lrwxrwxrwx"},
-                {0104755, "-rwsr-xr-x"}, {0102644, "-rw-r-Sr--"}, {0041777, "drwxrwxrwt"},
-                {0010600, "prw-------"}, {0, "??????????"}};
-  for (const auto& each : kCases) EXPECT_EQ(modeString(each.mode), each.expected);
-}
-
 TEST(RemotePathTest, PathsAreMadeNormal) {
   const struct {
     const char* typed;
