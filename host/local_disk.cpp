@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <regex>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -23,10 +22,11 @@ namespace {
 std::string usbPort(const std::string& disk) {
   std::error_code error;
   const auto device = std::filesystem::canonical("/sys/block/" + disk + "/device", error);
-  static const std::regex portName("[0-9]+-[0-9.]+");
   std::string port;
   for (const auto& part : device) {
-    if (std::regex_match(part.string(), portName)) port = part.string();
+    const std::string name = part.string();
+    const bool named = name.find_first_not_of("0123456789-.") == std::string::npos;
+    if (named && name.find('-') != std::string::npos) port = name;
   }
   return port;
 }

@@ -24,6 +24,12 @@ class TemporaryDirectory {
   }
   ~TemporaryDirectory() {
     std::error_code ignored;
+    using Iterator = fs::recursive_directory_iterator;
+    for (Iterator entry(mPath, ignored); entry != Iterator(); entry.increment(ignored)) {
+      if (entry->is_directory() && !entry->is_symlink()) {
+        fs::permissions(entry->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+      }
+    }
     fs::remove_all(mPath, ignored);
   }
   TemporaryDirectory(const TemporaryDirectory&) = delete;
