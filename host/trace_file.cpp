@@ -47,9 +47,11 @@ std::string toLine(const std::string& traceId, const std::string& context,
 
 }  // namespace
 
+// Non-blocking: a pipe that nobody reads loses events, it does not stop the disk.
 TraceFile::TraceFile(const std::string& path)
     : mPath(path),
-      mFile(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600)) {
+      mFile(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+                   0600)) {
   if (!mFile) {
     throw std::runtime_error("cannot open the trace file " + printable(path) + ": " +
                              std::strerror(errno));

@@ -73,6 +73,16 @@ TEST_F(DriverTest, AnnouncesServesInOrderAndCloses) {
                                  "LOCAL_UDISK_DRIVER_CLOSE success - udisk driver close success"}));
 }
 
+TEST_F(DriverTest, ARequestOfManyStepsEndsWithItsDriver) {
+  open();
+  std::string records = le(30000, 4);
+  for (int i = 0; i < 30000; ++i) records += le(0, 16) + le(6, 4) + le(0, 4) + "/spare";
+  send(123, records);
+  while (!log.has("small_file_read num_records")) std::this_thread::yield();
+  EXPECT_EQ(driver.Close(0), 0);
+  EXPECT_EQ(device.sent().size(), 2U);  // the announcements
+}
+
 TEST_F(DriverTest, RequestsQueuedBehindASlowOneAreDiscardedAtTheEnd) {
   open();
   driver.onBusEvent(requestOf(513, le(1000, 4)));

@@ -1,6 +1,7 @@
 // Probing and mounting with the system's tools, and with tools of the test's
 // own that stand before them on PATH and note how they are called.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 
@@ -147,6 +148,13 @@ TEST_F(PartitionsTest, AToolGetsItsTimeItsArgumentsAndThreeDescriptors) {
   limits.maxOutput = 1000;
   const CommandResult flood = runCommand({"sh", "-c", "yes | head -c 3000000"}, limits);
   EXPECT_TRUE(flood.succeeded() && flood.output.size() == 1000);
+  sigset_t blocked, before;
+  ::sigemptyset(&blocked);
+  ::sigaddset(&blocked, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  EXPECT_EQ(runCommand({"grep", "SigBlk", "/proc/self/status"}).output,
+            "SigBlk:\t0000000000000000\n");
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   const int inherited = ::dup(0);
   EXPECT_FALSE(runCommand({"readlink", "/proc/self/fd/" + std::to_string(inherited)}).succeeded());
   ::close(inherited);

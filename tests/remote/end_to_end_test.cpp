@@ -1,10 +1,8 @@
 // udisk-remote against a running udisk-host, as two processes.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <grp.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -71,27 +69,6 @@ std::map<std::string, std::string> snapshot(const fs::path& root, bool times) {
   }
   return tree;
 }
-
-/// For root no permission bit means anything: gives that up where the programs
-/// can be run without it.
-class OrdinaryUser : public ::testing::Environment {
-  void SetUp() override {
-    constexpr unsigned kNobody = 65534;
-    if (::geteuid() != 0) return;
-    ASSERT_EQ(::setgroups(0, nullptr), 0);
-    ASSERT_EQ(::setresgid(kNobody, kNobody, 0), 0);
-    ASSERT_EQ(::setresuid(kNobody, kNobody, 0), 0);
-    if (::eaccess(HOST_PROGRAM, X_OK) != 0 || ::eaccess(REMOTE_PROGRAM, X_OK) != 0) {
-      ASSERT_EQ(::setresuid(0, 0, 0), 0);
-      ASSERT_EQ(::setresgid(0, 0, 0), 0);
-      std::fprintf(stderr, "running as root: the programs are out of reach for others\n");
-      return;
-    }
-    ASSERT_EQ(::setresuid(kNobody, kNobody, kNobody), 0);
-    ::prctl(PR_SET_DUMPABLE, 1);  // leak checkers attach to the process
-  }
-};
-const auto* const kUser = ::testing::AddGlobalTestEnvironment(new OrdinaryUser);
 
 class EndToEndTest : public ::testing::Test {
  protected:

@@ -1,4 +1,5 @@
 // Command 106: writing into an existing file, one block or a batch of chunks.
+#include <atomic>
 #include <string>
 
 #include "morvel_log.h"
@@ -11,12 +12,12 @@ namespace zor {
 namespace {
 
 // The bytes of `data` that complete chunks took up, plus a chunk's header when
-// the chunk behind it failed.
-std::int64_t writeBatch(FileWriter& file, wire::Bytes data) {
+// the chunk behind it failed. Ends early when `stop` is set.
+std::int64_t writeBatch(FileWriter& file, wire::Bytes data, const std::atomic<bool>& stop) {
   constexpr std::size_t kHeader = wire::wireSize<wire::WriteChunk>();
   wire::Cursor cursor(data);
   std::int64_t consumed = 0;
-  while (cursor.rest().size() > kHeader) {
+  while (cursor.rest().size() > kHeader && !stop) {
     wire::WriteChunk chunk{};
     const std::size_t left = cursor.rest().size();
     cursor.get(chunk);
@@ -55,7 +56,7 @@ int UDiskOperator::file_write(unsigned char headerLength, ZorPacket* packet) {
     result = FileWriter(Location(disk, path.text)).write(data, record.offset);
   } else if (data.size() > wire::wireSize<wire::WriteChunk>()) {
     FileWriter file(Location(disk, path.text));
-    result = writeBatch(file, data);
+    result = writeBatch(file, data, mStopServing);
   }
 
   const std::string context(path.text);

@@ -54,6 +54,7 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
   wire::Cursor check = cursor;
   SmallFileEntry entry{};
   for (std::uint32_t i = 0; i < batch.num_records; ++i) {
+    if (mStopServing) return -1;
     if (const int refusal = readEntry(check, entry); refusal != 0) return refusal;
     const wire::FileReadRecord& record = entry.record;
     MORVEL_DEBUG(kLogFrequent,
@@ -72,6 +73,7 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
   Reply answer(*packet, headerLength, wire::wireSize<wire::SmallFileRecord>() + names);
   answer.add(batch);
   for (std::uint32_t i = 0; i < batch.num_records && readEntry(cursor, entry) == 0; ++i) {
+    if (mStopServing) return -1;
     wire::FileReadRecord block{entry.record.offset, 0, 0, entry.record.pathLength, 0};
     const std::size_t at = answer.size() - headerLength;
     answer.add(block).add(entry.file_name.received);

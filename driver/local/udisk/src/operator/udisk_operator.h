@@ -86,6 +86,10 @@ class UDiskOperator : public UdiskOperatorInf {
   /// write-protected one.
   void SetReadOnly(bool readOnly) noexcept { mReadOnly = readOnly; }
 
+  /// From now on a request that goes through many steps ends at the next one,
+  /// without an answer: the driver is being closed.
+  void StopServing() noexcept { mStopServing = true; }
+
   /// Reports an event to the device's trace sink. `extra` is not used (trace.cpp).
   void TraceZorDevice(std::string eventName, ZorDevice* device, bool success, std::string message,
                       const std::string& context, const std::string& extra);
@@ -169,6 +173,7 @@ class UDiskOperator : public UdiskOperatorInf {
   std::int64_t mRelishTime = 0;
 
   std::atomic<bool> mReadOnly{false};
+  std::atomic<bool> mStopServing{false};
   /// Guards mMountPoint, mMountDrive, mStatvfsList and the two below; never
   /// held over a file-system call.
   std::mutex mMountMutex;

@@ -38,6 +38,14 @@ bool readOutput(int fd, std::size_t limit, Clock::time_point deadline, std::stri
   }
 }
 
+// Runs in the child: a signal that the host holds back for the moment must not
+// stay blocked in a file-system daemon that mount starts.
+void unblockSignals(void* /*data*/) {
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 // A program may close its output and go on; it gets the time that is left.
 bool waitUntil(pid_t child, Clock::time_point deadline, int& status) {
   while (true) {
@@ -63,7 +71,8 @@ CommandResult runCommand(const std::vector<std::string>& arguments, const Comman
   int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CLOEXEC_PIPES;
   if (!options.showErrors) flags |= G_SPAWN_STDERR_TO_DEV_NULL;
   if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, static_cast<GSpawnFlags>(flags),
-                                nullptr, nullptr, &child, nullptr, &outputFd, nullptr, nullptr)) {
+                                unblockSignals, nullptr, &child, nullptr, &outputFd, nullptr,
+                                nullptr)) {
     return result;
   }
   result.started = true;

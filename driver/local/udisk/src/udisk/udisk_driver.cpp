@@ -60,6 +60,7 @@ int UDiskDriver::Close(signed char /*reason*/) {
 void UDiskDriver::stopDataThread() {
   if (!mDataThread) return;
   mStop = true;
+  mOperator->StopServing();
   {
     const std::lock_guard lock(mMutex);
     mCond.notify_one();
