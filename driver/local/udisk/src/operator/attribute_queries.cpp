@@ -49,7 +49,7 @@ int UDiskOperator::get_xattr(unsigned char headerLength, ZorPacket* packet) {
     return -1;
   }
   MORVEL_DEBUG(kLogDebug, "get_xattr full path: %s\n",
-               (GetLocalMountPoint() + std::string(path.text)).c_str());
+               (mountPoint() + std::string(path.text)).c_str());
   request.record.valueSize = 0;
   request.record.valueLength = 0;
 
@@ -71,8 +71,7 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
   const std::string_view label =
       slash == std::string_view::npos ? std::string_view() : path.text.substr(0, slash);
   MORVEL_DEBUG(kLogDebug, "get_statvfs file_name: %s, full path: %s,name len:%d, label: %s\n",
-               std::string(path.text).c_str(),
-               (GetLocalMountPoint() + std::string(path.text)).c_str(),
+               std::string(path.text).c_str(), (mountPoint() + std::string(path.text)).c_str(),
                static_cast<int>(request.record.pathLength), std::string(label).c_str());
   const auto matches = [label](const LabelRecord& record) {
     return std::string_view(record->label, sizeof record->label).starts_with(label);

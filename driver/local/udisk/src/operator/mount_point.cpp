@@ -44,10 +44,9 @@ int UDiskOperator::SetRootPath(char* letter, char* label) {
     mMountIdentity.reset();
     generation = ++mMountGeneration;
   }
-  const std::string mountPoint = std::string(letter) + label;
-  MORVEL_DEBUG(kLogDebug, "letter: %s, mMountPoint: %s, label: %s\n", letter, mountPoint.c_str(),
-               label);
-  MORVEL_DEBUG(kLogDebug, "==============letter:%s\n", mountPoint.c_str());
+  const std::string path = std::string(letter) + label;
+  MORVEL_DEBUG(kLogDebug, "letter: %s, mMountPoint: %s, label: %s\n", letter, path.c_str(), label);
+  MORVEL_DEBUG(kLogDebug, "==============letter:%s\n", path.c_str());
   mFileManager->UdiskGetStatvfs(openMountPoint(), &record->statistics);
 
   const std::lock_guard lock(mMountMutex);
@@ -94,14 +93,15 @@ std::string UDiskOperator::GetRemoteMountPoint() {
   return drive;
 }
 
+std::string UDiskOperator::mountPoint() {
+  const std::lock_guard lock(mMountMutex);
+  return mMountPoint;
+}
+
 std::string UDiskOperator::GetLocalMountPoint() {
-  std::string mountPoint;
-  {
-    const std::lock_guard lock(mMountMutex);
-    mountPoint = mMountPoint;
-  }
-  MORVEL_DEBUG(kLogDebug, "local mMountDrive:%s", mountPoint.c_str());
-  return mountPoint;
+  std::string local = mountPoint();
+  MORVEL_DEBUG(kLogDebug, "local mMountDrive:%s", local.c_str());
+  return local;
 }
 
 }  // namespace zor

@@ -146,6 +146,7 @@ class UDiskOperator : public UdiskOperatorInf {
   enum class PeriodStart { kWithThisRead, kEmpty };
 
   int resetRootPath();
+  std::string mountPoint();
   /// The mount point, open for the request at hand. Everything below it fails
   /// when there is no mount point, when another file system shows in its place,
   /// or when the request would change a read-only disk.
