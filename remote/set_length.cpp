@@ -7,13 +7,12 @@
 #include <limits>
 #include <random>
 
+#include "exchange.h"
 #include "remote_path.h"
 
 namespace zor::remote {
 
 namespace {
-
-Error failed(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
 
 Status grow(Disk& disk, const std::string& path, std::uint64_t length) {
   if (length <= kTruncateLimit) return disk.truncate(path, length);
@@ -27,13 +26,14 @@ Status shrinkUnderOtherName(Disk& disk, const std::string& path, std::uint64_t l
   const std::string other =
       joinPath(parentPath(path), ".udisk-" + std::to_string(random()) + ".tmp");
   const Result<udisk_stat> taken = disk.attributes(other);
-  if (taken) return failed("'" + other + "' is in the way");
+  if (taken) return exchange::failed("'" + other + "' is in the way");
   if (taken.error().kind != ErrorKind::kFailed) return taken.error();
   Status status = disk.rename(path, other);
   if (!status) return status;
   status = disk.truncate(other, length);
   if (Status back = disk.rename(other, path); !back) {
-    return failed("the file is called '" + other + "' now, because " + back.error().message);
+    return exchange::failed("the file is called '" + other + "' now, because " +
+                            back.error().message);
   }
   return status;
 }
@@ -69,7 +69,7 @@ Status setLength(Disk& disk, const std::string& path, std::uint64_t length) {
   const Result<udisk_stat> after = disk.attributes(path);
   if (!after) return after.error();
   if (after->st_size != static_cast<std::int64_t>(length)) {
-    return failed("the file has " + std::to_string(after->st_size) + " bytes now");
+    return exchange::failed("the file has " + std::to_string(after->st_size) + " bytes now");
   }
   return Unit{};
 }

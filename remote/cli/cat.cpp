@@ -16,7 +16,7 @@ namespace zor::remote::cli {
 
 namespace {
 
-constexpr std::uint32_t kPiece = 1U << 20;
+constexpr std::uint32_t kStreamPiece = 1U << 20;
 constexpr std::size_t kInFlight = 8;
 
 /// One file on its way to standard output, pieces in order.
@@ -30,7 +30,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
     for (;;) {
       while (!mEnded && mPieces.size() < kInFlight && mAsked < end()) {
         const auto size =
-            static_cast<std::uint32_t>(std::min<std::int64_t>(kPiece, end() - mAsked));
+            static_cast<std::uint32_t>(std::min<std::int64_t>(kStreamPiece, end() - mAsked));
         mPieces.push_back(std::make_shared<Piece>(Piece{mAsked, size, std::nullopt}));
         mAsked += size;
         ask(mPieces.back());
@@ -57,7 +57,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
   };
 
   std::int64_t end() const {
-    return mSize.value_or(std::numeric_limits<std::int64_t>::max() - kPiece);
+    return mSize.value_or(std::numeric_limits<std::int64_t>::max() - kStreamPiece);
   }
 
   void ask(const std::shared_ptr<Piece>& piece) {

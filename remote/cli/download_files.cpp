@@ -10,7 +10,7 @@ namespace zor::remote::cli {
 
 namespace {
 
-constexpr std::uint64_t kPiece = std::uint64_t{1} << 20;
+constexpr std::uint64_t kDownloadPiece = std::uint64_t{1} << 20;
 constexpr unsigned kMaxAttempts = 3;
 
 Error failure(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
@@ -28,7 +28,7 @@ Download::TransferPtr Download::begin(std::deque<Source>& queue) {
 /// has grown shows itself.
 std::uint32_t Download::nextSize(const Transfer& transfer) {
   const std::uint64_t left = transfer.size() - transfer.asked;
-  return static_cast<std::uint32_t>(left <= kPiece ? left + 1 : kPiece);
+  return static_cast<std::uint32_t>(left <= kDownloadPiece ? left + 1 : kDownloadPiece);
 }
 
 void Download::askNext(const TransferPtr& transfer, std::uint32_t size) {

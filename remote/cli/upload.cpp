@@ -16,7 +16,7 @@ namespace zor::remote::cli {
 
 namespace {
 
-constexpr std::size_t kPiece = std::size_t{1} << 20;
+constexpr std::size_t kUploadPiece = std::size_t{1} << 20;
 
 }  // namespace
 
@@ -61,7 +61,7 @@ void Upload::sort(std::string localPath, std::string remotePath, const struct st
 }
 
 bool Upload::makeRequest() {
-  if (!mWindow.fits(kPiece)) return false;
+  if (!mWindow.fits(kUploadPiece)) return false;
   while (!mWriting.empty()) {
     const TransferPtr transfer = mWriting.front();
     const bool sent = !transfer->error && sendPiece(transfer);
@@ -154,7 +154,7 @@ void Upload::create() {
 bool Upload::sendPiece(const TransferPtr& transfer) {
   // A byte more than there should be, to see the end.
   const std::int64_t left = std::max<std::int64_t>(transfer->size - transfer->offset, 0) + 1;
-  Buffer data(std::min(static_cast<std::size_t>(left), kPiece));
+  Buffer data(std::min(static_cast<std::size_t>(left), kUploadPiece));
   std::size_t have = 0;
   while (have < data.size()) {
     const ssize_t got =

@@ -14,25 +14,25 @@ namespace {
 // The bytes of `data` that complete chunks took up, plus a chunk's header when
 // the chunk behind it failed. Ends early when `stop` is set.
 std::int64_t writeBatch(FileWriter& file, wire::Bytes data, const std::atomic<bool>& stop) {
-  constexpr std::size_t kHeader = wire::wireSize<wire::WriteChunk>();
+  constexpr std::size_t kChunkHeader = wire::wireSize<wire::WriteChunk>();
   wire::Cursor cursor(data);
   std::int64_t consumed = 0;
-  while (cursor.rest().size() > kHeader && !stop) {
+  while (cursor.rest().size() > kChunkHeader && !stop) {
     wire::WriteChunk chunk{};
     const std::size_t left = cursor.rest().size();
     cursor.get(chunk);
     if (chunk.length > cursor.rest().size()) {
       MORVEL_ERROR("buffer length error, size: %d, buffer_size:%d", static_cast<int>(chunk.length),
                    static_cast<int>(left));
-      return consumed + static_cast<std::int64_t>(kHeader);
+      return consumed + static_cast<std::int64_t>(kChunkHeader);
     }
     const int written = file.write(cursor.take(chunk.length), chunk.offset);
     if (written < 0 || static_cast<std::uint32_t>(written) != chunk.length) {
       MORVEL_ERROR("file_write failed size: %d, result: %d", static_cast<int>(chunk.length),
                    written);
-      return consumed + static_cast<std::int64_t>(kHeader);
+      return consumed + static_cast<std::int64_t>(kChunkHeader);
     }
-    consumed += static_cast<std::int64_t>(kHeader) + chunk.length;
+    consumed += static_cast<std::int64_t>(kChunkHeader) + chunk.length;
   }
   return consumed;
 }
