@@ -9,7 +9,7 @@
 
 namespace zor::remote {
 
-Result<UniqueFd> connectUnix(const std::string& path) {
+Result<UniqueFd> connectUnix(const std::string& path, bool mayBlock) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -17,7 +17,8 @@ Result<UniqueFd> connectUnix(const std::string& path) {
                                           std::to_string(sizeof address.sun_path - 1) + " bytes"};
   }
   std::memcpy(address.sun_path, path.data(), path.size());
-  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd socket(
+      ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (mayBlock ? 0 : SOCK_NONBLOCK), 0));
   if (!socket ||
       ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int reason = errno;
@@ -30,20 +31,33 @@ Result<UniqueFd> connectUnix(const std::string& path) {
   return socket;
 }
 
+Connection::Connection(UniqueFd socket, ConnectionOptions options)
+    : mBandwidthKbit(options.bandwidthKbit),
+      mLink(std::make_unique<Link>(std::move(socket), std::move(options.link))) {}
+
 Result<std::unique_ptr<Connection>> Connection::open(ConnectionOptions options) {
   Result<UniqueFd> socket = connectUnix(options.socketPath);
   if (!socket) return std::move(socket.error());
-  std::unique_ptr<Connection> connection(new Connection);
   const auto limit = options.link.idleTimeout;
-  connection->mLink = std::make_unique<Link>(std::move(*socket), std::move(options.link));
-  Result<Announcement> announcement = connection->mLink->waitForAnnouncement(limit);
-  if (!announcement) return std::move(announcement.error());
-  connection->mAnnouncement = std::move(*announcement);
-  if (options.bandwidthKbit != 0) {
-    connection->mBandwidth =
-        std::make_unique<BandwidthAnnouncer>(*connection->mLink, options.bandwidthKbit);
-  }
+  std::unique_ptr<Connection> connection(new Connection(std::move(*socket), std::move(options)));
+  Status announced = connection->finish(limit);
+  if (!announced) return std::move(announced.error());
   return connection;
+}
+
+Result<std::unique_ptr<Connection>> Connection::start(ConnectionOptions options) {
+  Result<UniqueFd> socket = connectUnix(options.socketPath, false);
+  if (!socket) return std::move(socket.error());
+  return std::unique_ptr<Connection>(new Connection(std::move(*socket), std::move(options)));
+}
+
+Status Connection::finish(std::chrono::milliseconds limit) {
+  Result<Announcement> announcement = mLink->waitForAnnouncement(limit);
+  if (!announcement) return std::move(announcement.error());
+  mAnnouncement = std::move(*announcement);
+  if (mBandwidthKbit != 0)
+    mBandwidth = std::make_unique<BandwidthAnnouncer>(*mLink, mBandwidthKbit);
+  return Unit{};
 }
 
 }  // namespace zor::remote

@@ -58,7 +58,7 @@ void Disk::checkDir(std::string_view path, const Listing& known, Callback<DirChe
   if (request.payload.size() + known.raw().size() > wire::kMaxPacketLength - kMaxPathLength) {
     return fail(mTransport, std::move(done), refused("the listing is too long to be compared"));
   }
-  request.data.append(known.raw());
+  request.data = shared(Buffer(known.raw()));
   Request fence{Command::kFileFlush, encode(wire::HandleRecord{}, strings), {}};
   mTransport.submitFenced(
       std::move(request),

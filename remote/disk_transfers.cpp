@@ -31,7 +31,7 @@ void submitWrite(Transport& transport, std::string_view path, wire::FileWriteRec
   const std::size_t size = data.size();
   record.file_buf_length = static_cast<std::int32_t>(size);
   Strings strings{std::string(path)};
-  Request request{Command::kFileWrite, encode(record, strings), std::move(data)};
+  Request request{Command::kFileWrite, encode(record, strings), shared(std::move(data))};
   transport.submit(
       std::move(request),
       decoding<Unit>(std::move(done), [strings = std::move(strings), size](Buffer reply) -> Status {
@@ -82,11 +82,13 @@ void Disk::readSmallFiles(const std::vector<FilePiece>& files, Callback<FilePiec
   Request request{Command::kSmallFileRead, {}, {}};
   request.payload =
       Buffer(wire::encoded(wire::SmallFileRecord{static_cast<std::uint32_t>(files.size())}));
+  Buffer records;
   for (const FilePiece& file : files) {
-    request.payload.append(wire::encoded(wire::FileReadRecord{
+    records.append(wire::encoded(wire::FileReadRecord{
         file.offset, 0, file.size, static_cast<std::uint32_t>(file.path.size()), 0}));
-    request.payload.append(std::as_bytes(std::span(file.path)));
+    records.append(std::as_bytes(std::span(file.path)));
   }
+  request.data = shared(std::move(records));
   mTransport.submit(
       std::move(request),
       decoding<FilePieces>(std::move(done), [files](Buffer reply) -> Result<FilePieces> {

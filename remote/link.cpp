@@ -13,6 +13,16 @@
 
 namespace zor::remote {
 
+namespace {
+
+/// sendmsg only reads what an iovec names.
+iovec dataPart(const std::shared_ptr<const Buffer>& data) {
+  if (!data) return {nullptr, 0};
+  return {const_cast<std::byte*>(data->data()), data->size()};
+}
+
+}  // namespace
+
 std::string Link::seconds(std::chrono::milliseconds time) {
   const auto ms = time.count();
   return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
@@ -47,6 +57,11 @@ Result<Announcement> Link::waitForAnnouncement(std::chrono::milliseconds limit) 
 bool Link::servesSmallFiles() const {
   const std::lock_guard lock(mMutex);
   return mSmallFiles;
+}
+
+bool Link::wentSilent() const {
+  const std::lock_guard lock(mMutex);
+  return mSilent;
 }
 
 void Link::submit(Request request, Completion done) {
@@ -122,7 +137,7 @@ void Link::flush() {
       if (used + 3 > parts.size()) break;
       const std::array<iovec, 3> pieces{iovec{packet.header.data(), packet.header.size()},
                                         iovec{packet.payload.data(), packet.payload.size()},
-                                        iovec{packet.data.data(), packet.data.size()}};
+                                        dataPart(packet.data)};
       for (const iovec& piece : pieces) {
         const std::size_t skipped = std::min(skip, piece.iov_len);
         skip -= skipped;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -33,6 +34,8 @@ struct LinkOptions {
   /// The link counts as broken when requests wait and nothing at all has
   /// arrived for this long.
   std::chrono::milliseconds idleTimeout{60000};
+  /// Called once, on the link's thread, when the disk has been announced.
+  std::function<void()> onAnnounced{};
   /// Called once, on the link's thread, after everything in flight has failed.
   std::function<void(const Error&)> onBroken{};
 };
@@ -59,6 +62,10 @@ class Link final : public Transport {
   /// Whether the host has said that it serves batches of small files.
   bool servesSmallFiles() const;
 
+  /// Whether the link broke because nothing arrived for the idle timeout. To be
+  /// asked from `onBroken` on.
+  bool wentSilent() const;
+
   void submit(Request request, Completion done) override;
   void submitFenced(Request request, Completion done, Request fence) override;
   void post(std::function<void()> task) override;
@@ -78,8 +85,9 @@ class Link final : public Transport {
   struct Outgoing {
     std::array<std::byte, kHeaderSize> header{};
     Buffer payload;
-    Buffer data;
-    std::size_t size() const { return header.size() + payload.size() + data.size(); }
+    std::shared_ptr<const Buffer> data;
+    std::size_t dataSize() const { return data ? data->size() : 0; }
+    std::size_t size() const { return header.size() + payload.size() + dataSize(); }
   };
 
   static Error lost(std::string message) { return {ErrorKind::kLinkLost, std::move(message)}; }
@@ -112,6 +120,7 @@ class Link final : public Transport {
   std::optional<Announcement> mAnnouncement;
   std::optional<Error> mBroken;
   bool mSmallFiles = false;
+  bool mSilent = false;
   bool mStop = false;
   bool mSendFailed = false;
   bool mWriting = false;  ///< the link's thread waits until more can be written

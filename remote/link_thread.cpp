@@ -41,6 +41,10 @@ bool Link::waitForEvents() {
     }
   }
   if (timeout.count() <= 0) {
+    {
+      const std::lock_guard lock(mMutex);
+      mSilent = true;
+    }
     breakLink(lost("no answer from the host for " + seconds(mOptions.idleTimeout)));
     return true;
   }
@@ -111,7 +115,7 @@ void Link::greet(const PacketHeader& header, const Buffer& payload) {
   if (!cursor.ok() || !cursor.rest().empty() || tail[0] != std::byte{0}) {
     return breakLink(lost("the host announced the disk with a malformed packet"));
   }
-  const std::lock_guard lock(mMutex);
+  std::unique_lock lock(mMutex);
   if (mAnnouncement || mBroken) return;
   mAnnouncement = Announcement{header.devId,
                                std::string(reinterpret_cast<const char*>(name.data()), name.size()),
@@ -125,6 +129,8 @@ void Link::greet(const PacketHeader& header, const Buffer& payload) {
   enqueue(std::move(answer));
   flush();
   mAnnounced.notify_all();
+  lock.unlock();
+  if (mOptions.onAnnounced) mOptions.onAnnounced();
 }
 
 void Link::complete(const PacketHeader& header, Buffer payload) {

@@ -23,11 +23,11 @@ struct Error {
 /// The value of an operation that has none.
 struct Unit {};
 
-template <class T>
+template <class T, class E = Error>
 class [[nodiscard]] Result {
  public:
   Result(T value) : mState(std::in_place_index<0>, std::move(value)) {}
-  Result(Error error) : mState(std::in_place_index<1>, std::move(error)) {}
+  Result(E error) : mState(std::in_place_index<1>, std::move(error)) {}
 
   bool ok() const noexcept { return mState.index() == 0; }
   explicit operator bool() const noexcept { return ok(); }
@@ -39,11 +39,11 @@ class [[nodiscard]] Result {
   const T* operator->() const { return &std::get<0>(mState); }
 
   /// REQUIRES: !ok().
-  Error& error() { return std::get<1>(mState); }
-  const Error& error() const { return std::get<1>(mState); }
+  E& error() { return std::get<1>(mState); }
+  const E& error() const { return std::get<1>(mState); }
 
  private:
-  std::variant<T, Error> mState;
+  std::variant<T, E> mState;
 };
 
 using Status = Result<Unit>;

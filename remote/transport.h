@@ -2,6 +2,8 @@
 #pragma once
 
 #include <functional>
+#include <memory>
+#include <utility>
 
 #include "buffer.h"
 #include "protocol/commands.h"
@@ -10,12 +12,17 @@
 namespace zor::remote {
 
 /// A request without its identity. On the wire `payload` and `data` follow each
-/// other; they are apart so that large data need not be copied.
+/// other; they are apart so that large data need not be copied, and `data` is
+/// shared so that a request can be kept while it travels.
 struct Request {
   wire::Command command{};
   Buffer payload;
-  Buffer data;
+  std::shared_ptr<const Buffer> data{};  ///< null when there is none
 };
+
+inline std::shared_ptr<const Buffer> shared(Buffer data) {
+  return std::make_shared<const Buffer>(std::move(data));
+}
 
 /// The payload of the packet that answers a request.
 using Reply = Buffer;

@@ -29,7 +29,8 @@ class HeldTransport : public Transport {
 
   static std::string bytesOf(const Request& request) {
     std::string bytes = std::to_string(wire::code(request.command)) + ':';
-    for (const Buffer* part : {&request.payload, &request.data}) {
+    for (const Buffer* part : {&request.payload, request.data.get()}) {
+      if (part == nullptr) continue;
       bytes.append(reinterpret_cast<const char*>(part->data()), part->size());
     }
     return bytes;

@@ -2,9 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/process.h"
 #include "temporary_directory.h"
 
 namespace zor::remote::test {
@@ -22,36 +21,10 @@ using namespace std::chrono_literals;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using Arguments = std::vector<std::string>;
-
-template <class Condition>
-bool eventually(Condition condition) {
-  for (int i = 0; i < 4000 && !condition(); ++i) std::this_thread::sleep_for(5ms);
-  return condition();
-}
-
-pid_t spawn(const Arguments& arguments, const fs::path& out, const fs::path& err) {
-  std::vector<char*> argv;
-  for (const std::string& argument : arguments) {
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  }
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  pid_t pid = -1;
-  ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-/// The exit code, or minus the signal.
-int waitFor(pid_t pid) {
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+using zor::test::Arguments;
+using zor::test::eventually;
+using zor::test::spawn;
+using zor::test::waitFor;
 
 /// What counts of a tree: name -> type, permission bits, time and contents.
 std::map<std::string, std::string> snapshot(const fs::path& root, bool times) {

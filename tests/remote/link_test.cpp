@@ -11,24 +11,13 @@
 #include <vector>
 
 #include "bandwidth.h"
-#include "test_bytes.h"
+#include "host_packets.h"
 
 namespace zor::remote::test {
 namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-
-const char* const kNotice = "27 05 7A 00  0A 1A 00 00  10 00 00 00  00 00 00 00";
-const char* const kAnnouncement =
-    "27 05 64 00  D2 04 00 00  17 00 00 00  00 00 00 00  03 00 'USB' 00 01";
-
-struct Packet {
-  std::uint8_t devId = 0;
-  std::uint16_t cmd = 0;
-  std::uint32_t id = 0;
-  std::string bytes;  ///< the whole packet
-};
 
 class LinkTest : public ::testing::Test {
  protected:
@@ -51,70 +40,17 @@ class LinkTest : public ::testing::Test {
     receive();
   }
 
-  void send(const std::string& bytes) {
-    ASSERT_EQ(::send(mHost.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
-
-  std::string take(std::size_t size) {
-    std::string bytes(size, '\0');
-    std::size_t have = 0;
-    while (have < size) {
-      const ssize_t got = ::recv(mHost.get(), bytes.data() + have, size - have, 0);
-      if (got <= 0) return bytes.substr(0, have);
-      have += static_cast<std::size_t>(got);
-    }
-    return bytes;
-  }
-
-  Packet receive() {
-    Packet packet;
-    packet.bytes = take(16);
-    if (packet.bytes.size() < 16) return packet;
-    PacketHeader header{};
-    wire::Cursor(std::as_bytes(std::span(packet.bytes))).get(header);
-    packet.devId = header.devId;
-    packet.cmd = header.cmd;
-    packet.id = header.requestId;
-    packet.bytes += take(header.length - 16);
-    return packet;
-  }
-
-  static std::string reply(const Packet& to, const std::string& payload) {
-    const PacketHeader header{kPacketMagic,
-                              to.devId,
-                              to.cmd,
-                              to.id,
-                              static_cast<std::uint32_t>(16 + payload.size()),
-                              0,
-                              {}};
-    const auto bytes = wire::encoded(header);
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()) + payload;
-  }
-
-  using Outcome = std::future<std::string>;
+  void send(const std::string& bytes) { sendBytes(mHost.get(), bytes); }
+  Packet receive() { return takePacket(mHost.get()); }
 
   static Request request(const std::string& payload = "p") {
     return {wire::Command::kGetFileAttr, Buffer(std::string_view(payload)), {}};
   }
 
-  static Completion completing(const std::shared_ptr<std::promise<std::string>>& promise) {
-    return [promise](Result<Reply> result) {
-      promise->set_value(
-          result ? std::string(reinterpret_cast<const char*>(result->data()), result->size())
-                 : "error: " + result.error().message);
-    };
-  }
-
-  /// The reply's payload, or "error: ...".
   Outcome submit(Request toSend) {
     auto promise = std::make_shared<std::promise<std::string>>();
     mLink->submit(std::move(toSend), completing(promise));
     return promise->get_future();
-  }
-
-  static std::string settled(Outcome& outcome) {
-    return outcome.wait_for(20s) == std::future_status::ready ? outcome.get() : "still waiting";
   }
 
   UniqueFd mClientEnd;
@@ -132,8 +68,8 @@ TEST_F(LinkTest, AnswersTheAnnouncementAndSpeaksWithItsIdentity) {
   EXPECT_TRUE(mLink->servesSmallFiles());
   EXPECT_EQ(receive().bytes,
             hex("27 05 C8 00  01 00 00 00  19 00 00 00  00 00 00 00  03 00  02 00 'E:USB'"));
-  submit(
-      {wire::Command::kFileWrite, Buffer(std::string_view("ab")), Buffer(std::string_view("c"))});
+  submit({wire::Command::kFileWrite, Buffer(std::string_view("ab")),
+          shared(Buffer(std::string_view("c")))});
   EXPECT_EQ(receive().bytes, hex("27 05 6A 00  02 00 00 00  13 00 00 00  00 00 00 00 'abc'"));
 }
 
@@ -317,7 +253,8 @@ TEST_F(LinkTest, NeverBlocksWhileTheHostDoesNotRead) {
   const auto big = [](int i) {
     Buffer data(kSize);
     std::memset(data.data(), i, data.size());
-    return Request{wire::Command::kFileWrite, Buffer(std::string_view("w")), std::move(data)};
+    return Request{wire::Command::kFileWrite, Buffer(std::string_view("w")),
+                   shared(std::move(data))};
   };
   auto followUp = std::make_shared<std::promise<std::string>>();
   mLink->submit(request(), [this, big, followUp](const Result<Reply>&) {
