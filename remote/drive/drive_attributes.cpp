@@ -1,0 +1,108 @@
+// Changes of attributes.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "drive/drive.h"
+#include "remote_path.h"
+#include "set_length.h"
+
+namespace zor::remote {
+
+namespace {
+
+/// A file that was written this lately has the present as its time.
+constexpr std::chrono::seconds kJustNow{2};
+
+}  // namespace
+
+Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
+  if (length > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    return Errno{EFBIG};
+  }
+  Lock lock = lockNames();
+  const Outcome<Unit> settled = settle(lock, id, false);
+  if (!settled) return settled.error();
+  mSettled.wait(lock, [this] { return !mRenaming; });
+  Node* node = mTree.find(id);
+  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
+  if (!path) return Errno{ESTALE};
+  if (node->directory) return Errno{EISDIR};
+  const NodeId directory = node->parent->id;
+  const std::string name = node->place->first;
+  node->place->second.stale = true;
+  Status status = Unit{};
+  if (length <= kTruncateLimit) {
+    Burst burst(*this, lock);
+    burst.add<Unit>([&](auto done) { mDisk.truncate(*path, length, std::move(done)); },
+                    [&status](Status& answer) { status = answer; });
+    burst.queryFile(*path, directory, name);
+    burst.wait();
+  } else {
+    // This may give the file another name for a moment.
+    mRenaming = true;
+    lock.unlock();
+    status = zor::remote::setLength(mDisk, *path, length);
+    lock.lock();
+    mRenaming = false;
+    std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
+    for (const auto& start : reads) start();
+    mSettled.notify_all();
+  }
+  if (!status && status.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
+  if (!status) return Errno{EIO};
+  // An answer about the size that was asked for before may still be on its way
+  // into the tree; this one comes behind it.
+  if (length > kTruncateLimit && !look(lock, directory, name)) return Errno{EIO};
+  return Unit{};
+}
+
+/// For changes that a disk without permissions refuses.
+template <class Start>
+Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
+  Lock lock = lockNames();
+  const Node* node = mTree.find(id);
+  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
+  if (!path) return Errno{ESTALE};
+  Status status = Unit{};
+  Burst burst(*this, lock);
+  burst.add<Unit>([&](auto done) { start(*path, std::move(done)); },
+                  [&status](Status& answer) { status = answer; });
+  if (node->parent != nullptr) {
+    burst.queryFile(*path, node->parent->id, node->place->first);
+  } else {
+    burst.queryDirectory(id);
+  }
+  burst.wait();
+  if (status) return Unit{};
+  if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  if (mOptions.quiet) return Unit{};
+  return Errno{refusal(lock, EPERM)};
+}
+
+Outcome<Unit> Drive::setMode(NodeId node, std::uint32_t mode) {
+  return changeInode(node, [&](const std::string& path, auto done) {
+    mDisk.chmod(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+  });
+}
+
+Outcome<Unit> Drive::setOwner(NodeId node, std::uint32_t uid, std::uint32_t gid) {
+  return changeInode(node, [&](const std::string& path, auto done) {
+    mDisk.chown(path, uid, gid, std::move(done));
+  });
+}
+
+Outcome<Unit> Drive::setTimes(NodeId id, bool now) {
+  if (mOptions.quiet) return Unit{};
+  Lock lock(mMutex);
+  const Node* node = mTree.find(id);
+  if (now && node != nullptr && node->file) {
+    const FileState& file = *node->file;
+    if (file.ahead || Clock::now() - file.created < kJustNow) return Unit{};
+  }
+  return Errno{EPERM};
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,152 @@
+// New names.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <utility>
+
+#include "drive/drive.h"
+#include "remote_path.h"
+
+namespace zor::remote {
+
+// The host empties a file that it is to create while it exists already, and
+// takes an existing directory for a new one. So every name is looked at right
+// before, whatever is known of it.
+
+Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, std::uint32_t mode,
+                                      int flags) {
+  Lock lock = lockNames();
+  const std::string key(name);
+  const Result<udisk_stat> seen = look(lock, directory, key);
+  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  if (seen) {
+    if ((flags & O_EXCL) != 0) return Errno{EEXIST};
+    if (isDirectory(*seen)) return Errno{EISDIR};
+    if (!isRegular(*seen)) return Errno{EACCES};
+  } else {
+    const Outcome<Node*> parent = directoryNode(directory);
+    if (!parent) return parent.error();
+    const std::string path = joinPath(*mTree.path(**parent), key);
+    Status created = Unit{};
+    Burst burst(*this, lock);
+    burst.add<Unit>([&](auto done) { mDisk.create(path, mode, std::move(done)); },
+                    [&created](Status& status) { created = status; });
+    burst.queryFile(path, directory, key);
+    burst.queryDirectory(directory);
+    burst.wait();
+    if (!created) {
+      if (created.error().kind != ErrorKind::kFailed) return Errno{EIO};
+      return Errno{refusal(lock, EACCES)};
+    }
+  }
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const auto at = (*parent)->directory->entries.find(key);
+  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
+  Created result;
+  result.entry = enterLocked(**parent, *at);
+  Node& node = *mTree.find(result.entry.node);
+  result.open = openNode(node, (flags & O_ACCMODE) != O_RDONLY);
+  if (seen && (flags & O_TRUNC) != 0) {
+    lock.unlock();
+    const Outcome<Unit> emptied = setLength(result.entry.node, 0);
+    if (!emptied) {
+      release(*result.open.file);
+      forget(result.entry.node, 1);
+      return emptied.error();
+    }
+    result.entry.attributes.st_size = 0;
+  }
+  return result;
+}
+
+Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
+                                        std::uint32_t mode) {
+  Lock lock = lockNames();
+  const std::string key(name);
+  // Hosts take a backslash in this request for a separator, but not in a rename.
+  const bool detour = key.find('\\') != std::string::npos;
+  const Result<udisk_stat> seen = look(lock, directory, key);
+  if (seen) return Errno{EEXIST};
+  if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const std::string made = detour ? hiddenName() : key;
+  const std::string path = joinPath(*mTree.path(**parent), made);
+  Status status = Unit{};
+  Burst burst(*this, lock);
+  burst.add<Unit>(
+      [&](auto done) {
+        mDisk.makeDir(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+      },
+      [&status](Status& answer) { status = answer; });
+  burst.queryFile(path, directory, made);
+  burst.queryDirectory(directory);
+  burst.wait();
+  if (!status) {
+    if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    return Errno{refusal(lock, EACCES)};
+  }
+  if (detour) {
+    const Outcome<Unit> renamed = renameLocked(lock, directory, made, directory, key);
+    if (!renamed) return renamed.error();
+  }
+  const Outcome<Node*> still = directoryNode(directory);
+  if (!still) return still.error();
+  const auto at = (*still)->directory->entries.find(key);
+  if (at == (*still)->directory->entries.end()) return Errno{EIO};
+  const NodeEntry entry = enterLocked(**still, *at);
+  Directory& fresh = *mTree.find(entry.node)->directory;
+  fresh.complete = true;
+  fresh.lifetime = mOptions.attributeTimeout;
+  fresh.confirmed = fresh.listed = Clock::now();
+  fresh.self = at->second.attributes;
+  fresh.parent = (*still)->directory->self;
+  fresh.dots = (*still)->directory->dots;
+  return entry;
+}
+
+Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_view name) {
+  Lock lock = lockNames();
+  const std::string key(name);
+  const Result<udisk_stat> seen = look(lock, directory, key);
+  if (seen) return Errno{EEXIST};
+  if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  const Outcome<Unit> settled = settle(lock, existing, false);
+  if (!settled) return settled.error();
+  mSettled.wait(lock, [this] { return !mRenaming; });
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  Node* node = mTree.find(existing);
+  const std::optional<std::string> from = node == nullptr ? std::nullopt : mTree.path(*node);
+  if (!from || node->place == nullptr) return Errno{ESTALE};
+  const std::string to = joinPath(*mTree.path(**parent), key);
+  const NodeId oldDirectory = node->parent->id;
+  const std::string oldName = node->place->first;
+  const std::uint64_t inode = node->place->second.attributes.st_ino;
+  Status linked = Unit{};
+  std::uint64_t made = 0;
+  Burst burst(*this, lock);
+  burst.add<Unit>([&](auto done) { mDisk.link(*from, to, std::move(done)); },
+                  [this, &linked](Status& status) {
+                    linked = status;
+                    ++mLinkEpoch;
+                  });
+  burst.queryFile(*from, oldDirectory, oldName);
+  burst.add<udisk_stat>([&](auto done) { mDisk.attributes(to, std::move(done)); },
+                        [this, directory, &key, &made](Result<udisk_stat>& result) {
+                          learn(directory, key, result);
+                          if (result) made = result->st_ino;
+                        });
+  burst.queryDirectory(directory);
+  burst.wait();
+  if (!linked && linked.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
+  // Of a link that was lost on the way, the look behind it tells.
+  if (made != inode) return Errno{EIO};
+  Node* still = mTree.find(directory);
+  const auto at = still->directory->entries.find(key);
+  if (at == still->directory->entries.end()) return Errno{EIO};
+  return enterLocked(*still, *at);
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,146 @@
+// Whole directories.
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "drive/drive.h"
+
+namespace zor::remote {
+
+namespace {
+
+/// What a check does not compare (permissions, owners, link counts) is learnt
+/// at least this often.
+constexpr std::chrono::seconds kListAgainAfter{30};
+
+/// A check compares whole seconds: a file that was changed this shortly before
+/// it was listed may change again without that it shows.
+constexpr std::int64_t kRecentSeconds = 3;
+
+constexpr std::chrono::seconds kLongListing{1};
+
+bool changedRecently(const Entries& entries) {
+  const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
+  return std::any_of(entries.begin(), entries.end(), [now](const auto& place) {
+    const std::int64_t modified = place.second.attributes.st_mtim.tv_sec;
+    return modified > now - kRecentSeconds && modified < now + kRecentSeconds;
+  });
+}
+
+}  // namespace
+
+Outcome<Unit> Drive::refreshDirectory(Lock& lock, NodeId id) {
+  for (;;) {
+    const Outcome<Node*> node = directoryNode(id);
+    if (!node) return node.error();
+    Directory& known = *(*node)->directory;
+    if (isFresh(known)) return Unit{};
+    if (!known.load.valid()) break;
+    const std::shared_future<void> underWay = known.load;
+    lock.unlock();
+    underWay.wait();
+    lock.lock();
+  }
+  Node& node = *mTree.find(id);
+  std::promise<void> loaded;
+  node.directory->load = loaded.get_future().share();
+  ++node.references;
+  const std::optional<std::string> path = mTree.path(node);
+  const Clock::time_point begun = Clock::now();
+  Outcome<Unit> result = load(lock, id, *path);
+  // What takes long to learn counts for as long: a walk would never end else.
+  const Clock::duration taken = Clock::now() - begun;
+  node.directory->lifetime = taken < kLongListing
+                                 ? mOptions.attributeTimeout
+                                 : std::max<Clock::duration>(mOptions.attributeTimeout, taken);
+  --node.references;
+  node.directory->load = {};
+  loaded.set_value();
+  if (!result) mTree.releaseIfUnused(&node);
+  return result;
+}
+
+Outcome<Unit> Drive::load(Lock& lock, NodeId id, const std::string& path) {
+  const auto take = [this, id](const Listing& listing) {
+    Node& node = *mTree.find(id);
+    mTree.merge(node, listing, Clock::now(), mLinkEpoch);
+    node.directory->recent = changedRecently(node.directory->entries);
+  };
+  Directory& known = *mTree.find(id)->directory;
+  std::optional<Listing> old;
+  if (known.complete && !known.recent && Clock::now() - known.listed < kListAgainAfter) {
+    const Node* parent = mTree.find(id)->parent;
+    if (parent != nullptr && parent->directory->selfConfirmed > known.confirmed) {
+      known.parent = parent->directory->self;
+    }
+    old = composeListing(known);
+  }
+  if (old) {
+    ++mCounters.dirChecks;
+    const Result<DirCheck> check = ask<DirCheck>(
+        lock, [&](auto done) { mDisk.checkDir(path, *old, std::move(done)); },
+        [this, id, &take](Result<DirCheck>& result) {
+          if (!result) return;
+          Directory& directory = *mTree.find(id)->directory;
+          if (!result->changed) {
+            ++mCounters.dirUnchanged;
+            directory.confirmed = Clock::now();
+            directory.selfConfirmed = directory.confirmed;
+            directory.singles = 0;
+          } else if (!result->fresh.entries().empty()) {
+            take(result->fresh);
+          } else {
+            directory.complete = false;
+          }
+        });
+    if (check && mTree.find(id)->directory->complete) return Unit{};
+    // Too large to be compared, or gone: the listing tells.
+    if (!check && check.error().kind == ErrorKind::kLinkLost) return Errno{EIO};
+  }
+  const Result<Listing> listing = ask<Listing>(
+      lock, [&](auto done) { mDisk.list(path, std::move(done)); },
+      [this, id, &take](Result<Listing>& result) {
+        if (result) {
+          take(*result);
+        } else if (result.error().kind == ErrorKind::kFailed) {
+          mTree.find(id)->directory->complete = false;
+        }
+      });
+  if (listing) return Unit{};
+  if (listing.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  const Node* node = mTree.find(id);
+  if (node->parent == nullptr) return Errno{EIO};
+  const Result<udisk_stat> seen = look(lock, node->parent->id, std::string(node->place->first));
+  return Errno{seen ? EACCES : ENOENT};
+}
+
+Outcome<DirectorySnapshot> Drive::openDirectory(NodeId id) {
+  Lock lock = lockNames();
+  const Outcome<Unit> fresh = refreshDirectory(lock, id);
+  if (!fresh) return fresh.error();
+  Directory& known = *mTree.find(id)->directory;
+  if (known.snapshot == nullptr) {
+    auto items = std::make_shared<std::vector<DirectoryItem>>();
+    items->reserve(known.entries.size());
+    for (const auto& [name, entry] : known.entries) {
+      if (!entry.hidden) items->push_back({name, entry.attributes});
+    }
+    known.snapshot = std::move(items);
+  }
+  return known.snapshot;
+}
+
+NodeEntry Drive::enter(NodeId directory, const DirectoryItem& item) {
+  const Lock lock(mMutex);
+  Node* node = mTree.find(directory);
+  if (node == nullptr || !node->directory) return {};
+  Entries& entries = node->directory->entries;
+  const auto at = entries.find(item.name);
+  if (at == entries.end() || at->second.hidden || at->second.attributes.st_mode == 0) return {};
+  ++mCounters.cacheHits;
+  return enterLocked(*node, *at);
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,158 @@
+// Names and attributes.
+#include <algorithm>
+#include <utility>
+
+#include "drive/drive.h"
+#include "remote_path.h"
+
+namespace zor::remote {
+
+namespace {
+
+/// What an entry adds to a listing, about.
+constexpr std::uint64_t kEntrySize = 150;
+
+/// A directory that was never listed is listed for the sake of one name, unless
+/// its own size tells that this would be much.
+constexpr std::int64_t kLargeDirectory = 256 << 10;
+
+/// Whether to ask for the whole directory rather than for one name, when the
+/// time that a question about one name takes would carry `single` bytes.
+bool worthWhole(const Directory& directory, std::uint64_t single) {
+  if (!directory.complete) return directory.self.st_size <= kLargeDirectory;
+  return directory.entries.size() * kEntrySize <= single * (1 + directory.singles);
+}
+
+int errnoOf(const Error& error, int failed) {
+  return error.kind == ErrorKind::kFailed ? failed : EIO;
+}
+
+}  // namespace
+
+Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
+  Lock lock = lockNames();
+  const std::string key(name);
+  for (int asked = 0;; ++asked) {
+    const Outcome<Node*> parent = directoryNode(directory);
+    if (!parent) return parent.error();
+    Directory& known = *(*parent)->directory;
+    const auto at = known.entries.find(key);
+    const bool found = at != known.entries.end();
+    if (found && at->second.hidden) return NodeEntry{};
+    if (found
+            ? asked > 1 || isFresh(**parent, at->second) || (asked == 1 && !isDoubtful(at->second))
+            : asked > 0 || isFresh(known)) {
+      ++(asked == 0 ? mCounters.cacheHits : mCounters.cacheMisses);
+      if (found) return enterLocked(**parent, *at);
+      return NodeEntry{
+          0,
+          {},
+          std::max(std::chrono::nanoseconds(0),
+                   std::chrono::nanoseconds(known.confirmed + known.lifetime - Clock::now()))};
+    }
+    if (asked == 0) {
+      const Outcome<Unit> refreshed = refresh(lock, directory, key);
+      if (!refreshed) return refreshed.error();
+    } else {
+      const Result<udisk_stat> seen = look(lock, directory, key);
+      if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    }
+  }
+}
+
+/// Asks the host in the way that tells most for its cost.
+Outcome<Unit> Drive::refresh(Lock& lock, NodeId directory, const std::string& name) {
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  Directory& known = *(*parent)->directory;
+  // A chunk takes up to 200 ms, a question some tens.
+  const std::uint64_t chunk = mReadWindow.chunkSize();
+  const auto at = known.entries.find(name);
+  if (at != known.entries.end() && isDirectory(at->second.attributes) && !at->second.stale) {
+    // Its own listing tells whether it is still there, and will be wanted next.
+    Node& child = mTree.nodeAt(**parent, *at);
+    child.directory->self = at->second.attributes;
+    if (worthWhole(*child.directory, chunk)) {
+      const NodeId id = child.id;
+      ++child.references;
+      const Outcome<Unit> listed = refreshDirectory(lock, id);
+      if (Node* still = mTree.find(id); still != nullptr) {
+        --still->references;
+        if (!listed) mTree.releaseIfUnused(still);
+      }
+      if (listed) return listed;
+    }
+  } else if (worthWhole(known, chunk / 2)) {
+    const Outcome<Unit> listed = refreshDirectory(lock, directory);
+    if (listed) return listed;
+  }
+  if (Node* still = mTree.find(directory); still != nullptr) ++still->directory->singles;
+  const Result<udisk_stat> seen = look(lock, directory, name);
+  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{errnoOf(seen.error(), EIO)};
+  return Unit{};
+}
+
+void Drive::forget(NodeId id, std::uint64_t references) {
+  const std::lock_guard lock(mMutex);
+  Node* node = mTree.find(id);
+  if (node == nullptr) return;
+  node->references -= std::min(node->references, references);
+  mTree.releaseIfUnused(node);
+}
+
+Outcome<NodeAttributes> Drive::rootAttributes(Lock& lock) {
+  Directory& root = *mTree.root().directory;
+  const auto left = [&] {
+    return std::chrono::nanoseconds(root.selfConfirmed + mOptions.attributeTimeout - Clock::now());
+  };
+  if (left().count() > 0 && root.self.st_mode != 0) {
+    ++mCounters.cacheHits;
+    return NodeAttributes{root.self, left()};
+  }
+  ++mCounters.cacheMisses;
+  bool known = false;
+  if (worthWhole(root, mReadWindow.chunkSize() / 2))
+    known = refreshDirectory(lock, kRootNode).ok() && root.self.st_mode != 0;
+  if (!known) {
+    ++root.singles;
+    const Result<udisk_stat> self = ask<udisk_stat>(
+        lock, [&](auto done) { mDisk.attributes("/", std::move(done)); },
+        [this](auto& result) { learnSelf(kRootNode, result); });
+    if (!self) return Errno{EIO};
+  }
+  return NodeAttributes{root.self, std::max(std::chrono::nanoseconds(0), left())};
+}
+
+Outcome<NodeAttributes> Drive::attributes(NodeId id) {
+  Lock lock = lockNames();
+  if (id == kRootNode) return rootAttributes(lock);
+  for (int asked = 0;; ++asked) {
+    const Node* node = mTree.find(id);
+    if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
+    const Entry& entry = node->place->second;
+    if (asked > 1 || isFresh(*node->parent, entry) || (asked == 1 && !isDoubtful(entry))) {
+      ++(asked == 0 ? mCounters.cacheHits : mCounters.cacheMisses);
+      return NodeAttributes{visible(entry),
+                            std::max(std::chrono::nanoseconds(0), validity(*node->parent, entry))};
+    }
+    const NodeId directory = node->parent->id;
+    const std::string name = node->place->first;
+    if (asked == 0 && !isDoubtful(entry)) {
+      const Outcome<Unit> refreshed = refresh(lock, directory, name);
+      if (!refreshed) return refreshed.error();
+    } else {
+      const Result<udisk_stat> seen = look(lock, directory, name);
+      if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    }
+  }
+}
+
+Outcome<udisk_statvfs> Drive::statistics() {
+  Lock lock(mMutex);
+  Result<udisk_statvfs> result = ask<udisk_statvfs>(
+      lock, [&](auto done) { mDisk.statvfs("/", std::move(done)); }, [](auto&) {});
+  if (!result) return Errno{EIO};
+  return *result;
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,219 @@
+// Names that go, or become others.
+#include <fcntl.h>
+#include <stdio.h>
+
+#include <utility>
+
+#include "drive/drive.h"
+#include "remote_path.h"
+
+namespace zor::remote {
+
+namespace {
+
+bool isBelow(const Node* node, const Node& above) {
+  while (node != nullptr && node != &above) node = node->parent;
+  return node != nullptr;
+}
+
+}  // namespace
+
+Outcome<Unit> Drive::unlink(NodeId directory, std::string_view name) {
+  Lock lock = lockNames();
+  const std::string key(name);
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const auto at = (*parent)->directory->entries.find(key);
+  if (at != (*parent)->directory->entries.end() && at->second.node != nullptr) {
+    const Node& node = *at->second.node;
+    if (node.file && node.file->handles > 0) return hide(lock, directory, key);
+    if (node.file) {
+      const Outcome<Unit> settled = settle(lock, node.id, false);
+      if (!settled) return settled.error();
+    }
+  }
+  return removeName(lock, directory, key, false);
+}
+
+Outcome<Unit> Drive::removeDirectory(NodeId directory, std::string_view name) {
+  Lock lock = lockNames();
+  return removeName(lock, directory, std::string(name), true);
+}
+
+Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string& name, bool isDir) {
+  for (int attempt = 0;; ++attempt) {
+    const Outcome<Node*> parent = directoryNode(directory);
+    if (!parent) return parent.error();
+    const std::string path = joinPath(*mTree.path(**parent), name);
+    Status removed = Unit{};
+    Burst burst(*this, lock);
+    burst.add<Unit>(
+        [&](auto done) {
+          if (isDir) {
+            mDisk.removeDir(path, std::move(done));
+          } else {
+            mDisk.unlink(path, std::move(done));
+          }
+        },
+        [this, directory, &name, &removed](Status& status) {
+          removed = status;
+          if (!status) return;
+          ++mLinkEpoch;
+          if (Node* node = mTree.find(directory)) mTree.remove(*node, name);
+        });
+    burst.queryDirectory(directory);
+    burst.wait();
+    if (removed) return Unit{};
+    // Refused, or lost on the way: looking tells which.
+    const Result<udisk_stat> seen = look(lock, directory, name);
+    const bool lost = removed.error().kind != ErrorKind::kFailed;
+    if (!seen) {
+      if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+      if (lost) return Unit{};
+      return Errno{ENOENT};
+    }
+    if (lost && attempt == 0) continue;
+    if (lost) return Errno{EIO};
+    if (isDir != isDirectory(*seen)) return Errno{isDir ? ENOTDIR : EISDIR};
+    if (isDir) {
+      const Result<Listing> inside = ask<Listing>(
+          lock, [&](auto done) { mDisk.list(path, std::move(done)); }, [](auto&) {});
+      if (inside && inside->entries().size() > 2) return Errno{ENOTEMPTY};
+    }
+    return Errno{refusal(lock, EACCES)};
+  }
+}
+
+/// A file that is open goes on under a name that nobody sees.
+Outcome<Unit> Drive::hide(Lock& lock, NodeId directory, const std::string& name) {
+  const std::string hidden = hiddenName();
+  const Outcome<Unit> renamed = renameLocked(lock, directory, name, directory, hidden);
+  if (!renamed) return renamed;
+  Node* node = mTree.find(directory);
+  const auto at = node->directory->entries.find(hidden);
+  if (at == node->directory->entries.end()) return Unit{};
+  at->second.hidden = true;
+  node->directory->snapshot = nullptr;
+  // It may have been closed meanwhile.
+  if (at->second.node == nullptr || !at->second.node->file) {
+    return removeName(lock, directory, hidden, false);
+  }
+  return Unit{};
+}
+
+/// Waits until the host has what was written to files under their present paths.
+void Drive::settleBelow(Lock& lock, Node& top) {
+  mTree.forEachOpen([&](Node& node) {
+    if (isBelow(&node, top) && !node.file->gather.empty()) sendGathered(node);
+  });
+  mSettled.wait(lock, [&] {
+    bool settled = true;
+    mTree.forEachOpen([&](Node& node) {
+      if (isBelow(&node, top) && node.file->inFlight > 0) settled = false;
+    });
+    return settled;
+  });
+}
+
+Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::string_view newName,
+                            unsigned flags) {
+  if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return Errno{EINVAL};
+  Lock lock = lockNames();
+  const std::string oldKey(name);
+  const std::string newKey(newName);
+  if ((flags & RENAME_NOREPLACE) != 0) {
+    const Result<udisk_stat> taken = look(lock, to, newKey);
+    if (taken) return Errno{EEXIST};
+    if (taken.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  }
+  const Outcome<Node*> target = directoryNode(to);
+  if (!target) return target.error();
+  const auto at = (*target)->directory->entries.find(newKey);
+  if (at != (*target)->directory->entries.end() && at->second.node != nullptr &&
+      at->second.node->file && at->second.node->file->handles > 0 &&
+      !(from == to && oldKey == newKey)) {
+    // A reader of what is replaced goes on reading it.
+    const Outcome<Unit> hidden = hide(lock, to, newKey);
+    if (!hidden) return hidden;
+  }
+  return renameLocked(lock, from, oldKey, to, newKey);
+}
+
+Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
+                                  const std::string& newName) {
+  mSettled.wait(lock, [this] { return !mRenaming; });
+  // From here on, no request is made with a path that is about to change.
+  mRenaming = true;
+  struct Ending {
+    Drive& drive;
+    Lock& lock;
+    ~Ending() {
+      drive.mRenaming = false;
+      std::vector<std::function<void()>> reads = std::exchange(drive.mDeferred, {});
+      for (const auto& start : reads) start();
+      drive.mSettled.notify_all();
+    }
+  } ending{*this, lock};
+  for (int attempt = 0;; ++attempt) {
+    const Outcome<Node*> source = directoryNode(from);
+    if (!source) return source.error();
+    const Outcome<Node*> target = directoryNode(to);
+    if (!target) return target.error();
+    Entries& entries = (*source)->directory->entries;
+    std::uint64_t inode = 0;
+    if (const auto at = entries.find(name); at != entries.end()) {
+      inode = at->second.attributes.st_ino;
+      if (at->second.node != nullptr) settleBelow(lock, *at->second.node);
+    }
+    const Outcome<Node*> oldParent = directoryNode(from);
+    if (!oldParent) return oldParent.error();
+    const Outcome<Node*> newParent = directoryNode(to);
+    if (!newParent) return newParent.error();
+    const std::string oldPath = joinPath(*mTree.path(**oldParent), name);
+    const std::string newPath = joinPath(*mTree.path(**newParent), newName);
+    const auto moved = [this, from, to, &name, &newName] {
+      Node* oldNode = mTree.find(from);
+      Node* newNode = mTree.find(to);
+      if (oldNode != nullptr && newNode != nullptr) mTree.move(*oldNode, name, *newNode, newName);
+    };
+    Status renamed = Unit{};
+    Burst burst(*this, lock);
+    burst.add<Unit>([&](auto done) { mDisk.rename(oldPath, newPath, std::move(done)); },
+                    [this, &moved, &renamed](Status& status) {
+                      renamed = status;
+                      if (!status) return;
+                      ++mLinkEpoch;
+                      moved();
+                    });
+    burst.queryFile(newPath, to, newName);
+    burst.queryDirectory(from);
+    if (from != to) burst.queryDirectory(to);
+    burst.wait();
+    mSmallFiles.forget(oldPath);
+    mSmallFiles.forget(newPath);
+    if (renamed) return Unit{};
+    // The truth is told by looking; in this order, so that the tree follows.
+    const bool lost = renamed.error().kind != ErrorKind::kFailed;
+    const Result<udisk_stat> there = ask<udisk_stat>(
+        lock, [&](auto done) { mDisk.attributes(newPath, std::move(done)); }, [](auto&) {});
+    const Result<udisk_stat> here = ask<udisk_stat>(
+        lock, [&](auto done) { mDisk.attributes(oldPath, std::move(done)); }, [](auto&) {});
+    if (!here && here.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    if (!here && lost && there && (inode == 0 || there->st_ino == inode)) {
+      moved();
+      return Unit{};
+    }
+    if (!here) {
+      learn(from, name, here);
+      return Errno{ENOENT};
+    }
+    if (lost && attempt == 0) continue;
+    if (lost) return Errno{EIO};
+    if (there && isDirectory(*there) && !isDirectory(*here)) return Errno{EISDIR};
+    if (there && !isDirectory(*there) && isDirectory(*here)) return Errno{ENOTDIR};
+    if (there && isDirectory(*there)) return Errno{ENOTEMPTY};
+    return Errno{refusal(lock, EACCES)};
+  }
+}
+
+}  // namespace zor::remote

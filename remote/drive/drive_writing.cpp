@@ -1,0 +1,246 @@
+// Writing, and waiting until what was written is on the disk.
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "drive/drive.h"
+#include "drive/open_file.h"
+
+namespace zor::remote {
+
+namespace {
+
+/// What a program wrote goes out after this time at the latest.
+constexpr std::chrono::milliseconds kGatherTime{500};
+
+/// Of data that was written and is not acknowledged, over all files.
+constexpr std::size_t kMostInFlight = std::size_t{16} << 20;
+
+udisk_timespec wallClock() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
+  return {seconds.count(), std::chrono::nanoseconds(now - seconds).count()};
+}
+
+}  // namespace
+
+Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data) {
+  if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
+                            static_cast<std::uint64_t>(offset) <
+                        data.size()) {
+    return Errno{EFBIG};
+  }
+  if (data.empty()) return Unit{};
+  Lock lock(mMutex);
+  if (Outcome<Unit> failure = unseenFailure(lock, file); !failure) return failure;
+  const std::size_t limit = mWriteWindow.chunkSize();
+  Node* node = mTree.find(file.mNode);
+  while (!node->file->gather.accepts(offset, data.size(), limit)) {
+    waitToWrite(lock, file.mNode);
+  }
+  FileState& state = *node->file;
+  const bool first = state.gather.empty();
+  std::memcpy(state.gather.add(offset, data.size()), data.data(), data.size());
+  if (first) state.gathered = Clock::now();
+  state.end =
+      std::max(state.ahead ? state.end : 0, offset + static_cast<std::int64_t>(data.size()));
+  state.ahead = true;
+  state.unsynced = true;
+  state.lastWrite = wallClock();
+  if (node->place != nullptr) {
+    node->place->second.stale = true;
+    node->parent->directory->snapshot = nullptr;
+    if (node->place->second.attributes.st_nlink > 1) ++mLinkEpoch;
+  }
+  mCounters.bytesWritten += data.size();
+  file.mAhead.drop();
+  if (state.gather.size() >= limit) {
+    waitToWrite(lock, file.mNode);
+  } else if (first) {
+    mGathered.notify_one();
+  }
+  // Another writer may have sent this data meanwhile, and it may have failed.
+  return unseenFailure(lock, file);
+}
+
+bool Drive::mayWrite(const FileState& file) const {
+  return mBytesInFlight == 0 || mBytesInFlight + file.gather.size() <= kMostInFlight;
+}
+
+/// Sends what is gathered as soon as there is room for it on the way.
+void Drive::waitToWrite(Lock& lock, NodeId id) {
+  Node* node = mTree.find(id);
+  FileState& file = *node->file;  // there is a handle, so it stays
+  std::optional<ReadWindow::Ticket> ticket;
+  mSettled.wait(lock, [&] {
+    if (file.gather.empty()) return true;
+    if (mRenaming || !mayWrite(file)) return false;
+    ticket = mWriteWindow.tryBegin(static_cast<std::uint32_t>(file.gather.size()));
+    return ticket.has_value();
+  });
+  if (file.gather.empty()) {
+    if (ticket) mWriteWindow.finished(*ticket, 0);
+  } else {
+    sendGathered(*node, *ticket);
+  }
+}
+
+void Drive::sendGathered(Node& node) {
+  sendGathered(node, mWriteWindow.begin(static_cast<std::uint32_t>(node.file->gather.size())));
+}
+
+void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
+  FileState& file = *node.file;
+  const std::size_t size = file.gather.size();
+  const std::optional<std::string> path = mTree.path(node);
+  ++file.inFlight;
+  mBytesInFlight += size;
+  file.gather.submit(mDisk, path ? *path : std::string(),
+                     whenAnswered<Unit>([this, id = node.id, size, ticket](Status& status) {
+                       mWriteWindow.finished(ticket, status ? size : 0);
+                       mBytesInFlight -= size;
+                       Node& written = *mTree.find(id);
+                       if (!status) writeFailed(written);
+                       answered(written);
+                     }));
+}
+
+/// One of the requests that a close waits for is done.
+void Drive::answered(Node& node) {
+  --node.file->inFlight;
+  mSettled.notify_all();
+  dropIdle(node);
+}
+
+/// Frees the state of a file that nobody has open any more.
+void Drive::dropIdle(Node& node) {
+  const FileState& file = *node.file;
+  if (file.handles > 0 || file.inFlight > 0 || !file.gather.empty()) return;
+  node.file = nullptr;
+  mTree.releaseIfUnused(&node);
+}
+
+void Drive::writeFailed(Node& node) {
+  ++node.file->failures;
+  ++mCounters.failedWrites;
+  const std::string path = mTree.path(node).value_or("a file that is gone");
+  if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
+}
+
+Outcome<Unit> Drive::unseenFailure(Lock& lock, OpenFile& file) {
+  const Node* node = mTree.find(file.mNode);
+  if (node->file->failures == file.mSeenFailures) return Unit{};
+  file.mSeenFailures = node->file->failures;
+  return Errno{refusal(lock, EIO)};
+}
+
+/// Waits until the host has all that was written to the file, and, with `sync`,
+/// until it is on the disk. What failed is told by the file's failures.
+Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
+  Node* node = mTree.find(id);
+  if (node == nullptr) return Errno{ESTALE};
+  if (!node->file || (!node->file->ahead && !node->file->unsynced && node->file->inFlight == 0 &&
+                      node->file->gather.empty())) {
+    return Unit{};
+  }
+  ++node->file->handles;  // it stays while we wait
+  mSettled.wait(lock, [this] { return !mRenaming; });
+  if (!node->file->gather.empty()) sendGathered(*node);
+  const std::optional<std::string> path = mTree.path(*node);
+  Burst burst(*this, lock);
+  if (sync && path && node->file->unsynced) {
+    node->file->unsynced = false;
+    ++node->file->inFlight;
+    burst.add<Unit>([&](auto done) { mDisk.fsync(*path, std::move(done)); },
+                    [this, id](Status& status) {
+                      Node& synced = *mTree.find(id);
+                      if (!status) writeFailed(synced);
+                      answered(synced);
+                    });
+  }
+  if (path && node->parent != nullptr && node->file->ahead) {
+    burst.queryFile(*path, node->parent->id, node->place->first);
+  }
+  burst.wait();
+  mSettled.wait(lock, [&] { return node->file->inFlight == 0; });
+  // Without an answer the attributes stay in doubt, and the next one asks.
+  if (node->file->gather.empty()) node->file->ahead = false;
+  --node->file->handles;
+  dropIdle(*node);
+  return Unit{};
+}
+
+Outcome<Unit> Drive::flush(OpenFile& file) {
+  Lock lock(mMutex);
+  if (file.mWritable) {
+    const Outcome<Unit> settled = settle(lock, file.mNode, true);
+    if (!settled) return settled;
+  }
+  return unseenFailure(lock, file);
+}
+
+Outcome<Unit> Drive::sync(OpenFile& file) { return flush(file); }
+
+void Drive::release(OpenFile& file) {
+  Lock lock(mMutex);
+  // What was written through a mapping after the last close.
+  static_cast<void>(settle(lock, file.mNode, true));
+  Node* node = mTree.find(file.mNode);
+  const bool last = --node->file->handles == 0;
+  const bool hidden = last && node->place != nullptr && node->place->second.hidden;
+  const NodeId directory = hidden ? node->parent->id : 0;
+  const std::string name = hidden ? node->place->first : std::string();
+  dropIdle(*node);
+  mOpenFiles.erase(&file);
+  if (!hidden) return;
+  mSettled.wait(lock, [this] { return !mRenaming; });
+  if (!removeName(lock, directory, name, false)) {
+    report("a removed file could not be cleaned up; it is called '" + name + "' on the disk");
+  }
+}
+
+void Drive::flushLoop() {
+  Lock lock(mMutex);
+  while (!mStop) {
+    const Clock::time_point now = Clock::now();
+    std::optional<Clock::time_point> next;
+    if (!mRenaming) {
+      mTree.forEachOpen([&](Node& node) {
+        if (node.file->gather.empty()) return;
+        const Clock::time_point due = node.file->gathered + kGatherTime;
+        if (due <= now) {
+          sendGathered(node);
+        } else if (!next || due < *next) {
+          next = due;
+        }
+      });
+    } else {
+      next = now + kGatherTime;
+    }
+    if (next) {
+      mGathered.wait_until(lock, *next);
+    } else {
+      mGathered.wait(lock);
+    }
+  }
+}
+
+std::vector<std::string> Drive::finish() {
+  Lock lock(mMutex);
+  std::vector<NodeId> open;
+  std::vector<std::pair<NodeId, std::string>> hidden;
+  mTree.forEachOpen([&](Node& node) {
+    open.push_back(node.id);
+    if (node.place != nullptr && node.place->second.hidden) {
+      hidden.emplace_back(node.parent->id, node.place->first);
+    }
+  });
+  for (const NodeId id : open) static_cast<void>(settle(lock, id, true));
+  for (const auto& [directory, name] : hidden) {
+    static_cast<void>(removeName(lock, directory, name, false));
+  }
+  return mLost;
+}
+
+}  // namespace zor::remote

@@ -1,0 +1,157 @@
+// What the drive knows of the disk's tree.
+//
+// Nothing here locks or waits: everything is guarded by the drive's mutex.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <future>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "drive/directory_snapshot.h"
+#include "drive/write_gather.h"
+#include "listing.h"
+#include "protocol/disk_records.h"
+
+namespace zor::remote {
+
+using Clock = std::chrono::steady_clock;
+
+/// Names a file for as long as the kernel, or an open file, refers to it.
+using NodeId = std::uint64_t;
+inline constexpr NodeId kRootNode = 1;
+
+struct Node;
+
+/// A name in a directory and what is known of the file behind it.
+struct Entry {
+  udisk_stat attributes{};
+  Clock::time_point confirmed{};  ///< by a question about this name alone
+  bool stale = false;             ///< changed by us in a way that only the host can tell
+  bool hidden = false;            ///< removed by a program, but still open
+  std::uint64_t linkEpoch = 0;    ///< of the drive, when the attributes were learnt
+  Node* node = nullptr;           ///< null when nobody refers to it
+};
+
+using Entries = std::map<std::string, Entry, std::less<>>;
+
+struct Directory {
+  Entries entries;  ///< all of them, when `complete`
+  bool complete = false;
+  Clock::time_point confirmed{};  ///< when the whole listing was last known to be right
+  Clock::time_point listed{};     ///< when it was last fetched
+  Clock::duration lifetime{};     ///< for how long it counts without a question
+  bool recent = false;            ///< a file was changed shortly before it was fetched
+  udisk_stat self{};              ///< of "."; st_mode is 0 when unknown
+  Clock::time_point selfConfirmed{};
+  udisk_stat parent{};            ///< of ".."; st_mode is 0 when not listed
+  bool dots = false;              ///< the host lists "." and ".."
+  unsigned singles = 0;           ///< questions about single names since `confirmed`
+  DirectorySnapshot snapshot;     ///< of `entries`, or null
+  std::shared_future<void> load;  ///< the listing or check under way
+};
+
+/// A file that is open or has data that is not on the disk yet.
+struct FileState {
+  unsigned handles = 0;
+  Clock::time_point created{};   ///< when it was created through an open, if it was
+  WriteGather gather;            ///< not sent yet
+  Clock::time_point gathered{};  ///< when its oldest byte was written
+  unsigned inFlight = 0;         ///< requests that are to be waited for before a close
+  bool unsynced = false;         ///< written since the last sync
+  bool ahead = false;            ///< written since the attributes were learnt
+  std::int64_t end = 0;          ///< of what was written since then
+  udisk_timespec lastWrite{};
+  std::uint64_t failures = 0;  ///< failed writes, ever
+};
+
+/// What tells one version of a file's contents from another.
+struct ContentStamp {
+  std::int64_t size = -1;
+  udisk_timespec modified{};
+  udisk_timespec changed{};
+  bool operator==(const ContentStamp&) const = default;
+};
+
+inline ContentStamp stampOf(const udisk_stat& attributes) {
+  return {attributes.st_size, attributes.st_mtim, attributes.st_ctim};
+}
+
+struct Node {
+  NodeId id = 0;
+  Node* parent = nullptr;                ///< null for the root, and for what is gone
+  Entries::value_type* place = nullptr;  ///< in the parent's entries; null with it
+  std::uint64_t references = 0;          ///< the kernel's
+  unsigned children = 0;                 ///< nodes whose parent this is
+  std::unique_ptr<Directory> directory;  ///< of directories
+  std::unique_ptr<FileState> file;
+  ContentStamp stamp;  ///< of the last open
+  Clock::time_point stampSince{};
+  bool cacheTrusted = false;  ///< the kernel's pages were read well after the last change
+};
+
+class NodeTree {
+ public:
+  NodeTree();
+
+  Node& root() noexcept { return *mRoot; }
+  Node* find(NodeId id);
+
+  /// The node of a name, made if it has none.
+  Node& nodeAt(Node& directory, Entries::value_type& place);
+
+  /// Whether the file is still somewhere in the tree.
+  bool has(const Node& node) const noexcept;
+
+  /// The path on the disk, or nothing when the file is gone.
+  std::optional<std::string> path(const Node& node) const;
+
+  /// Takes the name out of the tree. Its node, if any, lives on without a place
+  /// until nobody refers to it.
+  void remove(Node& directory, std::string_view name);
+
+  /// Gives an entry another name, replacing what is there.
+  void move(Node& from, std::string_view name, Node& to, std::string_view newName);
+
+  /// Frees the node, and those above it, if nobody refers to them any more.
+  void releaseIfUnused(Node* node);
+
+  /// Puts a listing in the place of what was known. What is not in it any more
+  /// loses its place; a name that became a file of another type gets a new node.
+  void merge(Node& directory, const Listing& listing, Clock::time_point now, std::uint64_t epoch);
+
+  /// Calls `visit(node)` for every node with a file state.
+  template <class Visit>
+  void forEachOpen(Visit visit) {
+    for (auto& [id, node] : mNodes) {
+      if (node->file) visit(*node);
+    }
+  }
+
+ private:
+  void detach(Entry& entry);
+
+  std::unordered_map<NodeId, std::unique_ptr<Node>> mNodes;
+  Node* mRoot;
+  NodeId mLastId = kRootNode;
+};
+
+/// The directory in the form in which a host compares it; nothing when it is
+/// too large for that.
+std::optional<Listing> composeListing(const Directory& directory);
+
+inline bool isDirectory(const udisk_stat& attributes) {
+  return (attributes.st_mode & 0170000U) == 0040000U;
+}
+
+inline bool isRegular(const udisk_stat& attributes) {
+  return (attributes.st_mode & 0170000U) == 0100000U;
+}
+
+}  // namespace zor::remote
