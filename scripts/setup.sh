@@ -1,13 +1,17 @@
 #!/bin/sh
-# Installs what building, testing and the demo need and what is not there yet.
+# Installs what building, testing and the demo need and what is not there yet;
+# with the argument `drives` also what the comparison of drives needs.
 set -eu
 
 packages="
   g++ clang libclang-rt-14-dev cmake ninja-build make pkg-config git
   libglib2.0-dev libjsoncpp-dev libspdlog-dev libcli11-dev libasio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  ntfs-3g util-linux mount
+  libfuse3-dev fuse3 ntfs-3g util-linux mount
 "
+if [ "${1:-}" = drives ]; then
+  packages="$packages python3 sshfs openssh-sftp-server"
+fi
 
 missing=""
 for package in $packages; do

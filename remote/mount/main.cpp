@@ -1,0 +1,14 @@
+// udisk-mount: the disk that a host serves as a drive.
+#include <exception>
+
+#include "mount/messages.h"
+#include "mount/program.h"
+
+int main(int argc, char** argv) {
+  try {
+    return zor::remote::mount::runProgram(argc, argv);
+  } catch (const std::exception& error) {
+    zor::remote::mount::report(error.what());
+    return 1;
+  }
+}

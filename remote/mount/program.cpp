@@ -1,0 +1,171 @@
+#include "mount/program.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "drive/drive.h"
+#include "durable_link.h"
+#include "mount/background.h"
+#include "mount/messages.h"
+#include "mount/operations.h"
+#include "mount/options.h"
+#include "mount/session.h"
+#include "mount/signals.h"
+#include "mount/statistics_text.h"
+
+namespace zor::remote::mount {
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+// A closed descriptor below 3 would be given to a socket, and what is printed
+// would then end up in the packet stream.
+void keepStandardDescriptors() {
+  for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+    if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) < 0) ::_exit(kFailure);
+  }
+}
+
+std::string reason(int error) { return std::generic_category().message(error); }
+
+// Makes the path absolute; nothing, or what is wrong with it.
+std::string resolveMountPoint(std::string& path) {
+  const std::unique_ptr<char, FreeMemory> found(::realpath(path.c_str(), nullptr));
+  struct stat attributes {};
+  if (!found || ::stat(found.get(), &attributes) != 0) {
+    return errno == ENOTCONN ? "a drive whose program has ended; unmount it with fusermount3 -u"
+                             : reason(errno);
+  }
+  if (!S_ISDIR(attributes.st_mode)) return "not a directory";
+  path = found.get();
+  return {};
+}
+
+int fail(Background& background, const std::string& sentence) {
+  report(sentence);
+  background.failed(kFailure);
+  return kFailure;
+}
+
+void printStatistics(DurableLink& link, Drive& drive) {
+  report(describe(link.statistics().snapshot()) + describe(drive.counters()));
+}
+
+/// Takes signals to a session for as long as it exists.
+class SignalsToSession {
+ public:
+  SignalsToSession(Signals& signals, Session& session, const std::function<void()>& print)
+      : mSignals(signals), mSession(session), mPrint(print) {
+    signals.handle([&session] { session.end(); }, print);
+  }
+  ~SignalsToSession() { stop({}); }
+
+  SignalsToSession(const SignalsToSession&) = delete;
+  SignalsToSession& operator=(const SignalsToSession&) = delete;
+
+  /// Once nothing is served any more, only statistics can be asked for.
+  void served() { stop(mPrint); }
+
+ private:
+  void stop(const std::function<void()>& print) {
+    mSession.giveUp();
+    mSignals.handle([] {}, print);
+  }
+
+  Signals& mSignals;
+  Session& mSession;
+  const std::function<void()> mPrint;
+};
+
+// Writes what is left; whether all that programs wrote is on the disk.
+bool finish(Drive& drive) {
+  const std::vector<std::string> lost = drive.finish();
+  if (lost.empty()) return true;
+  report("these files could not be written completely:");
+  for (const std::string& path : lost) report("  " + path);
+  return false;
+}
+
+int serve(MountOptions& options, Background& background) {
+  Signals signals;
+  DurableLinkOptions linkOptions;
+  linkOptions.connection.socketPath = options.socketPath;
+  linkOptions.connection.bandwidthKbit = options.bandwidthKbit;
+  linkOptions.timeout = options.timeout;
+  linkOptions.report = [](const std::string& sentence) { report(sentence); };
+  auto opened = DurableLink::open(std::move(linkOptions));
+  if (!opened) return fail(background, options.socketPath + ": " + opened.error().message);
+  DurableLink& link = **opened;
+  if (link.announcement().readOnly) options.fuseArguments.add("-oro");
+
+  DriveOptions driveOptions;
+  driveOptions.attributeTimeout = options.attributeTimeout;
+  driveOptions.quiet = options.quiet;
+  driveOptions.smallFiles = link.servesSmallFiles();
+  driveOptions.report = [](const std::string& sentence) { report(sentence); };
+  Drive drive(link, std::move(driveOptions));
+
+  Context context(drive, options);
+  auto created =
+      Session::create(std::move(options.fuseArguments), operations(), &context, options.mountPoint);
+  if (!created) return fail(background, created.error());
+  Session& session = **created;
+  SignalsToSession handling(signals, session, [&] { printStatistics(link, drive); });
+  const std::string wrong = session.mount();
+  if (!wrong.empty()) return fail(background, options.mountPoint + ": " + wrong);
+  if (!background.ready()) return fail(background, "cannot go to the background");
+
+  const int error = session.run(options);
+  handling.served();
+  if (error != 0) report("serving ended: " + reason(error));
+  session.unmount();
+  const bool complete = finish(drive);
+  if (options.statistics) printStatistics(link, drive);
+  return complete && error == 0 ? 0 : kFailure;
+}
+
+}  // namespace
+
+int runProgram(int argc, char** argv) {
+  keepStandardDescriptors();
+  auto options = parseOptions(argc, argv);
+  if (!options) {
+    report(options.error());
+    return kUsage;
+  }
+  switch (options->action) {
+    case Action::kHelp:
+      printHelp();
+      return 0;
+    case Action::kVersion:
+      printVersion();
+      return 0;
+    case Action::kCheck:
+      return 0;
+    case Action::kMount:
+      break;
+  }
+  if (const std::string wrong = resolveMountPoint(options->mountPoint); !wrong.empty()) {
+    report(options->mountPoint + ": " + wrong);
+    return kFailure;
+  }
+  adoptFuseMessages();
+  Background background;
+  if (!options->foreground) {
+    if (const std::optional<int> code = background.enter()) return *code;
+  }
+  blockSignals();
+  return serve(*options, background);
+}
+
+}  // namespace zor::remote::mount

@@ -1,0 +1,269 @@
+// The drive as programs see it: a real mount of a disk that a real host serves.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <regex>
+
+#include "support/delay_relay.h"
+#include "support/served_disk.h"
+
+namespace zor::test {
+namespace {
+
+using namespace std::chrono_literals;
+using remote::test::readFile;
+using remote::test::writeFile;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class MountTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const int fuse = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (fuse < 0) GTEST_SKIP() << "there is no /dev/fuse to mount with";
+    ::close(fuse);
+    fs::create_directory(mDrive);
+    fs::create_directory(mDisk.beside("work"));
+  }
+  ~MountTest() override {
+    if (mMount > 0) unmount();
+    if (HasFailure()) {
+      std::fprintf(stderr, "the mount:\n%.4000s\n", readFile(mLog).c_str());
+    }
+  }
+
+  void mount(Arguments options = {}) {
+    Arguments arguments{MOUNT_PROGRAM, "-f"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    arguments.insert(arguments.end(), {mSocket, mDrive.string()});
+    mMount = spawn(arguments, "/dev/null", mLog);
+    ASSERT_TRUE(eventually([this] { return device(mDrive) != device(mDisk.root()); }));
+  }
+  /// The exit code.
+  int unmount(int signal = SIGTERM) {
+    ::kill(mMount, signal);
+    return waitFor(std::exchange(mMount, -1));
+  }
+  static dev_t device(const fs::path& path) {
+    struct stat status {};
+    ::stat(path.c_str(), &status);
+    return status.st_dev;
+  }
+
+  /// Runs a script in a directory of its own; what it prints is returned when
+  /// it fails.
+  std::string run(const std::string& script) {
+    const std::string out = mDisk.beside("out");
+    ::setenv("DRIVE", mDrive.c_str(), 1);
+    ::setenv("DISK", mDisk.root().c_str(), 1);
+    const int code = waitFor(spawn(
+        {"sh", "-c", "exec 2>&1; set -eu; cd '" + mDisk.beside("work").string() + "'; " + script},
+        out, "/dev/null"));
+    return code == 0 ? "" : "exit code " + std::to_string(code) + "\n" + readFile(out);
+  }
+
+  /// A number of the statistics, which a signal makes the program print.
+  std::uint64_t statistic(const std::string& pattern) {
+    const std::regex expression(pattern);
+    const std::size_t before = readFile(mLog).size();
+    ::kill(mMount, SIGUSR1);
+    std::smatch match;
+    std::string text;
+    EXPECT_TRUE(eventually([&] {
+      text = readFile(mLog).substr(before);
+      return text.find("small files") != std::string::npos &&
+             std::regex_search(text, match, expression);
+    })) << text;
+    return match.size() < 2 ? 0 : std::stoull(match[1]);
+  }
+  std::uint64_t requests() { return statistic("total[^0-9]*([0-9]+) requests"); }
+
+  ServedDisk mDisk;
+  const fs::path mDrive = mDisk.beside("drive");
+  std::string mSocket = mDisk.socket();
+  const std::string mLog = mDisk.beside("mount.log");
+  pid_t mMount = -1;
+};
+
+struct Program {
+  const char* name;
+  const char* script;
+};
+
+constexpr const char* kTree =
+    "mkdir -p t/a/b 't/with space' t/empty; for i in $(seq 50); do seq $i 9000 > t/a/f$i; done; "
+    "head -c 3000000 /dev/urandom > t/a/b/big; echo x > \"t/with space/Grüße\n.txt\"; ";
+
+class Programs : public MountTest, public ::testing::WithParamInterface<Program> {};
+
+TEST_P(Programs, Work) {
+  mount({"-o", "quiet"});
+  EXPECT_EQ(run(std::string(kTree) + GetParam().script), "");
+  EXPECT_EQ(unmount(), 0) << readFile(mLog);
+}
+
+const Program kPrograms[] = {
+    {"Cp", "cp -r t $DRIVE/; diff -r t $DISK/t; cp -rp $DRIVE/t back; diff -r t back"},
+    {"Tar",
+     "tar cf - t | tar xf - -C $DRIVE; diff -r t $DISK/t; "
+     "tar cf - -C $DRIVE t | tar xf - --one-top-level=back; diff -r t back/t"},
+    {"Rsync",
+     "rsync -a t $DRIVE; diff -r t $DISK/t; echo more >> t/a/f7; rsync -rc t $DRIVE; "
+     "diff -r t $DISK/t; rsync -r --delete t/empty/ $DRIVE/t/; test -z \"$(ls $DISK/t)\""},
+    {"Git",
+     "export GIT_CONFIG_GLOBAL=$PWD/.gitconfig; git config --global user.email a@b; "
+     "git config --global user.name a; git config --global --add safe.directory '*'; "
+     "git init -q s; cp -r t s/; git -C s add .; git -C s commit -qm one; "
+     "git clone -q s $DRIVE/c; cd $DRIVE/c; test -z \"$(git status --porcelain)\"; "
+     "echo new > new; git add new; git commit -qm two; git fsck --strict; git gc -q; "
+     "cd -; git clone -q $DISK/c c2; test -f c2/new"},
+    {"Sqlite",
+     "for mode in delete wal; do sqlite3 $DRIVE/$mode.db \"PRAGMA journal_mode=$mode; "
+     "CREATE TABLE n(i INTEGER PRIMARY KEY, t TEXT);\"; for i in 1 2 3 4 5; do sqlite3 "
+     "$DRIVE/$mode.db \"BEGIN; WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x+1 "
+     "FROM c WHERE x<2000) INSERT INTO n(t) SELECT hex(randomblob(50)) FROM c; COMMIT;\"; "
+     "done; test $(sqlite3 $DISK/$mode.db 'SELECT count(*) FROM n') = 10000; "
+     "test $(sqlite3 $DRIVE/$mode.db 'PRAGMA integrity_check') = ok; done"},
+    {"Compiler",
+     "mkdir $DRIVE/p; cd $DRIVE/p; echo 'int f(); int main() { return f(); }' > m.cpp; "
+     "echo 'int f() { return 0; }' > f.cpp; printf 'm: m.o f.o\\n\\tc++ -o m m.o f.o\\n' "
+     "> Makefile; make -s CXX=c++; ./m; touch f.cpp; make -s CXX=c++; ./m"},
+    {"Editors",
+     "cd $DRIVE; echo one > text; chmod 640 text; echo two > .text.tmp; "
+     "mv .text.tmp text; grep -q two $DISK/text; cp text text~; echo three > text; "
+     "rm text~; mv text 'a'; ln a b; echo four >> b; grep -q four a; "
+     "exec 3<>a; rm a b; echo five >&3; exec 3>&-; test -z \"$(ls -A $DISK)\""},
+    {"Offsets",
+     "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
+     "for i in $(seq 0 299 | shuf); do dd if=$OLDPWD/r of=f bs=10000 skip=$i seek=$i "
+     "count=1 conv=notrunc status=none; done; cmp f $OLDPWD/r; cmp $DISK/f $OLDPWD/r; "
+     "truncate -s 30M f; truncate -s 12M f; test $(stat -c %s $DISK/f) = 12582912; "
+     "cmp -n 3000000 f $OLDPWD/r"},
+};
+
+std::string nameOf(const ::testing::TestParamInfo<Program>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(On, Programs, ::testing::ValuesIn(kPrograms), nameOf);
+
+TEST_F(MountTest, WhatTheProtocolCannotDoFailsAtOnce) {
+  writeFile(mDisk / "f", "text");
+  fs::create_directory(mDisk / "d");
+  writeFile(mDisk / "d/inside", "");
+  mount();
+  const std::string file = mDrive / "f";
+  const std::string added = mDrive / "added";
+  const timespec past[2] = {{1, 0}, {1, 0}};
+  const auto errnoOf = [](int result) { return result == 0 ? 0 : errno; };
+  EXPECT_EQ(errnoOf(::symlink("f", added.c_str())), EPERM);
+  EXPECT_EQ(errnoOf(::mkfifo(added.c_str(), 0600)), EPERM);
+  EXPECT_EQ(errnoOf(::utimensat(AT_FDCWD, file.c_str(), past, 0)), EPERM);
+  EXPECT_EQ(errnoOf(::setxattr(file.c_str(), "user.a", "b", 1, 0)), EOPNOTSUPP);
+  EXPECT_EQ(errnoOf(::mkdir((mDrive / std::string(256, 'n')).c_str(), 0700)), ENAMETOOLONG);
+  EXPECT_EQ(errnoOf(::rmdir((mDrive / "d").c_str())), ENOTEMPTY);
+  EXPECT_EQ(errnoOf(::rmdir(file.c_str())), ENOTDIR);
+  EXPECT_EQ(unmount(SIGINT), 0);
+  mount({"-o", "quiet"});
+  EXPECT_EQ(errnoOf(::utimensat(AT_FDCWD, file.c_str(), past, 0)), 0);
+}
+
+TEST_F(MountTest, AReadOnlyDiskIsMountedSo) {
+  mDisk.stop(SIGTERM);
+  mDisk.serve({"--read-only"});
+  writeFile(mDisk / "f", "text");
+  mount();
+  EXPECT_EQ(readFile(mDrive / "f"), "text");
+  EXPECT_EQ(::open((mDrive / "f").c_str(), O_WRONLY | O_CLOEXEC), -1);
+  EXPECT_EQ(errno, EROFS);
+}
+
+TEST_F(MountTest, ADirectoryOfSixtyThousandListsWholly) {
+  for (int i = 0; i < 60000; ++i) {
+    ::close(::open((mDisk / std::to_string(i)).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  }
+  mount();
+  EXPECT_EQ(run("test $(ls -f $DRIVE | sort -u | wc -l) = 60002; "
+                "test $(find $DRIVE -type f -size 0 | wc -l) = 60000"),
+            "");
+}
+
+TEST_F(MountTest, ASlowLinkIsCrossedSeldom) {
+  const auto old = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  for (int i = 0; i < 2000; ++i) {
+    const fs::path directory = mDisk / std::to_string(i / 100);
+    fs::create_directory(directory);
+    const fs::path file = directory / std::to_string(i);
+    writeFile(file, std::string(4096, static_cast<char>(i)));
+    fs::last_write_time(file, old);
+  }
+  mSocket = mDisk.beside("slow").string();
+  const DelayRelay relay(mSocket, mDisk.socket(), 20ms);
+  mount();
+  const std::uint64_t start = requests();
+  EXPECT_EQ(run("tar cf t.tar -C $DRIVE .; tar df t.tar -C $DISK"), "");
+  const std::uint64_t read = requests();
+  EXPECT_LE(read - start, 60U) << readFile(mLog);
+  std::this_thread::sleep_for(1100ms);
+  EXPECT_EQ(run("test $(find $DRIVE -type f -size 8 | wc -l) = 2000"), "");
+  const std::uint64_t found = requests();
+  // One for each directory; find also asks for the file system's statistics.
+  EXPECT_LE(found - read, 22U) << readFile(mLog);
+  std::this_thread::sleep_for(1100ms);
+  EXPECT_EQ(run("test $(ls -l $DRIVE/7 | wc -l) = 101"), "");
+  EXPECT_EQ(requests() - found, 1U) << readFile(mLog);
+}
+
+TEST_F(MountTest, ACopyOutlivesItsHost) {
+  mount();
+  std::atomic<bool> done{false};
+  std::thread killer([&] {
+    while (!done) {
+      std::this_thread::sleep_for(150ms);
+      mDisk.stop(SIGKILL);
+      mDisk.serve();
+    }
+  });
+  const std::string result = run(
+      std::string(kTree) +
+      "for i in 1 2 3 4; do cp -r t $DRIVE/$i; cp -r $DRIVE/$i back$i; mv $DRIVE/$i $DRIVE/m$i; "
+      "rm -r $DRIVE/m$i/a; done");
+  done = true;
+  killer.join();
+  EXPECT_EQ(result, "");
+  EXPECT_EQ(run("for i in 1 2 3 4; do diff -r t back$i; diff t/with* $DISK/m$i/with*; "
+                "test ! -e $DISK/m$i/a; done"),
+            "");
+  EXPECT_EQ(unmount(), 0) << readFile(mLog);
+}
+
+TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingTellsWhatIsLost) {
+  writeFile(mDisk / "f", "text");
+  mount({"-o", "timeout=0.5,attr_timeout=0"});
+  const int fd = ::open((mDrive / "f").c_str(), O_RDWR | O_CLOEXEC);
+  mDisk.stop(SIGKILL);
+  EXPECT_EQ(::pwrite(fd, "TEXT", 4, 0), 4);
+  EXPECT_EQ(::fsync(fd), -1);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_THAT(run("cat $DRIVE/other"), HasSubstr("Input/output error"));
+  ::close(fd);
+  EXPECT_EQ(unmount(), 1);
+  EXPECT_THAT(readFile(mLog), HasSubstr("/f"));
+  EXPECT_EQ(device(mDrive), device(mDisk.root()));
+}
+
+TEST_F(MountTest, GoesToTheBackgroundOnceItIsMountedAndSaysWhyNot) {
+  const std::string drive = mDrive;
+  EXPECT_EQ(run(std::string(MOUNT_PROGRAM) + " " + mSocket + " " + drive +
+                "; mountpoint -q $DRIVE; fusermount3 -u $DRIVE; ! mountpoint -q $DRIVE"),
+            "");
+  EXPECT_THAT(run(std::string(MOUNT_PROGRAM) + " " + mSocket + "x " + drive),
+              ::testing::AllOf(HasSubstr("exit code 1"), HasSubstr("cannot connect")));
+}
+
+}  // namespace
+}  // namespace zor::test
