@@ -71,8 +71,13 @@ Drive::~Drive() {
 
 Drive::Lock Drive::lockNames() {
   Lock lock(mMutex);
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  waitForNames(lock);
   return lock;
+}
+
+/// To be called between a wait for an answer and the use of a path.
+void Drive::waitForNames(Lock& lock) {
+  mSettled.wait(lock, [this] { return !mRenaming; });
 }
 
 Outcome<Node*> Drive::directoryNode(NodeId id) {

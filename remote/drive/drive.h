@@ -151,6 +151,7 @@ class Drive {
 
   // drive.cpp
   Lock lockNames();
+  void waitForNames(Lock& lock);
   Outcome<Node*> directoryNode(NodeId id);
   bool isFresh(const Node& directory, const Entry& entry) const;
   bool isFresh(const Directory& directory) const;
@@ -172,6 +173,12 @@ class Drive {
   // drive_listing.cpp
   Outcome<Unit> refreshDirectory(Lock& lock, NodeId id);
   Outcome<Unit> load(Lock& lock, NodeId id, const std::string& path);
+
+  // drive_creation.cpp
+  Outcome<Unit> createFile(Lock& lock, NodeId directory, const std::string& name,
+                           std::uint32_t mode);
+  void createWithoutWaiting(Node& parent, const std::string& path, const std::string& name,
+                            std::uint32_t mode);
 
   // drive_removal.cpp
   Outcome<Unit> hide(Lock& lock, NodeId directory, const std::string& name);
@@ -233,8 +240,8 @@ class Drive {
 /// Requests that travel together and are waited for together.
 class Drive::Burst {
  public:
-  /// `lock` holds the drive's mutex, and must whenever a member is called.
-  Burst(Drive& drive, Lock& lock) : mDrive(drive), mLock(lock) {}
+  /// The drive's mutex must be held whenever a member is called.
+  explicit Burst(Drive& drive) : mDrive(drive) {}
 
   /// Makes a request by `start(callback)`; `update(result)` runs when it is
   /// answered, with the lock.
@@ -252,13 +259,13 @@ class Drive::Burst {
   void queryFile(const std::string& path, NodeId directory, const std::string& name);
   void queryDirectory(NodeId directory);
 
-  void wait() {
+  void wait(Lock& lock) {
     if (mState->unanswered == 0) return;
     mState->waiting = true;
     std::future<void> done = mState->done.get_future();
-    mLock.unlock();
+    lock.unlock();
     done.wait();
-    mLock.lock();
+    lock.lock();
   }
 
  private:
@@ -269,19 +276,18 @@ class Drive::Burst {
   };
 
   Drive& mDrive;
-  Lock& mLock;
   std::shared_ptr<State> mState = std::make_shared<State>();
 };
 
 template <class T, class Start, class Update>
 Result<T> Drive::ask(Lock& lock, Start start, Update update) {
   std::optional<Result<T>> answer;
-  Burst burst(*this, lock);
+  Burst burst(*this);
   burst.add<T>(std::move(start), [&answer, &update](Result<T>& result) {
     update(result);
     answer.emplace(std::move(result));
   });
-  burst.wait();
+  burst.wait(lock);
   return std::move(*answer);
 }
 

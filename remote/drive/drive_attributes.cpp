@@ -25,7 +25,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   Lock lock = lockNames();
   const Outcome<Unit> settled = settle(lock, id, false);
   if (!settled) return settled.error();
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  waitForNames(lock);
   Node* node = mTree.find(id);
   const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
   if (!path) return Errno{ESTALE};
@@ -35,11 +35,11 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   node->place->second.stale = true;
   Status status = Unit{};
   if (length <= kTruncateLimit) {
-    Burst burst(*this, lock);
+    Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.truncate(*path, length, std::move(done)); },
                     [&status](Status& answer) { status = answer; });
     burst.queryFile(*path, directory, name);
-    burst.wait();
+    burst.wait(lock);
   } else {
     // This may give the file another name for a moment.
     mRenaming = true;
@@ -67,7 +67,7 @@ Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
   const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
   if (!path) return Errno{ESTALE};
   Status status = Unit{};
-  Burst burst(*this, lock);
+  Burst burst(*this);
   burst.add<Unit>([&](auto done) { start(*path, std::move(done)); },
                   [&status](Status& answer) { status = answer; });
   if (node->parent != nullptr) {
@@ -75,7 +75,7 @@ Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
   } else {
     burst.queryDirectory(id);
   }
-  burst.wait();
+  burst.wait(lock);
   if (status) return Unit{};
   if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
   if (mOptions.quiet) return Unit{};

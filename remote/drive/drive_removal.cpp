@@ -42,11 +42,12 @@ Outcome<Unit> Drive::removeDirectory(NodeId directory, std::string_view name) {
 
 Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string& name, bool isDir) {
   for (int attempt = 0;; ++attempt) {
+    waitForNames(lock);
     const Outcome<Node*> parent = directoryNode(directory);
     if (!parent) return parent.error();
     const std::string path = joinPath(*mTree.path(**parent), name);
     Status removed = Unit{};
-    Burst burst(*this, lock);
+    Burst burst(*this);
     burst.add<Unit>(
         [&](auto done) {
           if (isDir) {
@@ -62,7 +63,7 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
           if (Node* node = mTree.find(directory)) mTree.remove(*node, name);
         });
     burst.queryDirectory(directory);
-    burst.wait();
+    burst.wait(lock);
     if (removed) return Unit{};
     // Refused, or lost on the way: looking tells which.
     const Result<udisk_stat> seen = look(lock, directory, name);
@@ -141,7 +142,7 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
 
 Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
                                   const std::string& newName) {
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  waitForNames(lock);
   // From here on, no request is made with a path that is about to change.
   mRenaming = true;
   struct Ending {
@@ -177,7 +178,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
       if (oldNode != nullptr && newNode != nullptr) mTree.move(*oldNode, name, *newNode, newName);
     };
     Status renamed = Unit{};
-    Burst burst(*this, lock);
+    Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.rename(oldPath, newPath, std::move(done)); },
                     [this, &moved, &renamed](Status& status) {
                       renamed = status;
@@ -188,7 +189,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     burst.queryFile(newPath, to, newName);
     burst.queryDirectory(from);
     if (from != to) burst.queryDirectory(to);
-    burst.wait();
+    burst.wait(lock);
     mSmallFiles.forget(oldPath);
     mSmallFiles.forget(newPath);
     if (renamed) return Unit{};

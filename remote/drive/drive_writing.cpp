@@ -17,12 +17,6 @@ constexpr std::chrono::milliseconds kGatherTime{500};
 /// Of data that was written and is not acknowledged, over all files.
 constexpr std::size_t kMostInFlight = std::size_t{16} << 20;
 
-udisk_timespec wallClock() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
-  return {seconds.count(), std::chrono::nanoseconds(now - seconds).count()};
-}
-
 }  // namespace
 
 Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data) {
@@ -145,10 +139,10 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
     return Unit{};
   }
   ++node->file->handles;  // it stays while we wait
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  waitForNames(lock);
   if (!node->file->gather.empty()) sendGathered(*node);
   const std::optional<std::string> path = mTree.path(*node);
-  Burst burst(*this, lock);
+  Burst burst(*this);
   if (sync && path && node->file->unsynced) {
     node->file->unsynced = false;
     ++node->file->inFlight;
@@ -162,7 +156,7 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   if (path && node->parent != nullptr && node->file->ahead) {
     burst.queryFile(*path, node->parent->id, node->place->first);
   }
-  burst.wait();
+  burst.wait(lock);
   mSettled.wait(lock, [&] { return node->file->inFlight == 0; });
   // Without an answer the attributes stay in doubt, and the next one asks.
   if (node->file->gather.empty()) node->file->ahead = false;
@@ -194,7 +188,7 @@ void Drive::release(OpenFile& file) {
   dropIdle(*node);
   mOpenFiles.erase(&file);
   if (!hidden) return;
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  waitForNames(lock);
   if (!removeName(lock, directory, name, false)) {
     report("a removed file could not be cleaned up; it is called '" + name + "' on the disk");
   }

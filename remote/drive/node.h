@@ -50,11 +50,13 @@ struct Directory {
   bool recent = false;            ///< a file was changed shortly before it was fetched
   udisk_stat self{};              ///< of "."; st_mode is 0 when unknown
   Clock::time_point selfConfirmed{};
-  udisk_stat parent{};            ///< of ".."; st_mode is 0 when not listed
-  bool dots = false;              ///< the host lists "." and ".."
-  unsigned singles = 0;           ///< questions about single names since `confirmed`
-  DirectorySnapshot snapshot;     ///< of `entries`, or null
-  std::shared_future<void> load;  ///< the listing or check under way
+  udisk_stat parent{};               ///< of ".."; st_mode is 0 when not listed
+  bool dots = false;                 ///< the host lists "." and ".."
+  Clock::time_point lastCreation{};  ///< of a file, by us
+  udisk_stat created{};              ///< what such a file was like
+  unsigned singles = 0;              ///< questions about single names since `confirmed`
+  DirectorySnapshot snapshot;        ///< of `entries`, or null
+  std::shared_future<void> load;     ///< the listing or check under way
 };
 
 /// A file that is open or has data that is not on the disk yet.
@@ -145,6 +147,9 @@ class NodeTree {
 /// The directory in the form in which a host compares it; nothing when it is
 /// too large for that.
 std::optional<Listing> composeListing(const Directory& directory);
+
+/// The present as file times tell it.
+udisk_timespec wallClock();
 
 inline bool isDirectory(const udisk_stat& attributes) {
   return (attributes.st_mode & 0170000U) == 0040000U;

@@ -186,6 +186,12 @@ void NodeTree::merge(Node& directory, const Listing& listing, Clock::time_point 
   }
 }
 
+udisk_timespec wallClock() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
+  return {seconds.count(), std::chrono::nanoseconds(now - seconds).count()};
+}
+
 std::optional<Listing> composeListing(const Directory& directory) {
   if (!directory.dots || directory.entries.size() > kMostComparable) return std::nullopt;
   constexpr std::size_t kFixed = wire::wireSize<wire::DirEntryRecord>() + 1;
