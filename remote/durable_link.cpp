@@ -20,6 +20,9 @@ std::uint64_t sizeOf(const Request& request) {
   return std::uint64_t{request.payload.size()} + (request.data ? request.data->size() : 0);
 }
 
+constexpr std::chrono::seconds kBusyHostPatience{2};
+constexpr std::chrono::milliseconds kBusyHostPause{100};
+
 DurableLinkOptions bounded(DurableLinkOptions options) {
   using std::chrono::milliseconds;
   options.timeout =
@@ -50,11 +53,19 @@ DurableLink::~DurableLink() {
 }
 
 Status DurableLink::connectFirst() {
-  Result<std::unique_ptr<Connection>> connection = Connection::start(connectionOptions());
-  if (!connection) return std::move(connection.error());
-  mConnection = std::move(*connection);
-  Status announced = mConnection->finish(mOptions.timeout);
-  if (!announced) return announced;
+  const Clock::time_point patience = Clock::now() + kBusyHostPatience;
+  for (;;) {
+    mBroken = false;
+    Result<std::unique_ptr<Connection>> connection = Connection::start(connectionOptions());
+    if (!connection) return std::move(connection.error());
+    mConnection = std::move(*connection);
+    Status announced = mConnection->finish(mOptions.timeout);
+    if (announced) break;
+    // The host may not have noticed yet that its last remote side has left.
+    if (Clock::now() > patience) return announced;
+    mConnection = nullptr;
+    std::this_thread::sleep_for(kBusyHostPause);
+  }
   auto promise = std::make_shared<std::promise<Result<udisk_stat>>>();
   auto root = promise->get_future();
   Disk(mConnection->link()).attributes("/", [promise](Result<udisk_stat> attributes) {

@@ -67,15 +67,15 @@ bool Link::wentSilent() const {
 void Link::submit(Request request, Completion done) {
   const std::lock_guard lock(mMutex);
   if (refuse(done)) return;
-  enqueuePending(std::move(request), std::move(done), 0);
+  enqueuePending(std::move(request), std::move(done));
   flush();
 }
 
 void Link::submitFenced(Request request, Completion done, Request fence) {
   const std::lock_guard lock(mMutex);
   if (refuse(done)) return;
-  const std::uint32_t id = enqueuePending(std::move(request), std::move(done), 0);
-  enqueuePending(std::move(fence), nullptr, id);
+  enqueuePending(std::move(request), std::move(done));
+  enqueuePending(std::move(fence), nullptr);
   flush();
 }
 
@@ -96,7 +96,7 @@ std::uint32_t Link::enqueue(Request request) {
   do {
     ++mLastId;
   } while (mLastId == 0 || mLastId == wire::kAnnouncementRequestId ||
-           mLastId == wire::kSmallFileNoticeRequestId || mPending.count(mLastId) != 0);
+           mLastId == wire::kSmallFileNoticeRequestId);
   Outgoing packet;
   packet.payload = std::move(request.payload);
   packet.data = std::move(request.data);
@@ -112,12 +112,11 @@ std::uint32_t Link::enqueue(Request request) {
   return mLastId;
 }
 
-std::uint32_t Link::enqueuePending(Request request, Completion done, std::uint32_t fenced) {
+void Link::enqueuePending(Request request, Completion done) {
   if (mPending.empty()) mLastArrival = Clock::now();
   const wire::Command command = request.command;
   const std::uint32_t id = enqueue(std::move(request));
-  mPending.emplace(id, Pending{command, std::move(done), fenced});
-  return id;
+  mPending.push_back({id, command, std::move(done)});
 }
 
 bool Link::refuse(Completion& done) {

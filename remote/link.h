@@ -11,7 +11,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -77,9 +76,9 @@ class Link final : public Transport {
   using Clock = std::chrono::steady_clock;
 
   struct Pending {
+    std::uint32_t id = 0;
     wire::Command command{};
-    Completion done;
-    std::uint32_t fenced = 0;  ///< the request whose silence this one's answer proves, or 0
+    Completion done;  ///< null for a fence
   };
 
   struct Outgoing {
@@ -95,7 +94,7 @@ class Link final : public Transport {
 
   // link.cpp, with mMutex held.
   std::uint32_t enqueue(Request request);
-  std::uint32_t enqueuePending(Request request, Completion done, std::uint32_t fenced);
+  void enqueuePending(Request request, Completion done);
   bool refuse(Completion& done);
   void flush();
   void wake();
@@ -125,7 +124,7 @@ class Link final : public Transport {
   bool mSendFailed = false;
   bool mWriting = false;  ///< the link's thread waits until more can be written
   std::uint32_t mLastId = 0;
-  std::unordered_map<std::uint32_t, Pending> mPending;
+  std::deque<Pending> mPending;  ///< in the order in which the host serves them
   std::deque<Outgoing> mOutgoing;
   std::size_t mSent = 0;  ///< bytes of mOutgoing.front() that are on their way
   std::vector<std::function<void()>> mTasks;

@@ -135,20 +135,22 @@ void Link::greet(const PacketHeader& header, const Buffer& payload) {
 
 void Link::complete(const PacketHeader& header, Buffer payload) {
   Pending request;
-  Completion unanswered;
+  std::vector<Completion> passedOver;
   {
     const std::lock_guard lock(mMutex);
-    const auto at = mPending.find(header.requestId);
+    const auto at = std::find_if(mPending.begin(), mPending.end(), [&](const Pending& pending) {
+      return pending.id == header.requestId;
+    });
     if (at == mPending.end() || header.devId != mAnnouncement->devId) return;
-    request = std::move(at->second);
-    mPending.erase(at);
-    if (const auto silent = mPending.find(request.fenced); silent != mPending.end()) {
-      unanswered = std::move(silent->second.done);
-      mPending.erase(silent);
+    // Requests are served in order, so there will be no answer to these.
+    for (auto silent = mPending.begin(); silent != at; ++silent) {
+      if (silent->done) passedOver.push_back(std::move(silent->done));
     }
+    request = std::move(*at);
+    mPending.erase(mPending.begin(), std::next(at));
   }
-  if (unanswered) {
-    unanswered(Error{ErrorKind::kUnanswered, "the host passed over the request"});
+  for (const Completion& done : passedOver) {
+    done(Error{ErrorKind::kUnanswered, "the host passed over the request"});
   }
   if (!request.done) return;
   if (header.cmd == wire::code(request.command)) {
@@ -159,7 +161,7 @@ void Link::complete(const PacketHeader& header, Buffer payload) {
 }
 
 void Link::breakLink(Error error) {
-  std::unordered_map<std::uint32_t, Pending> pending;
+  std::deque<Pending> pending;
   {
     const std::lock_guard lock(mMutex);
     if (mBroken) return;
@@ -170,7 +172,7 @@ void Link::breakLink(Error error) {
     pending.swap(mPending);
     mAnnounced.notify_all();
   }
-  for (const auto& [id, request] : pending) {
+  for (const Pending& request : pending) {
     if (request.done) request.done(error);
   }
   if (mOptions.onBroken) mOptions.onBroken(error);

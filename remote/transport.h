@@ -42,12 +42,12 @@ class Transport {
   virtual ~Transport() = default;
 
   /// The caller bounds the bytes that it has in flight: requests that the host
-  /// does not take yet are kept in memory.
+  /// does not take yet are kept in memory. As requests are served in order, one
+  /// gets ErrorKind::kUnanswered when the answer to a later one comes first.
   virtual void submit(Request request, Completion done) = 0;
 
   /// For a request that the host may pass over in silence: sends `fence`, which
-  /// must be one that is always answered, right behind it. When the fence's
-  /// answer comes first, `done` gets ErrorKind::kUnanswered. The fence's own
+  /// must be one that is always answered, right behind it. The fence's own
   /// answer is dropped.
   virtual void submitFenced(Request request, Completion done, Request fence) = 0;
 

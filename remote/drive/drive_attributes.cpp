@@ -48,7 +48,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
     lock.lock();
     mRenaming = false;
     std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
-    for (const auto& start : reads) start();
+    for (auto& start : reads) start();
     mSettled.notify_all();
   }
   if (!status && status.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};

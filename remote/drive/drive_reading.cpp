@@ -75,17 +75,17 @@ Outcome<OpenResult> Drive::open(NodeId id, int flags) {
 
 void Drive::startRead(NodeId id, std::int64_t offset, std::uint32_t size, Callback<FileData> done) {
   const std::lock_guard lock(mMutex);
+  auto start = [this, id, offset, size, done = std::move(done)]() mutable {
+    Node* node = mTree.find(id);
+    // The host serves in order: what was written before is read.
+    if (node != nullptr && node->file && !node->file->gather.empty()) sendGathered(*node);
+    beginRead(node, offset, size, std::move(done));
+  };
   if (mRenaming) {
-    mDeferred.push_back([this, id, offset, size, done = std::move(done)] {
-      const Node* node = mTree.find(id);
-      beginRead(node, offset, size, done);
-    });
-    return;
+    mDeferred.emplace_back(std::move(start));
+  } else {
+    start();
   }
-  Node* node = mTree.find(id);
-  // The host serves in order: what was written before is read.
-  if (node != nullptr && node->file && !node->file->gather.empty()) sendGathered(*node);
-  beginRead(node, offset, size, std::move(done));
 }
 
 void Drive::beginRead(const Node* node, std::int64_t offset, std::uint32_t size,

@@ -151,7 +151,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     ~Ending() {
       drive.mRenaming = false;
       std::vector<std::function<void()>> reads = std::exchange(drive.mDeferred, {});
-      for (const auto& start : reads) start();
+      for (auto& start : reads) start();
       drive.mSettled.notify_all();
     }
   } ending{*this, lock};

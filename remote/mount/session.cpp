@@ -6,6 +6,7 @@
 
 #include <array>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <limits>
 #include <thread>
@@ -81,7 +82,10 @@ int Session::run(const MountOptions& options) {
     if (config == nullptr) throw std::bad_alloc();
     fuse_loop_cfg_set_max_threads(config, options.maxThreads);
     if (options.maxIdleThreads != kUnlimited) {
-      fuse_loop_cfg_set_idle_threads(config, options.maxIdleThreads);
+      // libfuse complains about its own default.
+      if (options.maxIdleThreads != UINT_MAX) {
+        fuse_loop_cfg_set_idle_threads(config, options.maxIdleThreads);
+      }
     }
     fuse_loop_cfg_set_clone_fd(config, options.cloneFd ? 1 : 0);
     result = fuse_session_loop_mt(mSession, config);

@@ -60,11 +60,10 @@ class MountTest : public ::testing::Test {
   /// it fails.
   std::string run(const std::string& script) {
     const std::string out = mDisk.beside("out");
-    ::setenv("DRIVE", mDrive.c_str(), 1);
-    ::setenv("DISK", mDisk.root().c_str(), 1);
-    const int code = waitFor(spawn(
-        {"sh", "-c", "exec 2>&1; set -eu; cd '" + mDisk.beside("work").string() + "'; " + script},
-        out, "/dev/null"));
+    const std::string setting = "exec 2>&1; set -eu; DRIVE='" + mDrive.string() + "'; DISK='" +
+                                mDisk.root().string() + "'; cd '" + mDisk.beside("work").string() +
+                                "'; ";
+    const int code = waitFor(spawn({"sh", "-c", setting + script}, out, "/dev/null"));
     return code == 0 ? "" : "exit code " + std::to_string(code) + "\n" + readFile(out);
   }
 

@@ -89,7 +89,7 @@ TEST_F(LinkTest, FindsTheAnnouncementAmongOtherPacketsAndInAnyPieces) {
   EXPECT_TRUE(mLink->servesSmallFiles());
 }
 
-TEST_F(LinkTest, MatchesAnswersByIdentityInAnyOrder) {
+TEST_F(LinkTest, MatchesAnswersByIdentityAndKnowsWhatWasPassedOver) {
   introduce();
   std::vector<Outcome> outcomes;
   std::vector<Packet> sent;
@@ -98,7 +98,8 @@ TEST_F(LinkTest, MatchesAnswersByIdentityInAnyOrder) {
     sent.push_back(receive());
   }
   std::string answers;
-  for (std::size_t i = sent.size(); i-- > 0;) {
+  for (std::size_t i = 0; i < sent.size(); ++i) {
+    if (i % 3 == 0) continue;
     Packet stranger = sent[i];
     stranger.id = 0x70000000;
     answers += reply(stranger, "unknown identity");
@@ -110,7 +111,7 @@ TEST_F(LinkTest, MatchesAnswersByIdentityInAnyOrder) {
   }
   send(answers);
   for (std::size_t i = 0; i < sent.size(); ++i) {
-    EXPECT_EQ(settled(outcomes[i]), std::to_string(i));
+    EXPECT_THAT(settled(outcomes[i]), HasSubstr(i % 3 == 0 ? "passed over" : std::to_string(i)));
   }
   Outcome confused = submit(request());
   Packet other = receive();
