@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) bench setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) bench bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -26,6 +26,15 @@ bench: setup
 	cmake --preset release -DUDISK_BUILD_BENCH=ON
 	cmake --build --preset release -j $(JOBS) --target udisk_bench
 	build/release/bin/udisk_bench
+
+# Side by side with sshfs, over a slow link; takes a while. Options for the script
+# as in `make bench-drives DRIVES='--runs 1 --files 200 --mib 16'`.
+bench-drives:
+	@scripts/setup.sh drives
+	cmake --preset release -DUDISK_BUILD_BENCH=ON
+	cmake --build --preset release -j $(JOBS) \
+	  --target udisk-host udisk-redir udisk-mount slow-link
+	bench/compare-drives --bin build/release/bin $(DRIVES)
 
 setup:
 	@scripts/setup.sh

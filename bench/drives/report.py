@@ -1,0 +1,89 @@
+"""The results as tables and as JSON."""
+
+import json
+import os
+import platform
+import statistics
+
+from .work import DIRECTORIES, FILE_SIZE, WORKS
+
+BIG = ("big_write", "big_read")
+
+
+def describe(results):
+    """One sentence of how it was measured."""
+    return (f"{results['files']} files of {FILE_SIZE // 1024} KiB in {DIRECTORIES} directories; "
+            f"a big file of {results['mib']} MiB; medians of {results['runs']} "
+            f"run{'s' if results['runs'] != 1 else ''}; mounted afresh for each work; "
+            f"{', '.join(results['drives'])}")
+
+
+def machine():
+    return {"cores": os.cpu_count(), "system": platform.platform()}
+
+
+def median(results, delay, work, drive):
+    runs = results["seconds"].get(delay, {}).get(work, {}).get(drive)
+    return statistics.median(runs) if runs else None
+
+
+def link_name(delay):
+    return f"{delay} ms delay each way" if delay != "0" else "no delay"
+
+
+def seconds_text(seconds):
+    if seconds is None:
+        return "-"
+    if seconds < 0.0995:
+        return f"{seconds * 1000:.3g} ms"
+    return f"{seconds:.3g} s" if seconds < 999.5 else f"{seconds:.0f} s"
+
+
+def cell_text(results, work, seconds):
+    text = seconds_text(seconds)
+    if work in BIG and seconds:
+        text += f" ({results['mib'] / seconds:.0f} MiB/s)"
+    return text
+
+
+def rows(results, delay):
+    """The heading and the lines of the table of one delay."""
+    drives = results["drives"]
+    compared = len(drives) == 2
+    yield ["Work", *drives] + ([f"{drives[1]} / {drives[0]}"] if compared else [])
+    for work, name in WORKS.items():
+        medians = [median(results, delay, work, drive) for drive in drives]
+        cells = [name] + [cell_text(results, work, seconds) for seconds in medians]
+        if compared:
+            cells.append(f"{medians[1] / medians[0]:.3g}" if all(medians) else "-")
+        yield cells
+
+
+def as_text(results):
+    lines = [describe(results)]
+    for delay in results["seconds"]:
+        table = list(rows(results, delay))
+        widths = [max(map(len, column)) for column in zip(*table)]
+        lines += ["", link_name(delay) + ":"]
+        for row in table:
+            cells = [row[0].ljust(widths[0])]
+            cells += [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
+            lines.append("  " + "  ".join(cells).rstrip())
+    return "\n".join(lines)
+
+
+def as_markdown(results):
+    lines = [describe(results) + "."]
+    for delay in results["seconds"]:
+        heading, *table = rows(results, delay)
+        lines += ["", f"With {link_name(delay)}:", ""]
+        lines.append("| " + " | ".join(heading) + " |")
+        lines.append("| --- |" + " ---: |" * (len(heading) - 1))
+        lines += ["| " + " | ".join(row) + " |" for row in table]
+    return "\n".join(lines)
+
+
+def save(results, path):
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(results, file, indent=1)
+        file.write("\n")
