@@ -1,5 +1,6 @@
 #!/bin/sh
-# Serves a directory with the host and uses it from the remote side.
+# Serves a directory with the host and uses it from the remote side: by commands
+# and as a drive.
 # usage: scripts/demo.sh DIRECTORY_OF_THE_PROGRAMS
 set -eu
 
@@ -8,6 +9,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/udisk-demo.XXXXXX")
 host=""
 finish() {
+  fusermount3 -uq "$work/drive" 2>/dev/null || true
   [ -z "$host" ] || kill "$host" 2>/dev/null || true
   wait 2>/dev/null || true
   rm -rf "$work"
@@ -62,6 +64,23 @@ remote ls -R /protocol-backup
 diff -r "$root/protocol" "$disk/protocol-backup"
 echo "diff: no difference"
 remote rm -r /protocol-backup
+
+if [ -w /dev/fuse ]; then
+  say "there: the disk as a drive for every program"
+  mkdir "$work/drive"
+  printf '$ udisk-mount usb.sock drive\n'
+  "$bin/udisk-mount" "$work/usb.sock" "$work/drive"
+  show() { printf '$ %s\n' "$*" && (cd "$work" && sh -c "$*"); }
+  show df -h --output=size,fstype,target drive | sed "s|$work/||"
+  show 'cp -r USB/project drive/copy && diff -r USB/project drive/copy && echo identical'
+  show 'mv drive/copy drive/kopie && echo more >> drive/kopie/README.md && tail -n 1 USB/kopie/README.md'
+  show 'tar cf - -C drive . | tar xf - --one-top-level=taken && diff -r USB taken && echo identical'
+  show 'rm -r drive/kopie && ls drive'
+  printf '$ fusermount3 -u drive\n'
+  fusermount3 -u "$work/drive"
+else
+  say "there is no /dev/fuse here, so the drive is not shown"
+fi
 
 say "here: what the host logged"
 tail -n 4 "$work/host.log" | sed "s|$work/||g"

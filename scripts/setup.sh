@@ -7,7 +7,7 @@ packages="
   g++ clang libclang-rt-14-dev cmake ninja-build make pkg-config git
   libglib2.0-dev libjsoncpp-dev libspdlog-dev libcli11-dev libasio-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libfuse3-dev fuse3 ntfs-3g util-linux mount
+  libfuse3-dev fuse3 ntfs-3g util-linux mount rsync sqlite3
 "
 if [ "${1:-}" = drives ]; then
   packages="$packages python3 sshfs openssh-sftp-server"
