@@ -21,6 +21,23 @@ Status grow(Disk& disk, const std::string& path, std::uint64_t length) {
   return disk.write(path, static_cast<std::int64_t>(length - 1), std::move(zero));
 }
 
+/// Of a rename that was lost on the way, the names tell whether it was done.
+Status renameSurely(Disk& disk, const std::string& from, const std::string& to) {
+  constexpr int kMostAttempts = 10;
+  for (int attempt = 1;; ++attempt) {
+    Status status = disk.rename(from, to);
+    if (status || attempt == kMostAttempts) return status;
+    const ErrorKind kind = status.error().kind;
+    if (kind != ErrorKind::kLinkLost && kind != ErrorKind::kUnanswered) return status;
+    const Result<udisk_stat> there = disk.attributes(to);
+    if (!there && there.error().kind != ErrorKind::kFailed) return status;
+    const Result<udisk_stat> here = disk.attributes(from);
+    if (!here && here.error().kind != ErrorKind::kFailed) return status;
+    if (!here && there) return Unit{};
+    if (!here) return status;
+  }
+}
+
 Status shrinkUnderOtherName(Disk& disk, const std::string& path, std::uint64_t length) {
   std::random_device random;
   const std::string other =
@@ -28,10 +45,10 @@ Status shrinkUnderOtherName(Disk& disk, const std::string& path, std::uint64_t l
   const Result<udisk_stat> taken = disk.attributes(other);
   if (taken) return exchange::failed("'" + other + "' is in the way");
   if (taken.error().kind != ErrorKind::kFailed) return taken.error();
-  Status status = disk.rename(path, other);
+  Status status = renameSurely(disk, path, other);
   if (!status) return status;
   status = disk.truncate(other, length);
-  if (Status back = disk.rename(other, path); !back) {
+  if (Status back = renameSurely(disk, other, path); !back) {
     return exchange::failed("the file is called '" + other + "' now, because " +
                             back.error().message);
   }

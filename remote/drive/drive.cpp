@@ -119,6 +119,12 @@ std::chrono::nanoseconds Drive::validity(const Node& directory, const Entry& ent
   return until - Clock::now();
 }
 
+std::chrono::nanoseconds Drive::kernelValidity(const Node& directory, const Entry& entry) const {
+  // The kernel does not know that two of its files are one.
+  if (!isDirectory(entry.attributes) && entry.attributes.st_nlink > 1) return {};
+  return std::max(std::chrono::nanoseconds(0), validity(directory, entry));
+}
+
 udisk_stat Drive::visible(const Entry& entry) const {
   udisk_stat attributes = entry.attributes;
   if (entry.hidden && attributes.st_nlink > 0) --attributes.st_nlink;
@@ -134,8 +140,7 @@ udisk_stat Drive::visible(const Entry& entry) const {
 NodeEntry Drive::enterLocked(Node& directory, Entries::value_type& place) {
   Node& node = mTree.nodeAt(directory, place);
   ++node.references;
-  return {node.id, visible(place.second),
-          std::max(std::chrono::nanoseconds(0), validity(directory, place.second))};
+  return {node.id, visible(place.second), kernelValidity(directory, place.second)};
 }
 
 void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result) {
@@ -143,12 +148,15 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
   if (parent == nullptr || !parent->directory) return;
   Entries& entries = parent->directory->entries;
   if (!result) {
-    if (result.error().kind == ErrorKind::kFailed) mTree.remove(*parent, name);
+    if (result.error().kind != ErrorKind::kFailed) return;
+    const auto gone = entries.find(name);
+    if (gone != entries.end() && !gone->second.changing) mTree.remove(*parent, name);
     return;
   }
   auto at = entries.find(name);
-  if (at != entries.end() && ((at->second.attributes.st_mode ^ result->st_mode) & S_IFMT) != 0 &&
-      at->second.attributes.st_mode != 0) {
+  if (at != entries.end() && ((((at->second.attributes.st_mode ^ result->st_mode) & S_IFMT) != 0 &&
+                               at->second.attributes.st_mode != 0) ||
+                              !fits(at->second, *result))) {
     mTree.remove(*parent, name);
     at = entries.end();
   }
@@ -157,7 +165,11 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
     parent->directory->snapshot = nullptr;
   }
   Entry& entry = at->second;
-  if (entry.attributes != *result) parent->directory->snapshot = nullptr;
+  // A reader only changes the access time, and goes on walking.
+  if (stampOf(entry.attributes) != stampOf(*result) ||
+      entry.attributes.st_mode != result->st_mode) {
+    parent->directory->snapshot = nullptr;
+  }
   entry.attributes = *result;
   entry.confirmed = Clock::now();
   entry.stale = false;
@@ -206,6 +218,7 @@ void Drive::Burst::queryDirectory(NodeId directory) {
 }
 
 Result<udisk_stat> Drive::look(Lock& lock, NodeId directory, const std::string& name) {
+  waitForNames(lock);
   const Node* node = mTree.find(directory);
   const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
   if (!path) return Error{ErrorKind::kFailed, "the directory is gone"};

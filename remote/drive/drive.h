@@ -157,6 +157,7 @@ class Drive {
   bool isFresh(const Directory& directory) const;
   bool isDoubtful(const Entry& entry) const;
   std::chrono::nanoseconds validity(const Node& directory, const Entry& entry) const;
+  std::chrono::nanoseconds kernelValidity(const Node& directory, const Entry& entry) const;
   udisk_stat visible(const Entry& entry) const;
   NodeEntry enterLocked(Node& directory, Entries::value_type& place);
   void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result);
@@ -176,12 +177,15 @@ class Drive {
 
   // drive_creation.cpp
   Outcome<Unit> createFile(Lock& lock, NodeId directory, const std::string& name,
-                           std::uint32_t mode);
+                           std::uint32_t mode, bool mayBeToldLater);
+  Outcome<bool> linkOnce(Lock& lock, NodeId existing, NodeId directory, const std::string& key);
   void createWithoutWaiting(Node& parent, const std::string& path, const std::string& name,
                             std::uint32_t mode);
 
   // drive_removal.cpp
-  Outcome<Unit> hide(Lock& lock, NodeId directory, const std::string& name);
+  Outcome<Unit> hide(Lock& lock, NodeId directory, const std::string& name,
+                     const std::string& hidden);
+  void unhide(Lock& lock, NodeId directory, const std::string& hidden, const std::string& name);
   Outcome<Unit> renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
                              const std::string& newName);
   void settleBelow(Lock& lock, Node& node);
@@ -204,7 +208,7 @@ class Drive {
   void sendGathered(Node& node, const ReadWindow::Ticket& ticket);
   void answered(Node& node);
   void dropIdle(Node& node);
-  void writeFailed(Node& node);
+  void writeFailed(Node& node, const std::string& path);
   Outcome<Unit> unseenFailure(Lock& lock, OpenFile& file);
   Outcome<Unit> settle(Lock& lock, NodeId node, bool sync);
   void flushLoop();

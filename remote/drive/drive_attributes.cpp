@@ -43,14 +43,20 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   } else {
     // This may give the file another name for a moment.
     mRenaming = true;
+    node->place->second.changing = true;
+    ++node->references;
     lock.unlock();
     status = zor::remote::setLength(mDisk, *path, length);
     lock.lock();
+    --node->references;
+    if (node->place != nullptr) node->place->second.changing = false;
+    mTree.releaseIfUnused(node);
     mRenaming = false;
     std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
     for (auto& start : reads) start();
     mSettled.notify_all();
   }
+  if (!status && length > kTruncateLimit) report(*path + ": " + status.error().message);
   if (!status && status.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
   if (!status) return Errno{EIO};
   // An answer about the size that was asked for before may still be on its way

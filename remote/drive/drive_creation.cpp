@@ -42,7 +42,9 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
     if (!isRegular(*seen)) return Errno{EACCES};
   } else {
     waitForNames(lock);
-    const Outcome<Unit> made = createFile(lock, directory, key, mode);
+    // Only who writes is told by the close.
+    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+    const Outcome<Unit> made = createFile(lock, directory, key, mode, writes);
     if (!made) return made.error();
   }
   const Outcome<Node*> parent = directoryNode(directory);
@@ -68,12 +70,12 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
 }
 
 Outcome<Unit> Drive::createFile(Lock& lock, NodeId directory, const std::string& name,
-                                std::uint32_t mode) {
+                                std::uint32_t mode, bool mayBeToldLater) {
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
   const std::string path = joinPath(*mTree.path(**parent), name);
   Directory& known = *(*parent)->directory;
-  if (Clock::now() - known.lastCreation < kCreationTrust && isHarmless(name)) {
+  if (mayBeToldLater && Clock::now() - known.lastCreation < kCreationTrust && isHarmless(name)) {
     createWithoutWaiting(**parent, path, name, mode);
     return Unit{};
   }
@@ -109,6 +111,7 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
   fresh.attributes.st_nlink = 1;
   fresh.attributes.st_size = fresh.attributes.st_blocks = 0;
   fresh.stale = true;
+  fresh.changing = true;
   mTree.remove(parent, name);
   const auto at = parent.directory->entries.emplace(name, fresh).first;
   parent.directory->snapshot = nullptr;
@@ -117,18 +120,20 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
   node.file->ahead = true;
   node.file->lastWrite = wallClock();
   ++node.file->inFlight;
-  mDisk.create(path, mode,
-               whenAnswered<Unit>([this, id = node.id, directory = parent.id](Status& status) {
-                 Node& made = *mTree.find(id);
-                 if (status) {
-                   if (Node* above = mTree.find(directory)) {
-                     above->directory->lastCreation = Clock::now();
-                   }
-                 } else {
-                   writeFailed(made);
-                 }
-                 answered(made);
-               }));
+  mDisk.create(
+      path, mode,
+      whenAnswered<Unit>([this, path, id = node.id, directory = parent.id](Status& status) {
+        Node& made = *mTree.find(id);
+        if (made.place != nullptr) made.place->second.changing = false;
+        if (status) {
+          if (Node* above = mTree.find(directory)) {
+            above->directory->lastCreation = Clock::now();
+          }
+        } else {
+          writeFailed(made, path);
+        }
+        answered(made);
+      }));
   Burst burst(*this);
   burst.queryFile(path, parent.id, name);
   burst.queryDirectory(parent.id);
@@ -170,6 +175,7 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
   if (!still) return still.error();
   const auto at = (*still)->directory->entries.find(key);
   if (at == (*still)->directory->entries.end()) return Errno{EIO};
+  if (!isDirectory(at->second.attributes)) return Errno{EIO};
   const NodeEntry entry = enterLocked(**still, *at);
   Directory& fresh = *mTree.find(entry.node)->directory;
   fresh.complete = true;
@@ -189,6 +195,23 @@ Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_vi
   if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
   const Outcome<Unit> settled = settle(lock, existing, false);
   if (!settled) return settled.error();
+  constexpr int kMostAttempts = 10;  // when the link is lost each time
+  for (int attempt = 1;; ++attempt) {
+    const Outcome<bool> linked = linkOnce(lock, existing, directory, key);
+    if (!linked) return linked.error();
+    if (*linked) break;
+    if (attempt == kMostAttempts) return Errno{EIO};
+  }
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const auto at = (*parent)->directory->entries.find(key);
+  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
+  return enterLocked(**parent, *at);
+}
+
+/// False: it was lost on the way and is not there.
+Outcome<bool> Drive::linkOnce(Lock& lock, NodeId existing, NodeId directory,
+                              const std::string& key) {
   waitForNames(lock);
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
@@ -217,11 +240,9 @@ Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_vi
   burst.wait(lock);
   if (!linked && linked.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
   // Of a link that was lost on the way, the look behind it tells.
+  if (!linked && made == 0) return false;
   if (made != inode) return Errno{EIO};
-  Node* still = mTree.find(directory);
-  const auto at = still->directory->entries.find(key);
-  if (at == still->directory->entries.end()) return Errno{EIO};
-  return enterLocked(*still, *at);
+  return true;
 }
 
 }  // namespace zor::remote

@@ -42,6 +42,7 @@ Outcome<Unit> Drive::refreshDirectory(Lock& lock, NodeId id) {
     lock.unlock();
     underWay.wait();
     lock.lock();
+    waitForNames(lock);
   }
   Node& node = *mTree.find(id);
   std::promise<void> loaded;
@@ -99,8 +100,11 @@ Outcome<Unit> Drive::load(Lock& lock, NodeId id, const std::string& path) {
     // Too large to be compared, or gone: the listing tells.
     if (!check && check.error().kind == ErrorKind::kLinkLost) return Errno{EIO};
   }
+  waitForNames(lock);
+  const std::optional<std::string> present = mTree.path(*mTree.find(id));
+  if (!present) return Errno{ENOENT};
   const Result<Listing> listing = ask<Listing>(
-      lock, [&](auto done) { mDisk.list(path, std::move(done)); },
+      lock, [&](auto done) { mDisk.list(*present, std::move(done)); },
       [this, id, &take](Result<Listing>& result) {
         if (result) {
           take(*result);

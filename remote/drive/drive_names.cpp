@@ -132,8 +132,7 @@ Outcome<NodeAttributes> Drive::attributes(NodeId id) {
     const Entry& entry = node->place->second;
     if (asked > 1 || isFresh(*node->parent, entry) || (asked == 1 && !isDoubtful(entry))) {
       ++(asked == 0 ? mCounters.cacheHits : mCounters.cacheMisses);
-      return NodeAttributes{visible(entry),
-                            std::max(std::chrono::nanoseconds(0), validity(*node->parent, entry))};
+      return NodeAttributes{visible(entry), kernelValidity(*node->parent, entry)};
     }
     const NodeId directory = node->parent->id;
     const std::string name = node->place->first;

@@ -109,7 +109,7 @@ void Drive::beginRead(const Node* node, std::int64_t offset, std::uint32_t size,
 Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_t size) {
   Lock lock(mMutex);
   bool begins = false;
-  for (int attempt = 0;; ++attempt) {
+  for (int attempt = 0;;) {
     const Node* node = mTree.find(file.mNode);
     if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
     const Entry& entry = node->place->second;
@@ -143,6 +143,11 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
       }
     }
     file.mSmall = nullptr;
+    if (file.mReadStamp != stamp || file.mReadWrites != node->file->writes) {
+      file.mAhead.drop();
+      file.mReadStamp = stamp;
+      file.mReadWrites = node->file->writes;
+    }
     lock.unlock();
     Outcome<ReadParts> parts = file.mAhead.read(offset, wanted, static_cast<std::uint64_t>(length));
     lock.lock();
@@ -151,7 +156,7 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
       return parts;
     }
     // The file shrank, has another name, or cannot be read: its attributes tell.
-    if (attempt > 0) return Errno{EIO};
+    if (attempt++ > 0) return Errno{EIO};
     file.mAhead.drop();
     const Node* still = mTree.find(file.mNode);
     if (still == nullptr || still->parent == nullptr) return Errno{ESTALE};

@@ -11,6 +11,9 @@ namespace zor::remote {
 
 namespace {
 
+/// For what was lost on the way: a host that comes back as often may not stay.
+constexpr int kMostAttempts = 10;
+
 bool isBelow(const Node* node, const Node& above) {
   while (node != nullptr && node != &above) node = node->parent;
   return node != nullptr;
@@ -26,7 +29,7 @@ Outcome<Unit> Drive::unlink(NodeId directory, std::string_view name) {
   const auto at = (*parent)->directory->entries.find(key);
   if (at != (*parent)->directory->entries.end() && at->second.node != nullptr) {
     const Node& node = *at->second.node;
-    if (node.file && node.file->handles > 0) return hide(lock, directory, key);
+    if (node.file && node.file->handles > 0) return hide(lock, directory, key, hiddenName());
     if (node.file) {
       const Outcome<Unit> settled = settle(lock, node.id, false);
       if (!settled) return settled.error();
@@ -73,7 +76,7 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
       if (lost) return Unit{};
       return Errno{ENOENT};
     }
-    if (lost && attempt == 0) continue;
+    if (lost && attempt < kMostAttempts) continue;
     if (lost) return Errno{EIO};
     if (isDir != isDirectory(*seen)) return Errno{isDir ? ENOTDIR : EISDIR};
     if (isDir) {
@@ -86,8 +89,8 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
 }
 
 /// A file that is open goes on under a name that nobody sees.
-Outcome<Unit> Drive::hide(Lock& lock, NodeId directory, const std::string& name) {
-  const std::string hidden = hiddenName();
+Outcome<Unit> Drive::hide(Lock& lock, NodeId directory, const std::string& name,
+                          const std::string& hidden) {
   const Outcome<Unit> renamed = renameLocked(lock, directory, name, directory, hidden);
   if (!renamed) return renamed;
   Node* node = mTree.find(directory);
@@ -134,10 +137,27 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
       at->second.node->file && at->second.node->file->handles > 0 &&
       !(from == to && oldKey == newKey)) {
     // A reader of what is replaced goes on reading it.
-    const Outcome<Unit> hidden = hide(lock, to, newKey);
-    if (!hidden) return hidden;
+    const std::string hidden = hiddenName();
+    if (Outcome<Unit> done = hide(lock, to, newKey, hidden); !done) return done;
+    Outcome<Unit> renamed = renameLocked(lock, from, oldKey, to, newKey);
+    if (!renamed) unhide(lock, to, hidden, newKey);
+    return renamed;
   }
   return renameLocked(lock, from, oldKey, to, newKey);
+}
+
+/// What was to be replaced, and was not, is there again.
+void Drive::unhide(Lock& lock, NodeId directory, const std::string& hidden,
+                   const std::string& name) {
+  Node* node = mTree.find(directory);
+  if (node == nullptr) return;
+  const auto at = node->directory->entries.find(hidden);
+  if (at == node->directory->entries.end()) return;
+  at->second.hidden = false;
+  node->directory->snapshot = nullptr;
+  if (!renameLocked(lock, directory, hidden, directory, name)) {
+    report("'" + name + "' could not be replaced; it is called '" + hidden + "' on the disk");
+  }
 }
 
 Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
@@ -172,11 +192,19 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     if (!newParent) return newParent.error();
     const std::string oldPath = joinPath(*mTree.path(**oldParent), name);
     const std::string newPath = joinPath(*mTree.path(**newParent), newName);
-    const auto moved = [this, from, to, &name, &newName] {
+    const auto mark = [this, from, &name](bool changing) {
+      Node* node = mTree.find(from);
+      if (node == nullptr) return;
+      const auto at = node->directory->entries.find(name);
+      if (at != node->directory->entries.end()) at->second.changing = changing;
+    };
+    const auto moved = [this, from, to, &name, &newName, &mark] {
       Node* oldNode = mTree.find(from);
       Node* newNode = mTree.find(to);
+      mark(false);
       if (oldNode != nullptr && newNode != nullptr) mTree.move(*oldNode, name, *newNode, newName);
     };
+    mark(true);
     Status renamed = Unit{};
     Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.rename(oldPath, newPath, std::move(done)); },
@@ -199,6 +227,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
         lock, [&](auto done) { mDisk.attributes(newPath, std::move(done)); }, [](auto&) {});
     const Result<udisk_stat> here = ask<udisk_stat>(
         lock, [&](auto done) { mDisk.attributes(oldPath, std::move(done)); }, [](auto&) {});
+    mark(false);
     if (!here && here.error().kind != ErrorKind::kFailed) return Errno{EIO};
     if (!here && lost && there && (inode == 0 || there->st_ino == inode)) {
       moved();
@@ -208,7 +237,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
       learn(from, name, here);
       return Errno{ENOENT};
     }
-    if (lost && attempt == 0) continue;
+    if (lost && attempt < kMostAttempts) continue;
     if (lost) return Errno{EIO};
     if (there && isDirectory(*there) && !isDirectory(*here)) return Errno{EISDIR};
     if (there && !isDirectory(*there) && isDirectory(*here)) return Errno{ENOTDIR};

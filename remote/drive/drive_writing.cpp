@@ -41,6 +41,7 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
       std::max(state.ahead ? state.end : 0, offset + static_cast<std::int64_t>(data.size()));
   state.ahead = true;
   state.unsynced = true;
+  ++state.writes;
   state.lastWrite = wallClock();
   if (node->place != nullptr) {
     node->place->second.stale = true;
@@ -87,15 +88,16 @@ void Drive::sendGathered(Node& node) {
 void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   FileState& file = *node.file;
   const std::size_t size = file.gather.size();
-  const std::optional<std::string> path = mTree.path(node);
+  // Of a file that is gone: the request is refused on this side.
+  const std::string path = mTree.path(node).value_or("a file that is gone");
   ++file.inFlight;
   mBytesInFlight += size;
-  file.gather.submit(mDisk, path ? *path : std::string(),
-                     whenAnswered<Unit>([this, id = node.id, size, ticket](Status& status) {
+  file.gather.submit(mDisk, path,
+                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
                        mWriteWindow.finished(ticket, status ? size : 0);
                        mBytesInFlight -= size;
                        Node& written = *mTree.find(id);
-                       if (!status) writeFailed(written);
+                       if (!status) writeFailed(written, path);
                        answered(written);
                      }));
 }
@@ -115,10 +117,9 @@ void Drive::dropIdle(Node& node) {
   mTree.releaseIfUnused(&node);
 }
 
-void Drive::writeFailed(Node& node) {
+void Drive::writeFailed(Node& node, const std::string& path) {
   ++node.file->failures;
   ++mCounters.failedWrites;
-  const std::string path = mTree.path(node).value_or("a file that is gone");
   if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
 }
 
@@ -141,15 +142,16 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   ++node->file->handles;  // it stays while we wait
   waitForNames(lock);
   if (!node->file->gather.empty()) sendGathered(*node);
+  const std::uint64_t writes = node->file->writes;
   const std::optional<std::string> path = mTree.path(*node);
   Burst burst(*this);
   if (sync && path && node->file->unsynced) {
     node->file->unsynced = false;
     ++node->file->inFlight;
     burst.add<Unit>([&](auto done) { mDisk.fsync(*path, std::move(done)); },
-                    [this, id](Status& status) {
+                    [this, path = *path, id](Status& status) {
                       Node& synced = *mTree.find(id);
-                      if (!status) writeFailed(synced);
+                      if (!status) writeFailed(synced, path);
                       answered(synced);
                     });
   }
@@ -158,8 +160,12 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   }
   burst.wait(lock);
   mSettled.wait(lock, [&] { return node->file->inFlight == 0; });
-  // Without an answer the attributes stay in doubt, and the next one asks.
-  if (node->file->gather.empty()) node->file->ahead = false;
+  // Without an answer the attributes are in doubt, and the next one asks; unless
+  // another write has come, whose writer will.
+  if (node->file->ahead && node->file->writes == writes) {
+    node->file->ahead = false;
+    if (node->place != nullptr) node->place->second.stale = true;
+  }
   --node->file->handles;
   dropIdle(*node);
   return Unit{};
@@ -170,6 +176,10 @@ Outcome<Unit> Drive::flush(OpenFile& file) {
   if (file.mWritable) {
     const Outcome<Unit> settled = settle(lock, file.mNode, true);
     if (!settled) return settled;
+    // A disk with coarse times may not tell it from what was fetched before.
+    if (const Node* node = mTree.find(file.mNode); node != nullptr) {
+      if (const std::optional<std::string> path = mTree.path(*node)) mSmallFiles.forget(*path);
+    }
   }
   return unseenFailure(lock, file);
 }
@@ -178,9 +188,9 @@ Outcome<Unit> Drive::sync(OpenFile& file) { return flush(file); }
 
 void Drive::release(OpenFile& file) {
   Lock lock(mMutex);
-  // What was written through a mapping after the last close.
-  static_cast<void>(settle(lock, file.mNode, true));
   Node* node = mTree.find(file.mNode);
+  // What was written through a mapping after the last close.
+  if (node->file->handles == 1) static_cast<void>(settle(lock, file.mNode, true));
   const bool last = --node->file->handles == 0;
   const bool hidden = last && node->place != nullptr && node->place->second.hidden;
   const NodeId directory = hidden ? node->parent->id : 0;

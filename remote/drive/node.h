@@ -35,6 +35,7 @@ struct Entry {
   Clock::time_point confirmed{};  ///< by a question about this name alone
   bool stale = false;             ///< changed by us in a way that only the host can tell
   bool hidden = false;            ///< removed by a program, but still open
+  bool changing = false;          ///< being made or renamed: answers without it are older
   std::uint64_t linkEpoch = 0;    ///< of the drive, when the attributes were learnt
   Node* node = nullptr;           ///< null when nobody refers to it
 };
@@ -70,6 +71,7 @@ struct FileState {
   bool ahead = false;            ///< written since the attributes were learnt
   std::int64_t end = 0;          ///< of what was written since then
   udisk_timespec lastWrite{};
+  std::uint64_t writes = 0;    ///< by programs, ever
   std::uint64_t failures = 0;  ///< failed writes, ever
 };
 
@@ -138,11 +140,21 @@ class NodeTree {
 
  private:
   void detach(Entry& entry);
+  Entries::iterator drop(Entries& entries, Entries::iterator at);
 
   std::unordered_map<NodeId, std::unique_ptr<Node>> mNodes;
   Node* mRoot;
   NodeId mLastId = kRootNode;
 };
+
+inline bool isDirectory(const udisk_stat& attributes) {
+  return (attributes.st_mode & 0170000U) == 0040000U;
+}
+
+/// Whether the entry's node, if any, can stand for a file with these attributes.
+inline bool fits(const Entry& entry, const udisk_stat& attributes) {
+  return entry.node == nullptr || (entry.node->directory != nullptr) == isDirectory(attributes);
+}
 
 /// The directory in the form in which a host compares it; nothing when it is
 /// too large for that.
@@ -150,10 +162,6 @@ std::optional<Listing> composeListing(const Directory& directory);
 
 /// The present as file times tell it.
 udisk_timespec wallClock();
-
-inline bool isDirectory(const udisk_stat& attributes) {
-  return (attributes.st_mode & 0170000U) == 0040000U;
-}
 
 inline bool isRegular(const udisk_stat& attributes) {
   return (attributes.st_mode & 0170000U) == 0100000U;

@@ -10,6 +10,8 @@ namespace {
 
 constexpr std::uint32_t kTypeBits = 0170000;
 
+constexpr std::size_t kMaxName = 255;
+
 /// Hosts compare the number of entries in 16 bits, so more never match.
 constexpr std::size_t kMostComparable = 0xffff - 2;
 
@@ -83,6 +85,13 @@ void NodeTree::detach(Entry& entry) {
   releaseIfUnused(node);
 }
 
+/// Takes away what a listing does not show; the next entry.
+Entries::iterator NodeTree::drop(Entries& entries, Entries::iterator at) {
+  if (at->second.changing) return std::next(at);
+  detach(at->second);
+  return entries.erase(at);
+}
+
 void NodeTree::remove(Node& directory, std::string_view name) {
   Entries& entries = directory.directory->entries;
   const auto at = entries.find(name);
@@ -137,27 +146,29 @@ void NodeTree::merge(Node& directory, const Listing& listing, Clock::time_point 
   known.parent.st_mode = 0;
   for (const wire::DirEntry& entry : listing.entries()) {
     if (entry.name == ".") {
-      known.self = entry.attributes;
+      if (isDirectory(entry.attributes)) known.self = entry.attributes;
     } else if (entry.name == "..") {
       known.parent = entry.attributes;
       known.dots = true;
-    } else {
+    } else if (entry.name.size() <= kMaxName) {
       fresh.push_back(&entry);
     }
   }
   std::sort(fresh.begin(), fresh.end(), [](const wire::DirEntry* one, const wire::DirEntry* other) {
     return one->name < other->name;
   });
+  const auto same = [](const wire::DirEntry* one, const wire::DirEntry* other) {
+    return one->name == other->name;
+  };
+  fresh.erase(std::unique(fresh.begin(), fresh.end(), same), fresh.end());
   Entries& entries = known.entries;
   auto at = entries.begin();
   for (const wire::DirEntry* entry : fresh) {
-    while (at != entries.end() && at->first < entry->name) {
-      detach(at->second);
-      at = entries.erase(at);
-    }
+    while (at != entries.end() && at->first < entry->name) at = drop(entries, at);
     if (at == entries.end() || at->first != entry->name) {
       at = entries.emplace_hint(at, entry->name, Entry{});
-    } else if (((at->second.attributes.st_mode ^ entry->attributes.st_mode) & kTypeBits) != 0) {
+    } else if (((at->second.attributes.st_mode ^ entry->attributes.st_mode) & kTypeBits) != 0 ||
+               !fits(at->second, entry->attributes)) {
       detach(at->second);
     }
     Entry& place = at->second;
@@ -166,10 +177,7 @@ void NodeTree::merge(Node& directory, const Listing& listing, Clock::time_point 
     place.linkEpoch = epoch;
     ++at;
   }
-  while (at != entries.end()) {
-    detach(at->second);
-    at = entries.erase(at);
-  }
+  while (at != entries.end()) at = drop(entries, at);
   known.complete = true;
   known.confirmed = now;
   known.listed = now;

@@ -29,9 +29,11 @@ class OpenFile {
   ReadAhead mAhead;
 
   // Guarded by the drive's mutex.
-  std::uint64_t mSeenFailures;  ///< of the file's, that the program knows of
-  bool mRead = false;           ///< the program has begun to read
-  ContentStamp mSmallStamp;     ///< of what is in mSmall
+  std::uint64_t mSeenFailures;    ///< of the file's, that the program knows of
+  bool mRead = false;             ///< the program has begun to read
+  ContentStamp mReadStamp;        ///< of the contents that mAhead may hold
+  std::uint64_t mReadWrites = 0;  ///< the file's writes then
+  ContentStamp mSmallStamp;       ///< of what is in mSmall
   std::shared_ptr<const SmallFile> mSmall;
 };
 

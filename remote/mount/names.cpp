@@ -125,7 +125,13 @@ void handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, 
     fuse_reply_err(request, created.error().value);
     return;
   }
+  const auto made = drive.flush(*created->open.file);
   drive.release(*created->open.file);
+  if (!made) {
+    drive.forget(created->entry.node, 1);
+    fuse_reply_err(request, made.error().value);
+    return;
+  }
   replyEntry(request, created->entry);
 }
 

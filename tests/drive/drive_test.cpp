@@ -220,6 +220,16 @@ TEST_F(DriveTest, AHostThatComesBackFindsEveryWriteAndEveryQuestionWaiting) {
   EXPECT_THAT(mDrive->finish(), IsEmpty());
 }
 
+TEST_F(DriveTest, ASmallFileThatShrankOverThereIsReadAsItIsNow) {
+  for (const char* name : {"a", "b"}) writeFile(mDisk / name, "a longer text");
+  connect();
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+  writeFile(mDisk / "b", "short");
+  OpenFile& file = open(node("b"), O_RDONLY);
+  EXPECT_EQ(read(file), "short");
+  mDrive->release(file);
+}
+
 TEST_F(DriveTest, AHostThatIsGoneForGoodIsAnErrorWithinTheTimeLimit) {
   writeFile(mDisk / "f", "text");
   connect(300ms, 0ms);

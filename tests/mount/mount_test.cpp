@@ -7,8 +7,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <optional>
+#include <random>
 #include <regex>
+#include <thread>
 
 #include "support/delay_relay.h"
 #include "support/served_disk.h"
@@ -213,6 +214,61 @@ TEST_F(MountTest, ASlowLinkIsCrossedSeldom) {
   std::this_thread::sleep_for(1100ms);
   EXPECT_EQ(run("test $(ls -l $DRIVE/7 | wc -l) = 101"), "");
   EXPECT_EQ(requests() - found, 1U) << readFile(mLog);
+}
+
+TEST_F(MountTest, EveryProgramReadsWhatItWroteWhateverOthersRename) {
+  mount();
+  std::vector<std::thread> programs;
+  for (unsigned seed = 0; seed < 5; ++seed) {
+    programs.emplace_back([this, seed] {
+      std::minstd_rand random(seed + 1);
+      std::string name = mDrive / ("f" + std::to_string(seed));
+      std::string expected;
+      const int fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+      for (int i = 0; i < 1500; ++i) {
+        const std::string text = std::to_string(random());
+        const std::size_t at = random() % (expected.size() + 1);
+        std::string found(200, '\0');
+        struct stat status {};
+        switch (random() % 5) {
+          case 0: {
+            const int other = ::open(name.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+            ASSERT_EQ(::write(other, text.data(), text.size()), std::ssize(text));
+            ::close(other);
+            expected += text;
+            break;
+          }
+          case 1:
+            ASSERT_EQ(::pwrite(fd, text.data(), text.size(), static_cast<off_t>(at)),
+                      std::ssize(text));
+            expected.resize(std::max(expected.size(), at + text.size()));
+            expected.replace(at, text.size(), text);
+            break;
+          case 2:
+            ASSERT_EQ(::rename(name.c_str(), (name + "x").c_str()), 0);
+            name += 'x';
+            if (name.size() > 100) {
+              ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(at)), 0);
+              expected.resize(at);
+              const std::string shorter = name.substr(0, 60);
+              ASSERT_EQ(::rename(name.c_str(), shorter.c_str()), 0);
+              name = shorter;
+            }
+            break;
+          default:
+            found.resize(static_cast<std::size_t>(
+                std::max<ssize_t>(0, ::pread(fd, found.data(), 200, static_cast<off_t>(at)))));
+            ASSERT_EQ(found, expected.substr(at, 200)) << i << " at " << at;
+            ASSERT_EQ(::fstat(fd, &status), 0);
+            ASSERT_EQ(static_cast<std::size_t>(status.st_size), expected.size()) << i;
+        }
+      }
+      ASSERT_EQ(::close(fd), 0);
+      EXPECT_EQ(readFile(mDisk / fs::path(name).filename()), expected);
+    });
+  }
+  for (std::thread& program : programs) program.join();
+  EXPECT_EQ(unmount(), 0) << readFile(mLog);
 }
 
 TEST_F(MountTest, ACopyOutlivesItsHost) {
