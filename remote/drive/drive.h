@@ -32,6 +32,9 @@ struct DriveOptions {
   std::chrono::milliseconds attributeTimeout{1000};
   /// Setting times and owners, which the disk may not be able to, succeeds silently.
   bool quiet = false;
+  /// A close waits until the data is on the disk itself, not only in the hands
+  /// of the host's system.
+  bool syncOnClose = true;
   /// The host serves batches of small files.
   bool smallFiles = true;
   /// Takes sentences for people; from any thread.
@@ -209,6 +212,7 @@ class Drive {
   void answered(Node& node);
   void dropIdle(Node& node);
   void writeFailed(Node& node, const std::string& path);
+  Outcome<Unit> flush(OpenFile& file, bool sync);
   Outcome<Unit> unseenFailure(Lock& lock, OpenFile& file);
   Outcome<Unit> settle(Lock& lock, NodeId node, bool sync);
   void flushLoop();

@@ -184,6 +184,10 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
   fresh.self = at->second.attributes;
   fresh.parent = (*still)->directory->self;
   fresh.dots = (*still)->directory->dots;
+  // It took this directory, so it takes files, and this is how they will look.
+  if ((fresh.self.st_mode & S_IWUSR) != 0) fresh.lastCreation = fresh.confirmed;
+  fresh.created = fresh.self;
+  fresh.created.st_mode = 0777U & ~(mode & ~fresh.self.st_mode);
   return entry;
 }
 

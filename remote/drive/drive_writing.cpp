@@ -171,10 +171,14 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   return Unit{};
 }
 
-Outcome<Unit> Drive::flush(OpenFile& file) {
+Outcome<Unit> Drive::flush(OpenFile& file) { return flush(file, mOptions.syncOnClose); }
+
+Outcome<Unit> Drive::sync(OpenFile& file) { return flush(file, true); }
+
+Outcome<Unit> Drive::flush(OpenFile& file, bool sync) {
   Lock lock(mMutex);
   if (file.mWritable) {
-    const Outcome<Unit> settled = settle(lock, file.mNode, true);
+    const Outcome<Unit> settled = settle(lock, file.mNode, sync);
     if (!settled) return settled;
     // A disk with coarse times may not tell it from what was fetched before.
     if (const Node* node = mTree.find(file.mNode); node != nullptr) {
@@ -184,13 +188,11 @@ Outcome<Unit> Drive::flush(OpenFile& file) {
   return unseenFailure(lock, file);
 }
 
-Outcome<Unit> Drive::sync(OpenFile& file) { return flush(file); }
-
 void Drive::release(OpenFile& file) {
   Lock lock(mMutex);
   Node* node = mTree.find(file.mNode);
   // What was written through a mapping after the last close.
-  if (node->file->handles == 1) static_cast<void>(settle(lock, file.mNode, true));
+  if (node->file->handles == 1) static_cast<void>(settle(lock, file.mNode, mOptions.syncOnClose));
   const bool last = --node->file->handles == 0;
   const bool hidden = last && node->place != nullptr && node->place->second.hidden;
   const NodeId directory = hidden ? node->parent->id : 0;

@@ -13,6 +13,7 @@ void printHelp() {
       "fusermount3 -u MOUNTPOINT, or umount MOUNTPOINT.\n"
       "\n"
       "    -o quiet               setting times and owners succeeds silently\n"
+      "    -o nosync              close does not wait for the disk itself, only for the host\n"
       "    -o uid=N -o gid=N      show all files as this user's and group's\n"
       "    -o umask=OCTAL         show permissions as 0777 without these bits\n"
       "    -o attr_timeout=SEC    what is known of a file counts for so long (1)\n"

@@ -27,7 +27,8 @@ enum Key {
   kAttributeTimeout,
   kTimeout,
   kBandwidth,
-  kStatistics
+  kStatistics,
+  kNoSync,
 };
 
 constexpr fuse_opt option(const char* name, int key) {
@@ -35,12 +36,13 @@ constexpr fuse_opt option(const char* name, int key) {
   return {name, kNoOffset, key};
 }
 
-constexpr std::array<fuse_opt, 11> kOptions{{
+constexpr std::array<fuse_opt, 12> kOptions{{
     option("max_read=", kMaxRead),
     option("uid=", kUid),
     option("gid=", kGid),
     option("umask=", kUmask),
     option("quiet", kQuiet),
+    option("nosync", kNoSync),
     option("attr_timeout=", kAttributeTimeout),
     option("timeout=", kTimeout),
     option("bandwidth=", kBandwidth),
@@ -109,6 +111,9 @@ const char* apply(MountOptions& options, int key, std::string_view value) {
       return options.maxRead != 0 ? nullptr : "give a number of bytes, as in max_read=131072";
     case kQuiet:
       options.quiet = options.presentation.quiet = true;
+      return nullptr;
+    case kNoSync:
+      options.syncOnClose = false;
       return nullptr;
     case kStatistics:
       options.statistics = true;

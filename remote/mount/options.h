@@ -26,6 +26,7 @@ struct MountOptions {
   bool foreground = false;
   bool statistics = false;
   bool quiet = false;
+  bool syncOnClose = true;
   std::chrono::milliseconds attributeTimeout{1000};
   std::chrono::milliseconds timeout{30000};
   std::uint32_t bandwidthKbit = 0;  ///< 0: not announced

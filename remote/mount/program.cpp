@@ -111,6 +111,7 @@ int serve(MountOptions& options, Background& background) {
   DriveOptions driveOptions;
   driveOptions.attributeTimeout = options.attributeTimeout;
   driveOptions.quiet = options.quiet;
+  driveOptions.syncOnClose = options.syncOnClose;
   driveOptions.smallFiles = link.servesSmallFiles();
   driveOptions.report = [](const std::string& sentence) { report(sentence); };
   Drive drive(link, std::move(driveOptions));

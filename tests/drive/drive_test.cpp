@@ -30,7 +30,7 @@ class DriveTest : public ::testing::Test {
     auto link = DurableLink::open(std::move(options));
     ASSERT_TRUE(link) << link.error().message;
     mLink = std::move(*link);
-    mDrive.emplace(*mLink, DriveOptions{attributeTimeout, false, true, {}});
+    mDrive.emplace(*mLink, DriveOptions{.attributeTimeout = attributeTimeout});
   }
   ~DriveTest() override {
     mDrive.reset();

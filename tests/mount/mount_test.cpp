@@ -100,6 +100,8 @@ constexpr const char* kTree =
     "mkdir -p t/a/b 't/with space' t/empty; for i in $(seq 50); do seq $i 9000 > t/a/f$i; done; "
     "head -c 3000000 /dev/urandom > t/a/b/big; echo x > \"t/with space/Grüße\n.txt\"; ";
 
+void PrintTo(const Program& program, std::ostream* out) { *out << program.name; }
+
 class Programs : public MountTest, public ::testing::WithParamInterface<Program> {};
 
 TEST_P(Programs, Work) {
