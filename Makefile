@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) bench bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -26,6 +26,15 @@ bench: setup
 	cmake --preset release -DUDISK_BUILD_BENCH=ON
 	cmake --build --preset release -j $(JOBS) --target udisk_bench
 	build/release/bin/udisk_bench
+
+# The host beside OpenSSH's sftp-server and the bare system calls. Options for the
+# script as in `make bench-peers PEERS='--rounds 3 --works listing'`.
+bench-peers:
+	@scripts/setup.sh drives
+	cmake --preset release -DUDISK_BUILD_BENCH=ON
+	cmake --build --preset release -j $(JOBS) \
+	  --target udisk-host udisk-redir udisk_bench_peers
+	bench/compare-peers --bin build/release/bin $(PEERS)
 
 # Side by side with sshfs, over a slow link; takes a while. Options for the script
 # as in `make bench-drives DRIVES='--runs 1 --files 200 --mib 16'`.

@@ -20,13 +20,14 @@ class Udisk:
 
     name = "udisk-mount"
 
-    def __init__(self, programs):
+    def __init__(self, programs, *options):
         self._programs = programs
+        self._options = ["-o", ",".join(options)] if options else []
         for program in ("udisk-host", "udisk-mount", "slow-link"):
             require(os.path.join(programs, program))
 
     def version(self):
-        return self.name
+        return " ".join([self.name, *self._options])
 
     @contextmanager
     def mounted(self, directory, mount_point, scratch, delay_ms):
@@ -45,7 +46,8 @@ class Udisk:
                              "--listen", reached, "--connect", served]))
                 wait_until(lambda: os.path.exists(reached), relay, "slow-link")
             stack.enter_context(
-                mount([self._program("udisk-mount"), "-f", reached, mount_point], mount_point))
+                mount([self._program("udisk-mount"), "-f", *self._options, reached,
+                       mount_point], mount_point))
             yield
 
     def _program(self, name):

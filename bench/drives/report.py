@@ -1,9 +1,8 @@
-"""The results as tables and as JSON."""
+"""The results as tables."""
 
-import json
-import os
-import platform
 import statistics
+
+from tables import markdown_lines, seconds_text, text_lines
 
 from .work import DIRECTORIES, FILE_SIZE, WORKS
 
@@ -18,10 +17,6 @@ def describe(results):
             f"{', '.join(results['drives'])}")
 
 
-def machine():
-    return {"cores": os.cpu_count(), "system": platform.platform()}
-
-
 def median(results, delay, work, drive):
     runs = results["seconds"].get(delay, {}).get(work, {}).get(drive)
     return statistics.median(runs) if runs else None
@@ -29,14 +24,6 @@ def median(results, delay, work, drive):
 
 def link_name(delay):
     return f"{delay} ms delay each way" if delay != "0" else "no delay"
-
-
-def seconds_text(seconds):
-    if seconds is None:
-        return "-"
-    if seconds < 0.0995:
-        return f"{seconds * 1000:.3g} ms"
-    return f"{seconds:.3g} s" if seconds < 999.5 else f"{seconds:.0f} s"
 
 
 def cell_text(results, work, seconds):
@@ -49,7 +36,7 @@ def cell_text(results, work, seconds):
 def rows(results, delay):
     """The heading and the lines of the table of one delay."""
     drives = results["drives"]
-    compared = len(drives) == 2
+    compared = len(drives) >= 2
     yield ["Work", *drives] + ([f"{drives[1]} / {drives[0]}"] if compared else [])
     for work, name in WORKS.items():
         medians = [median(results, delay, work, drive) for drive in drives]
@@ -62,28 +49,12 @@ def rows(results, delay):
 def as_text(results):
     lines = [describe(results)]
     for delay in results["seconds"]:
-        table = list(rows(results, delay))
-        widths = [max(map(len, column)) for column in zip(*table)]
-        lines += ["", link_name(delay) + ":"]
-        for row in table:
-            cells = [row[0].ljust(widths[0])]
-            cells += [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
-            lines.append("  " + "  ".join(cells).rstrip())
+        lines += ["", link_name(delay) + ":", *text_lines(list(rows(results, delay)))]
     return "\n".join(lines)
 
 
 def as_markdown(results):
     lines = [describe(results) + "."]
     for delay in results["seconds"]:
-        heading, *table = rows(results, delay)
-        lines += ["", f"With {link_name(delay)}:", ""]
-        lines.append("| " + " | ".join(heading) + " |")
-        lines.append("| --- |" + " ---: |" * (len(heading) - 1))
-        lines += ["| " + " | ".join(row) + " |" for row in table]
+        lines += ["", f"With {link_name(delay)}:", "", *markdown_lines(list(rows(results, delay)))]
     return "\n".join(lines)
-
-
-def save(results, path):
-    with open(path, "w", encoding="utf-8") as file:
-        json.dump(results, file, indent=1)
-        file.write("\n")

@@ -1,0 +1,44 @@
+"""Results for people and for programs: what the comparisons share."""
+
+import json
+import os
+import platform
+
+
+def machine():
+    return {"cores": os.cpu_count(), "system": platform.platform()}
+
+
+def seconds_text(seconds):
+    if seconds is None:
+        return "-"
+    if seconds < 0.0000995:
+        return f"{seconds * 1e6:.3g} µs"
+    if seconds < 0.000995:
+        return f"{seconds * 1e6:.0f} µs"
+    if seconds < 0.0995:
+        return f"{seconds * 1000:.3g} ms"
+    return f"{seconds:.3g} s" if seconds < 999.5 else f"{seconds:.0f} s"
+
+
+def text_lines(table):
+    """A list of rows, the heading first, in columns."""
+    widths = [max(map(len, column)) for column in zip(*table)]
+    for row in table:
+        cells = [row[0].ljust(widths[0])]
+        cells += [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
+        yield "  " + "  ".join(cells).rstrip()
+
+
+def markdown_lines(table):
+    heading, *rows = table
+    yield "| " + " | ".join(heading) + " |"
+    yield "| --- |" + " ---: |" * (len(heading) - 1)
+    for row in rows:
+        yield "| " + " | ".join(row) + " |"
+
+
+def save(results, path):
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(results, file, indent=1)
+        file.write("\n")
