@@ -47,8 +47,8 @@ int FileManagerLinux::UdiskGetFileInformation(char* path, udisk_stat* out) {
 
 int FileManagerLinux::UdiskGetFileInformation(const Location& place, udisk_stat* out) {
   struct stat status {};
-  const Location::Entry entry = place.entry();
-  const int result = entry ? ::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) : -1;
+  const UniqueFd fd = place.openItself();
+  const int result = fd ? ::fstat(fd.get(), &status) : -1;
   MORVEL_DEBUG(kLogFrequent, "get_attr stat result: %d", result);
   if (result != 0) {
     MORVEL_ERROR(" lstat failed errno: %s", std::strerror(errno));

@@ -107,7 +107,7 @@ UniqueFd DiskRoot::walk(const char* path, int flags, mode_t mode) const {
         const int slashFlag = slash == std::string_view::npos ? 0 : O_DIRECTORY;
         UniqueFd fd(::openat(top(), name.c_str(), flags | slashFlag | O_NOFOLLOW, mode));
         struct stat status {};
-        if (fd && (flags & O_PATH) != 0 && ::fstat(fd.get(), &status) == 0 &&
+        if (fd && (flags & (O_PATH | O_NOFOLLOW)) == O_PATH && ::fstat(fd.get(), &status) == 0 &&
             S_ISLNK(status.st_mode)) {
           errno = ELOOP;
           return {};
@@ -183,6 +183,10 @@ UniqueFd Location::open(int flags, mode_t mode) const {
   if (mDirectoryOnly) flags |= O_DIRECTORY;
   if (confined()) return mRoot->open(mPath, flags, mode);
   return UniqueFd(retryOnInterrupt([&] { return ::open(mPath, flags | O_CLOEXEC, mode); }));
+}
+
+UniqueFd Location::openItself() const {
+  return open(mDirectoryOnly ? O_PATH : O_PATH | O_NOFOLLOW);
 }
 
 }  // namespace zor

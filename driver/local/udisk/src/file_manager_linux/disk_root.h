@@ -53,7 +53,8 @@ class DiskRoot {
   int checkText(std::string_view remotePath) const noexcept;
 
   /// Opens `path`, relative to the root. Symbolic links are followed as far as
-  /// they stay inside (not at all without openat2).
+  /// they stay inside (not at all without openat2), the last one unless `flags`
+  /// hold O_NOFOLLOW.
   UniqueFd open(const char* path, int flags, mode_t mode = 0) const;
   /// A descriptor for use with the *at calls. It stays valid until the second
   /// next call: two places may be in use at a time.
@@ -108,8 +109,11 @@ class Location {
   };
   Entry entry() const;
 
-  /// Opens the place itself, following symbolic links.
+  /// Opens what the place leads to, following symbolic links.
   UniqueFd open(int flags, mode_t mode = 0) const;
+  /// Opens the place itself, for a look at it: a symbolic link is not followed,
+  /// unless a trailing slash asks for the directory behind it.
+  UniqueFd openItself() const;
 
   /// A trailing slash: only a directory will do.
   bool directoryOnly() const noexcept { return mDirectoryOnly; }
