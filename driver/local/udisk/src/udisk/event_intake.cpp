@@ -6,6 +6,11 @@
 #include "udisk_driver.h"
 
 namespace zor {
+namespace {
+
+constexpr auto kLookOut = std::chrono::microseconds(40);
+
+}  // namespace
 
 int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
   MORVEL_DEBUG(kLogFrequent, "udisk client OnEvent\n");
@@ -17,6 +22,7 @@ int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
   const std::lock_guard lock(mMutex);
   if (mQueue != nullptr && !mStop) {
     g_queue_push_tail(mQueue, packet.release());
+    mQueued.fetch_add(1, std::memory_order_relaxed);
     mCond.notify_one();
   }
   return 0;
@@ -36,9 +42,21 @@ int UDiskDriver::OnEvent(signed char devId, int, unsigned char* /*data*/, int /*
   return -1;
 }
 
+// A remote that waits for each answer sends its next request right behind it:
+// going to sleep and being woken would take longer than a short look-out.
+void UDiskDriver::lookOut() const noexcept {
+  const auto end = std::chrono::steady_clock::now() + kLookOut;
+  while (mQueued.load(std::memory_order_relaxed) == 0 && !mStop &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+}
+
 void UDiskDriver::DataEventHandle() {
+  bool served = false;
   while (true) {
     std::unique_ptr<ZorPacket> packet;
+    if (served) lookOut();
     {
       std::unique_lock lock(mMutex);
       // A stop that came before this wait has already notified.
@@ -54,8 +72,10 @@ void UDiskDriver::DataEventHandle() {
       if (!g_queue_is_empty(mQueue)) {
         MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");
         packet.reset(static_cast<ZorPacket*>(g_queue_pop_head(mQueue)));
+        mQueued.fetch_sub(1, std::memory_order_relaxed);
       }
     }
+    served = packet != nullptr;
     if (packet) mOperator->EventHandle(std::move(packet));
   }
 }

@@ -49,12 +49,14 @@ class UDiskDriver : public ZorRawDriver {
  private:
   friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
 
+  void lookOut() const noexcept;
   void storePolicy(const char* policy) noexcept;
   void stopDataThread();
   void freeQueue();
 
   std::shared_ptr<UDiskOperator> mOperator;
-  GQueue* mQueue = nullptr;  ///< owned ZorPacket*; guarded by mMutex
+  GQueue* mQueue = nullptr;             ///< owned ZorPacket*; guarded by mMutex
+  std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for a look without the lock
   std::condition_variable mCond;
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
