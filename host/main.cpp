@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,10 +19,19 @@ void keepStandardDescriptors() {
   }
 }
 
+// Packets come and go all the time: memory that was given back to the system
+// after each of them would have to be faulted in again for the next.
+void keepFreedMemory() noexcept {
+  constexpr int kKept = 4 << 20;
+  ::mallopt(M_MMAP_THRESHOLD, kKept);
+  ::mallopt(M_TRIM_THRESHOLD, kKept);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   keepStandardDescriptors();
+  keepFreedMemory();
   try {
     return zor::host::runProgram(argc, argv);
   } catch (const std::exception& error) {
