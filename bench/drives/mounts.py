@@ -119,7 +119,7 @@ def wait_until(ready, process, what):
 
 @contextmanager
 def running(command, **streams):
-    """A server that is ended in the end. A session of its own keeps Ctrl-C from
+    """A server that is ended in the end. A process group of its own keeps Ctrl-C from
     ending it before what uses it is unmounted."""
     process = subprocess.Popen(command, start_new_session=True, **streams)
     try:

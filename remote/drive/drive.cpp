@@ -75,6 +75,14 @@ Drive::Lock Drive::lockNames() {
   return lock;
 }
 
+/// Starts what waited for the names.
+void Drive::endRenaming() {
+  mRenaming = false;
+  const std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
+  for (const auto& start : reads) start();
+  mSettled.notify_all();
+}
+
 /// To be called between a wait for an answer and the use of a path.
 void Drive::waitForNames(Lock& lock) {
   mSettled.wait(lock, [this] { return !mRenaming; });
@@ -141,6 +149,15 @@ NodeEntry Drive::enterLocked(Node& directory, Entries::value_type& place) {
   Node& node = mTree.nodeAt(directory, place);
   ++node.references;
   return {node.id, visible(place.second), kernelValidity(directory, place.second)};
+}
+
+/// Of a name that was just made.
+Outcome<NodeEntry> Drive::enterByName(NodeId directory, const std::string& name) {
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const auto at = (*parent)->directory->entries.find(name);
+  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
+  return enterLocked(**parent, *at);
 }
 
 void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result) {

@@ -155,6 +155,7 @@ class Drive {
   // drive.cpp
   Lock lockNames();
   void waitForNames(Lock& lock);
+  void endRenaming();
   Outcome<Node*> directoryNode(NodeId id);
   bool isFresh(const Node& directory, const Entry& entry) const;
   bool isFresh(const Directory& directory) const;
@@ -163,6 +164,7 @@ class Drive {
   std::chrono::nanoseconds kernelValidity(const Node& directory, const Entry& entry) const;
   udisk_stat visible(const Entry& entry) const;
   NodeEntry enterLocked(Node& directory, Entries::value_type& place);
+  Outcome<NodeEntry> enterByName(NodeId directory, const std::string& name);
   void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result);
   void learnSelf(NodeId directory, const Result<udisk_stat>& result);
   Result<udisk_stat> look(Lock& lock, NodeId directory, const std::string& name);

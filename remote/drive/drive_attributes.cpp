@@ -51,10 +51,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
     --node->references;
     if (node->place != nullptr) node->place->second.changing = false;
     mTree.releaseIfUnused(node);
-    mRenaming = false;
-    std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
-    for (auto& start : reads) start();
-    mSettled.notify_all();
+    endRenaming();
   }
   if (!status && length > kTruncateLimit) report(*path + ": " + status.error().message);
   if (!status && status.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};

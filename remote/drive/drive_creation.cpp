@@ -47,12 +47,10 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
     const Outcome<Unit> made = createFile(lock, directory, key, mode, writes);
     if (!made) return made.error();
   }
-  const Outcome<Node*> parent = directoryNode(directory);
-  if (!parent) return parent.error();
-  const auto at = (*parent)->directory->entries.find(key);
-  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
+  const Outcome<NodeEntry> entry = enterByName(directory, key);
+  if (!entry) return entry.error();
   Created result;
-  result.entry = enterLocked(**parent, *at);
+  result.entry = *entry;
   Node& node = *mTree.find(result.entry.node);
   result.open = openNode(node, (flags & O_ACCMODE) != O_RDONLY);
   if (!seen) node.file->created = Clock::now();
@@ -171,19 +169,22 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
     const Outcome<Unit> renamed = renameLocked(lock, directory, made, directory, key);
     if (!renamed) return renamed.error();
   }
-  const Outcome<Node*> still = directoryNode(directory);
-  if (!still) return still.error();
-  const auto at = (*still)->directory->entries.find(key);
-  if (at == (*still)->directory->entries.end()) return Errno{EIO};
-  if (!isDirectory(at->second.attributes)) return Errno{EIO};
-  const NodeEntry entry = enterLocked(**still, *at);
-  Directory& fresh = *mTree.find(entry.node)->directory;
+  const Outcome<NodeEntry> entry = enterByName(directory, key);
+  if (!entry) return entry.error();
+  Node& node = *mTree.find(entry->node);
+  if (!node.directory) {
+    --node.references;
+    mTree.releaseIfUnused(&node);
+    return Errno{EIO};
+  }
+  const Directory& above = *node.parent->directory;
+  Directory& fresh = *node.directory;
   fresh.complete = true;
   fresh.lifetime = mOptions.attributeTimeout;
   fresh.confirmed = fresh.listed = Clock::now();
-  fresh.self = at->second.attributes;
-  fresh.parent = (*still)->directory->self;
-  fresh.dots = (*still)->directory->dots;
+  fresh.self = entry->attributes;
+  fresh.parent = above.self;
+  fresh.dots = above.dots;
   // It took this directory, so it takes files, and this is how they will look.
   if ((fresh.self.st_mode & S_IWUSR) != 0) fresh.lastCreation = fresh.confirmed;
   fresh.created = fresh.self;
@@ -206,11 +207,7 @@ Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_vi
     if (*linked) break;
     if (attempt == kMostAttempts) return Errno{EIO};
   }
-  const Outcome<Node*> parent = directoryNode(directory);
-  if (!parent) return parent.error();
-  const auto at = (*parent)->directory->entries.find(key);
-  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
-  return enterLocked(**parent, *at);
+  return enterByName(directory, key);
 }
 
 /// False: it was lost on the way and is not there.

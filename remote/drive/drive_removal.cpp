@@ -167,14 +167,8 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
   mRenaming = true;
   struct Ending {
     Drive& drive;
-    Lock& lock;
-    ~Ending() {
-      drive.mRenaming = false;
-      std::vector<std::function<void()>> reads = std::exchange(drive.mDeferred, {});
-      for (auto& start : reads) start();
-      drive.mSettled.notify_all();
-    }
-  } ending{*this, lock};
+    ~Ending() { drive.endRenaming(); }
+  } ending{*this};
   for (int attempt = 0;; ++attempt) {
     const Outcome<Node*> source = directoryNode(from);
     if (!source) return source.error();
