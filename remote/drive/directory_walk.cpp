@@ -1,6 +1,7 @@
 #include "drive/directory_walk.h"
 
 #include <algorithm>
+#include <limits>
 #include <numeric>
 
 namespace zor::remote {
@@ -16,13 +17,21 @@ constexpr std::size_t kFurthestBack = 4;
 
 bool DirectoryWalk::follows(const DirectorySnapshot& listing, std::string_view name, bool fixed) {
   if (!begun() || name == mLast) return false;
-  if (near(listing, name)) return true;
-  if (fixed) return false;
-  const WalkOrder before = mOrder;
-  mOrder = before == WalkOrder::kByName ? WalkOrder::kByInode : WalkOrder::kByName;
-  if (near(listing, name)) return true;
-  mOrder = before;
-  return false;
+  if (!fixed) {
+    // A step back in one order may be the very next step in the other.
+    const std::size_t byPresent = stepTo(listing, name);
+    const WalkOrder present = mOrder;
+    mOrder = present == WalkOrder::kByName ? WalkOrder::kByInode : WalkOrder::kByName;
+    if (byPresent <= stepTo(listing, name)) mOrder = present;
+  }
+  return near(listing, name);
+}
+
+/// How far ahead of the last file it is; for one behind, more than any.
+std::size_t DirectoryWalk::stepTo(const DirectorySnapshot& listing, std::string_view name) {
+  const auto last = find(listing, mLast);
+  const auto next = find(listing, name);
+  return last && next && *next > *last ? *next - *last : std::numeric_limits<std::size_t>::max();
 }
 
 bool DirectoryWalk::near(const DirectorySnapshot& listing, std::string_view name) {

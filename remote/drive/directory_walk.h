@@ -34,6 +34,7 @@ class DirectoryWalk {
   const DirectoryItem& at(const DirectorySnapshot& listing, std::size_t position);
 
  private:
+  std::size_t stepTo(const DirectorySnapshot& listing, std::string_view name);
   bool near(const DirectorySnapshot& listing, std::string_view name);
   void sortByInode(const DirectorySnapshot& listing);
 

@@ -124,16 +124,7 @@ Outcome<DirectorySnapshot> Drive::openDirectory(NodeId id) {
   Lock lock = lockNames();
   const Outcome<Unit> fresh = refreshDirectory(lock, id);
   if (!fresh) return fresh.error();
-  Directory& known = *mTree.find(id)->directory;
-  if (known.snapshot == nullptr) {
-    auto items = std::make_shared<std::vector<DirectoryItem>>();
-    items->reserve(known.entries.size());
-    for (const auto& [name, entry] : known.entries) {
-      if (!entry.hidden) items->push_back({name, entry.attributes});
-    }
-    known.snapshot = std::move(items);
-  }
-  return known.snapshot;
+  return snapshotOf(*mTree.find(id)->directory);
 }
 
 NodeEntry Drive::enter(NodeId directory, const DirectoryItem& item) {

@@ -15,6 +15,8 @@ namespace {
 /// change may miss another one that left the same time.
 constexpr std::chrono::seconds kTimeGranularity{3};
 
+constexpr std::size_t kCheapListing = 4096;
+
 std::uint64_t sizeOf(const ReadParts& parts) {
   std::uint64_t size = 0;
   for (const ReadPart& part : parts) size += part.bytes.size();
@@ -121,7 +123,12 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
     begins = !std::exchange(file.mRead, true) && offset == 0;
     if (begins && mOptions.smallFiles && length <= kMaxSmallFile && !node->file->ahead &&
         !entry.hidden) {
-      const DirectorySnapshot listing = node->parent->directory->snapshot;
+      // Changes in a large directory would make it anew for every file.
+      Directory& known = *node->parent->directory;
+      DirectorySnapshot listing = known.snapshot;
+      if (listing == nullptr && known.complete && known.entries.size() < kCheapListing) {
+        listing = snapshotOf(known);
+      }
       const std::string directory = *mTree.path(*node->parent);
       const std::string name = node->place->first;
       const udisk_stat now = entry.attributes;

@@ -156,6 +156,9 @@ inline bool fits(const Entry& entry, const udisk_stat& attributes) {
   return entry.node == nullptr || (entry.node->directory != nullptr) == isDirectory(attributes);
 }
 
+/// The directory as it is known now, made anew when it has changed.
+const DirectorySnapshot& snapshotOf(Directory& directory);
+
 /// The directory in the form in which a host compares it; nothing when it is
 /// too large for that.
 std::optional<Listing> composeListing(const Directory& directory);

@@ -200,6 +200,18 @@ udisk_timespec wallClock() {
   return {seconds.count(), std::chrono::nanoseconds(now - seconds).count()};
 }
 
+const DirectorySnapshot& snapshotOf(Directory& directory) {
+  if (directory.snapshot == nullptr) {
+    auto items = std::make_shared<std::vector<DirectoryItem>>();
+    items->reserve(directory.entries.size());
+    for (const auto& [name, entry] : directory.entries) {
+      if (!entry.hidden) items->push_back({name, entry.attributes});
+    }
+    directory.snapshot = std::move(items);
+  }
+  return directory.snapshot;
+}
+
 std::optional<Listing> composeListing(const Directory& directory) {
   if (!directory.dots || directory.entries.size() > kMostComparable) return std::nullopt;
   constexpr std::size_t kFixed = wire::wireSize<wire::DirEntryRecord>() + 1;
