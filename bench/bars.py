@@ -11,6 +11,7 @@ RIGHT = 80
 BAR = 13
 GAP = 12
 TOP = 96
+KEY_WIDTH = 200  # of a name in the legend
 PANEL_HEAD = 34
 PANEL_FOOT = 44
 COLOURS = ("#2563a8", "#d9822b", "#5a9e6f", "#8a6bb0")
@@ -31,10 +32,10 @@ def draw(title, note, series, panels, absent="failed", labels=200):
              f'<rect width="{WIDTH}" height="{height}" fill="#fff"/>',
              text(20, 30, title, "title"), text(20, 50, note, "small")]
     for index, name in enumerate(series):
-        x = 20 + 160 * index
+        x = 20 + KEY_WIDTH * index
         parts.append(f'<rect x="{x}" y="64" width="14" height="14" fill="{COLOURS[index]}"/>')
         parts.append(text(x + 20, 76, name))
-    parts.append(text(20 + 160 * len(series), 76, "bar: median; line: fastest to slowest run",
+    parts.append(text(20 + KEY_WIDTH * len(series), 76, "bar: median; line: fastest to slowest run",
                       "small"))
     top = TOP
     for heading, rows in panels:

@@ -15,15 +15,13 @@ constexpr std::size_t kFurthestBack = 4;
 
 }  // namespace
 
-bool DirectoryWalk::follows(const DirectorySnapshot& listing, std::string_view name, bool fixed) {
+bool DirectoryWalk::follows(const DirectorySnapshot& listing, std::string_view name) {
   if (!begun() || name == mLast) return false;
-  if (!fixed) {
-    // A step back in one order may be the very next step in the other.
-    const std::size_t byPresent = stepTo(listing, name);
-    const WalkOrder present = mOrder;
-    mOrder = present == WalkOrder::kByName ? WalkOrder::kByInode : WalkOrder::kByName;
-    if (byPresent <= stepTo(listing, name)) mOrder = present;
-  }
+  // A step back in one order may be the very next step in the other.
+  const std::size_t byPresent = stepTo(listing, name);
+  const WalkOrder present = mOrder;
+  mOrder = present == WalkOrder::kByName ? WalkOrder::kByInode : WalkOrder::kByName;
+  if (byPresent <= stepTo(listing, name)) mOrder = present;
   return near(listing, name);
 }
 

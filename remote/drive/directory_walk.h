@@ -23,9 +23,9 @@ class DirectoryWalk {
   WalkOrder order() const noexcept { return mOrder; }
   bool begun() const noexcept { return !mLast.empty(); }
 
-  /// Whether `name` is near behind the file that was read before it. Unless
-  /// `fixed`, another order is tried, too, and kept when it fits.
-  bool follows(const DirectorySnapshot& listing, std::string_view name, bool fixed);
+  /// Whether `name` is near behind the file that was read before it, in the
+  /// order of which this is true; of both, in the one in which it is nearer.
+  bool follows(const DirectorySnapshot& listing, std::string_view name);
 
   void moveTo(std::string_view name) { mLast = name; }
 

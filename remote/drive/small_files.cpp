@@ -138,7 +138,7 @@ bool SmallFiles::State::startsBatch(Directory& directory, const DirectorySnapsho
     }
     directory.nextFiles = kMostBatchFiles;
     unproven = true;
-  } else if (!directory.walk.follows(listing, name, directory.walking)) {
+  } else if (!directory.walk.follows(listing, name)) {
     if (directory.walking && ++directory.strays > directory.used / 2 + kToleratedStrays) {
       stop(directory);
     }
