@@ -125,12 +125,16 @@ def running(command, **streams):
     try:
         yield process
     finally:
-        process.terminate()
-        try:
-            process.wait(END_SECONDS)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
+        end(process)
+
+
+def end(process):
+    process.terminate()
+    try:
+        process.wait(END_SECONDS)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
 
 
 @contextmanager
@@ -149,12 +153,7 @@ def mount(command, mount_point, **streams):
     finally:
         if process.poll() is None:
             subprocess.run(["fusermount3", "-uz", mount_point], stderr=subprocess.DEVNULL)
-            process.terminate()
-            try:
-                process.wait(END_SECONDS)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
+            end(process)
 
 
 def unmount(mount_point):
