@@ -47,8 +47,7 @@ int FileManagerLinux::UdiskGetFileInformation(char* path, udisk_stat* out) {
 
 int FileManagerLinux::UdiskGetFileInformation(const Location& place, udisk_stat* out) {
   struct stat status {};
-  const UniqueFd fd = place.openItself();
-  const int result = fd ? ::fstat(fd.get(), &status) : -1;
+  const int result = place.look(status);
   MORVEL_DEBUG(kLogFrequent, "get_attr stat result: %d", result);
   if (result != 0) {
     MORVEL_ERROR(" lstat failed errno: %s", std::strerror(errno));

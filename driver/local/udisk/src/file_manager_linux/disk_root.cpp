@@ -123,6 +123,10 @@ UniqueFd DiskRoot::walk(const char* path, int flags, mode_t mode) const {
   }
 }
 
+void DiskRoot::forgetParents() noexcept {
+  for (Parent& known : mParents) known.fd.reset();
+}
+
 int DiskRoot::openParent(std::string_view parent) {
   if (parent.empty() || parent == ".") return mFd.get();
   for (const Parent& known : mParents) {
@@ -185,8 +189,15 @@ UniqueFd Location::open(int flags, mode_t mode) const {
   return UniqueFd(retryOnInterrupt([&] { return ::open(mPath, flags | O_CLOEXEC, mode); }));
 }
 
-UniqueFd Location::openItself() const {
-  return open(mDirectoryOnly ? O_PATH : O_PATH | O_NOFOLLOW);
+int Location::look(struct stat& status) const {
+  // Through an open directory it takes one call, but opening one takes two.
+  if (confined() && mError == 0 && !mDirectoryOnly &&
+      (mRoot->expectsMore() || std::strchr(mPath, '/') == nullptr)) {
+    const Entry at = entry();
+    return at ? ::fstatat(at.dirFd, at.name, &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) : -1;
+  }
+  const UniqueFd fd = open(mDirectoryOnly ? O_PATH : O_PATH | O_NOFOLLOW);
+  return fd ? ::fstat(fd.get(), &status) : -1;
 }
 
 }  // namespace zor

@@ -1,4 +1,4 @@
-// The mount point of a disk, held open while one request is served, and the
+// The mount point of a disk, held open while requests are served, and the
 // places below it that remote paths name.
 //
 // Nothing that goes through these types leaves the mount point: not by
@@ -29,8 +29,9 @@ struct MountIdentity {
   bool operator==(const MountIdentity&) const = default;
 };
 
-/// One thread at a time. Opened per request and closed with it: a descriptor
-/// that stayed open would keep the disk from being unmounted.
+/// One thread at a time. Opened for a request, or a few that arrived together,
+/// and closed with them: a descriptor that stayed open would keep the disk from
+/// being unmounted.
 class DiskRoot {
  public:
   /// Opens the directory `mountPoint`, of at most 255 bytes. An empty one is
@@ -59,6 +60,12 @@ class DiskRoot {
   /// A descriptor for use with the *at calls. It stays valid until the second
   /// next call: two places may be in use at a time.
   int openParent(std::string_view parent);
+  /// The directories that are open no longer stand for their paths.
+  void forgetParents() noexcept;
+
+  /// More operations will follow: it pays to keep parent directories open.
+  void expectMore() noexcept { mExpectsMore = true; }
+  bool expectsMore() const noexcept { return mExpectsMore; }
 
   /// Makes every root of the process walk paths as on a kernel without openat2.
   static void forceComponentWalk(bool forced) noexcept;
@@ -78,6 +85,7 @@ class DiskRoot {
   int mError = 0;
   std::array<Parent, 2> mParents;
   std::size_t mNextParent = 0;
+  bool mExpectsMore = false;
 };
 
 /// A place for a file operation: below a `DiskRoot`, or a complete local path
@@ -111,9 +119,9 @@ class Location {
 
   /// Opens what the place leads to, following symbolic links.
   UniqueFd open(int flags, mode_t mode = 0) const;
-  /// Opens the place itself, for a look at it: a symbolic link is not followed,
-  /// unless a trailing slash asks for the directory behind it.
-  UniqueFd openItself() const;
+  /// Looks at the place itself: a symbolic link is not followed, unless a
+  /// trailing slash asks for the directory behind it. 0, or -1 with errno.
+  int look(struct stat& status) const;
 
   /// A trailing slash: only a directory will do.
   bool directoryOnly() const noexcept { return mDirectoryOnly; }

@@ -33,7 +33,7 @@ int check_microsoft_suffix(char* path) {
 int UDiskOperator::file_truncate(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::TruncateRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   std::string local = disk.localPath(request.path().text);
   std::uint64_t length = request.record.length;
   MORVEL_DEBUG(kLogDebug, "file_truncate full path: %s,name len:%d,offset:%llu\n", local.c_str(),
@@ -51,7 +51,7 @@ int UDiskOperator::file_truncate(unsigned char headerLength, ZorPacket* packet) 
 int UDiskOperator::file_fsync(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::FsyncRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "file_fsync full path: %s,name len:%dlu\n",
                disk.localPath(request.path().text).c_str(),
                static_cast<int>(request.record.pathLength));
@@ -65,7 +65,7 @@ int UDiskOperator::file_fsync(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::file_chmod(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::ChmodRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "file_chmod full path: %s,name len:%d,mode: %d\n",
                disk.localPath(request.path().text).c_str(), request.record.pathLength,
                request.record.mode);
@@ -80,7 +80,7 @@ int UDiskOperator::file_chmod(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::file_chown(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::ChownRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   const auto uid = static_cast<int>(request.record.uid);
   const auto gid = static_cast<int>(request.record.gid);
   MORVEL_DEBUG(kLogDebug, "file_chown full path: %s,name len:%d,uid: %d, gid: %d\n",

@@ -20,7 +20,7 @@ int UDiskOperator::get_file_attr(unsigned char headerLength, ZorPacket* packet) 
     MORVEL_ERROR("get_file_attr path not match\n");
     return -1;
   }
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "get_attr full path: %s\n", disk.localPath(path.text).c_str());
   udisk_stat attributes{};
   const bool found =

@@ -48,6 +48,7 @@ void UDiskOperator::limitReadRate(std::uint32_t count, PeriodStart start) {
   const RatePeriod period = ratePeriod(bandwidth);
   if (mWindowBytes >= period.budget) {
     const std::int64_t pause = ratePause(period, mWindowBytes, mRelishTime);
+    closeDisk();
     if (pause > 0) ::usleep(static_cast<useconds_t>(pause * 1000));
     mWindowBytes = start == PeriodStart::kWithThisRead ? count : 0;
   }

@@ -46,7 +46,7 @@ int UDiskOperator::dir_read(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_ERROR("dir_read dir not match\n");
     return -1;
   }
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogFrequent, "dir_read full path: %s\n", disk.localPath(path.text).c_str());
   Listing listing;
   mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
@@ -67,7 +67,7 @@ int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_ERROR("check dir not match\n");
     return -1;
   }
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "check dir full path: %s\n", disk.localPath(path.text).c_str());
   Listing listing;
   mFileManager->UdiskReadDir(Location(disk, path.text), &listing);

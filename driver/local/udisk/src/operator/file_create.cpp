@@ -15,7 +15,7 @@ int UDiskOperator::file_create(unsigned char headerLength, ZorPacket* packet) {
   if (!request) return -1;
   wire::FileCreateRecord& record = request.record;
   const PeerString& path = request.path();
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "file_create full path: %s, flag:%x, mode: %x\n",
                disk.localPath(path.text).c_str(), record.flags, record.mode);
   record.fd =

@@ -17,7 +17,7 @@ int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
   wire::FileReadRecord& record = request.record;
   const PeerString& path = request.path();
   limitReadRate(record.size, PeriodStart::kWithThisRead);
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
 
   // The contents are read to where they are sent from.
   Reply answer(*packet, headerLength,

@@ -45,7 +45,7 @@ int UDiskOperator::file_write(unsigned char headerLength, ZorPacket* packet) {
   wire::Bytes data;
   if (!request || !request.data(record.file_buf_length, data)) return -1;
   const PeerString& path = request.path();
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogFrequent,
                "file_write full path: %s, write_header->fuse_length: %d, offset: "
                "%llu,write_header->file_buf_length:%d\n",

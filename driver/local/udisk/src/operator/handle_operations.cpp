@@ -19,7 +19,7 @@ int UDiskOperator::file_flush(unsigned char /*headerLength*/, ZorPacket* packet)
 int UDiskOperator::file_release(unsigned char /*headerLength*/, ZorPacket* packet) {
   const Request<wire::HandleRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "file_release fd: %d, path: %s, mMountPoint: %s\n", request.record.fd,
                std::string(request.path().text).c_str(), disk.localPath("").c_str());
   mFileManager->UdiskRelease(Location(disk, request.path().text));

@@ -8,6 +8,13 @@
 #include "udisk_operator.h"
 
 namespace zor {
+namespace {
+
+// An open mount point keeps the disk from being unmounted and hides that it is
+// gone: both for no longer than nobody notices.
+constexpr auto kLongestHold = std::chrono::milliseconds(2);
+
+}  // namespace
 
 int UDiskOperator::resetRootPath() {
   const std::lock_guard lock(mMountMutex);
@@ -78,13 +85,30 @@ DiskRoot UDiskOperator::openMountPoint() {
   return root;
 }
 
-DiskRoot UDiskOperator::openDisk(const ZorPacket& request) {
-  DiskRoot root = openMountPoint();
-  const Operation* operation = findOperation(request.GetCmd());
-  if (root.error() == 0 && mReadOnly && operation != nullptr && operation->changesDisk) {
-    root.refuse(EROFS);
+bool UDiskOperator::diskIsFresh() {
+  if (std::chrono::steady_clock::now() - mDiskOpened > kLongestHold) return false;
+  const std::lock_guard lock(mMountMutex);
+  return mDiskGeneration == mMountGeneration;
+}
+
+DiskRoot& UDiskOperator::openDisk(const ZorPacket& request) {
+  if (mDisk && !diskIsFresh()) closeDisk();
+  if (!mDisk) {
+    {
+      const std::lock_guard lock(mMountMutex);
+      mDiskGeneration = mMountGeneration;
+    }
+    mDisk.emplace(openMountPoint());
+    if (mInBurst) {
+      mDisk->expectMore();
+      mDiskOpened = std::chrono::steady_clock::now();
+    }
   }
-  return root;
+  const Operation* operation = findOperation(request.GetCmd());
+  if (mDisk->error() == 0 && mReadOnly && operation != nullptr && operation->changesDisk) {
+    mDisk->refuse(EROFS);
+  }
+  return *mDisk;
 }
 
 std::string UDiskOperator::GetRemoteMountPoint() {

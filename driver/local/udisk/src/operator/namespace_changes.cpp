@@ -13,7 +13,7 @@ namespace zor {
 int UDiskOperator::make_dir(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::MakeDirRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "make dir full path: %s,path len:%d, mode: %d\n",
                disk.localPath(request.path().text).c_str(), request.record.pathLength,
                request.record.mode);
@@ -32,7 +32,7 @@ int UDiskOperator::make_dir(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::remove_dir(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::RemoveRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "remove dir full path: %s,name\n",
                disk.localPath(request.path().text).c_str());
   request.record.result = static_cast<std::int16_t>(
@@ -50,7 +50,7 @@ int UDiskOperator::remove_dir(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::set_link(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::TwoPathRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   const auto& [from, to] = request.strings;
   MORVEL_DEBUG(kLogDebug, "set link full from path: %s, to path: %s\n",
                disk.localPath(from.text).c_str(), disk.localPath(to.text).c_str());
@@ -65,7 +65,7 @@ int UDiskOperator::set_link(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::set_unlink(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::RemoveRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "set unlink full from path: %s\n",
                disk.localPath(request.path().text).c_str());
   request.record.result =
@@ -80,7 +80,7 @@ int UDiskOperator::set_unlink(unsigned char headerLength, ZorPacket* packet) {
 int UDiskOperator::set_rename(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::TwoPathRecord> request(*packet);
   if (!request) return -1;
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   const auto& [from, to] = request.strings;
   MORVEL_DEBUG(kLogDebug, "set rename full from path: %s, to path: %s\n",
                disk.localPath(from.text).c_str(), disk.localPath(to.text).c_str());

@@ -48,7 +48,7 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
 
   // Every record is looked at before any file is touched. They are read twice
   // rather than kept: a list of them could be larger than the request.
-  DiskRoot disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(*packet);
   std::uint64_t requested = headerLength;  // what the limiter and the log count
   std::uint64_t names = 0;
   wire::Cursor check = cursor;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -75,6 +76,24 @@ class UDiskOperator : public UdiskOperatorInf {
 
   /// Serves one request (dispatch.cpp). Never throws.
   void EventHandle(std::unique_ptr<ZorPacket> packet) noexcept;
+
+  /// While one exists, the mount point and the directories that were resolved
+  /// stay open from one request to the next, for a moment at most. Only for
+  /// requests that had all arrived before the first of them is served: then
+  /// each is served from what it would have found at some time since it was sent.
+  class Burst {
+   public:
+    explicit Burst(UDiskOperator& op) noexcept : mOperator(op) { mOperator.mInBurst = true; }
+    ~Burst() {
+      mOperator.mInBurst = false;
+      mOperator.closeDisk();
+    }
+    Burst(const Burst&) = delete;
+    Burst& operator=(const Burst&) = delete;
+
+   private:
+    UDiskOperator& mOperator;
+  };
   /// Takes in a bandwidth announcement (bandwidth.cpp). Always 0.
   int BusEventHandle(std::shared_ptr<ZorPacket> packet);
 
@@ -147,11 +166,14 @@ class UDiskOperator : public UdiskOperatorInf {
 
   int resetRootPath();
   std::string mountPoint();
-  /// The mount point, open for the request at hand. Everything below it fails
-  /// when there is no mount point, when another file system shows in its place,
-  /// or when the request would change a read-only disk.
-  DiskRoot openDisk(const ZorPacket& request);
+  /// The mount point, open for the request at hand: valid until the request is
+  /// over, or `closeDisk`. Everything below it fails when there is no mount
+  /// point, when another file system shows in its place, or when the request
+  /// would change a read-only disk.
+  DiskRoot& openDisk(const ZorPacket& request);
+  void closeDisk() noexcept { mDisk.reset(); }
   DiskRoot openMountPoint();
+  bool diskIsFresh();
   int reply(const ZorPacket& request, Reply& reply);
   int echo(const ZorPacket& request);
   int mountEcho(unsigned char headerLength, const Request<wire::MountNameRecord>& request);
@@ -164,7 +186,11 @@ class UDiskOperator : public UdiskOperatorInf {
   char mMountPoint[256] = "/media/";
   std::string mMountDrive;
   std::list<LabelRecord> mStatvfsList;
-  std::int32_t mDiskChanged = 0;  ///< data-event thread only
+  std::int32_t mDiskChanged = 0;  ///< data-event thread only, as the next four
+  bool mInBurst = false;
+  std::optional<DiskRoot> mDisk;  ///< the mount point, held open
+  std::uint64_t mDiskGeneration = 0;
+  std::chrono::steady_clock::time_point mDiskOpened;
   std::atomic<std::uint32_t> mBandwidth{0};
   std::atomic<std::int64_t> mReadTime{0};
   std::atomic<std::int64_t> mBandwidthTime{0};

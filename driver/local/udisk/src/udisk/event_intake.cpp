@@ -1,5 +1,8 @@
 // From the framework's threads to the data-event thread.
+#include <algorithm>
 #include <chrono>
+#include <optional>
+#include <utility>
 
 #include "morvel_log.h"
 #include "operator/udisk_operator.h"
@@ -9,6 +12,7 @@ namespace zor {
 namespace {
 
 constexpr auto kLookOut = std::chrono::microseconds(40);
+constexpr int kMostTrust = 16;
 
 }  // namespace
 
@@ -43,40 +47,55 @@ int UDiskDriver::OnEvent(signed char devId, int, unsigned char* /*data*/, int /*
 }
 
 // A remote that waits for each answer sends its next request right behind it:
-// going to sleep and being woken would take longer than a short look-out.
-void UDiskDriver::lookOut() const noexcept {
-  const auto end = std::chrono::steady_clock::now() + kLookOut;
-  while (mQueued.load(std::memory_order_relaxed) == 0 && !mStop &&
-         std::chrono::steady_clock::now() < end) {
-    std::this_thread::yield();
+// going to sleep and being woken would take longer than a short look-out. Where
+// it is in vain, because the remote or the machine has other things to do, it is
+// only tried from time to time.
+void UDiskDriver::lookOut() noexcept {
+  if (mLookOut < 0) {
+    ++mLookOut;
+    return;
   }
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point begin = Clock::now();
+  Clock::duration passed{};
+  while (mQueued.load(std::memory_order_relaxed) == 0 && !mStop && passed < kLookOut) {
+    std::this_thread::yield();
+    passed = Clock::now() - begin;
+  }
+  mLookOut = passed < kLookOut ? std::min(mLookOut + 1, kMostTrust) : mLookOut - kMostTrust / 2;
+  if (mLookOut < 0) mLookOut = -kMostTrust;
+}
+
+bool UDiskDriver::takeQueue(GQueue& taken) {
+  std::unique_lock lock(mMutex);
+  // A stop that came before this wait has already notified.
+  if (!mStop && g_queue_is_empty(mQueue)) {
+    mCond.wait_for(lock, std::chrono::seconds(1));
+  }
+  taken = std::exchange(*mQueue, GQueue G_QUEUE_INIT);
+  mQueued.store(0, std::memory_order_relaxed);
+  return !mStop;
 }
 
 void UDiskDriver::DataEventHandle() {
   bool served = false;
+  GQueue taken = G_QUEUE_INIT;
+  const auto next = [&taken] {
+    return std::unique_ptr<ZorPacket>(static_cast<ZorPacket*>(g_queue_pop_head(&taken)));
+  };
   while (true) {
-    std::unique_ptr<ZorPacket> packet;
     if (served) lookOut();
-    {
-      std::unique_lock lock(mMutex);
-      // A stop that came before this wait has already notified.
-      if (!mStop && g_queue_is_empty(mQueue)) {
-        mCond.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(1));
-      }
-      if (mStop) {
-        while (!g_queue_is_empty(mQueue)) {
-          packet.reset(static_cast<ZorPacket*>(g_queue_pop_head(mQueue)));
-        }
-        return;
-      }
-      if (!g_queue_is_empty(mQueue)) {
-        MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");
-        packet.reset(static_cast<ZorPacket*>(g_queue_pop_head(mQueue)));
-        mQueued.fetch_sub(1, std::memory_order_relaxed);
-      }
+    bool going = takeQueue(taken);
+    served = !g_queue_is_empty(&taken);
+    std::optional<UDiskOperator::Burst> burst;
+    if (taken.length > 1) burst.emplace(*mOperator);
+    while (std::unique_ptr<ZorPacket> packet = next()) {
+      going = going && !mStop;
+      if (!going) continue;
+      MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");
+      mOperator->EventHandle(std::move(packet));
     }
-    served = packet != nullptr;
-    if (packet) mOperator->EventHandle(std::move(packet));
+    if (!going) return;
   }
 }
 

@@ -49,7 +49,8 @@ class UDiskDriver : public ZorRawDriver {
  private:
   friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
 
-  void lookOut() const noexcept;
+  void lookOut() noexcept;
+  bool takeQueue(GQueue& taken);
   void storePolicy(const char* policy) noexcept;
   void stopDataThread();
   void freeQueue();
@@ -57,6 +58,7 @@ class UDiskDriver : public ZorRawDriver {
   std::shared_ptr<UDiskOperator> mOperator;
   GQueue* mQueue = nullptr;             ///< owned ZorPacket*; guarded by mMutex
   std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for a look without the lock
+  int mLookOut = 0;  ///< data-event thread only: how well it paid; below 0: not now
   std::condition_variable mCond;
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
