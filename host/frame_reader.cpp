@@ -11,6 +11,7 @@ namespace zor::host {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{256} << 10;
+constexpr std::size_t kLarge = std::size_t{16} << 10;
 
 }  // namespace
 
@@ -20,14 +21,20 @@ FrameReader::FrameReader(ReceiveBudget& budget)
 std::span<iovec> FrameReader::space() noexcept {
   if (mPending) {
     mSpace[0] = {mPending->mBuffer->data + mFilled, mHeader.length - mFilled};
-    mSpace[1] = {mBuffer.get(), kBufferSize};
+    mSpace[1] = {mBuffer.get(), window()};
     return mSpace;
   }
   // At most a part of a header is left.
   std::memmove(mBuffer.get(), mBuffer.get() + mBegin, mEnd - mBegin);
   mEnd -= std::exchange(mBegin, 0);
-  mSpace[0] = {mBuffer.get() + mEnd, kBufferSize - mEnd};
+  mSpace[0] = {mBuffer.get() + mEnd, window() - mEnd};
   return std::span(mSpace).first(1);
+}
+
+// What goes through the buffer is copied, so behind a large packet, which is
+// likely to be followed by another one, little is taken in.
+std::size_t FrameReader::window() const noexcept {
+  return mHeader.length > kLarge ? kLarge : kBufferSize;
 }
 
 void FrameReader::commit(std::size_t count) noexcept {

@@ -19,8 +19,7 @@ namespace zor::host {
 /// it has nothing more to give.
 ///
 /// Each byte is copied at most once: a fixed buffer takes in many small packets
-/// at a time, and what is missing of a packet that has begun goes straight to
-/// its place. One thread at a time. The packets may live on any thread, but
+/// at a time, and most of a large one goes straight to its place. One thread at a time. The packets may live on any thread, but
 /// not longer than the budget.
 class FrameReader {
  public:
@@ -58,6 +57,7 @@ class FrameReader {
 
  private:
   Status begin();
+  std::size_t window() const noexcept;
 
   ReceiveBudget& mBudget;
   std::unique_ptr<std::uint8_t[]> mBuffer;
