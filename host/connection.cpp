@@ -67,7 +67,7 @@ void Connection::serve(ZorDriver& driver) {
     return;
   }
   receiveAll(driver);
-  mLink.budget().waitIdle();
+  if (mLink.budget().waitIdle()) mLink.drain();
 }
 
 void Connection::receiveAll(ZorDriver& driver) {

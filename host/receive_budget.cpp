@@ -13,6 +13,7 @@ bool ReceiveBudget::acquire(std::size_t bytes) {
     if (!waitFor(std::max<std::int64_t>(0, std::min(limit - count, limit / 2)))) return false;
   }
   if (mStopped.load()) return false;
+  mPackets.fetch_add(1);
   mInFlight.fetch_add(count);
   return true;
 }
@@ -31,6 +32,7 @@ bool ReceiveBudget::waitFor(std::int64_t level) {
 
 void ReceiveBudget::ReleasePacket(std::size_t bytes) noexcept {
   const auto count = static_cast<std::int64_t>(bytes);
+  if (mPackets.fetch_sub(1) == 1 && mIdle) mIdle();
   const std::int64_t inFlight = mInFlight.fetch_sub(count) - count;
   if (inFlight > mWakeLevel.load()) return;
   const std::lock_guard lock(mMutex);

@@ -5,7 +5,9 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
+#include <utility>
 
 #include "zor_packet.h"
 
@@ -18,14 +20,19 @@ namespace zor::host {
 ///
 /// The bound: packets in flight never take more than `limit` bytes, or one
 /// packet by itself when that is larger. With kDefaultLimit and the largest
-/// packet that is 64 MiB; at most one reply exists beside them, since the
-/// driver serves one request at a time, and it carries at most 64 MiB of a
-/// request's or of files' data. (A listing is as large as its directory.)
+/// packet that is 64 MiB; beside them exist at most the replies that wait in
+/// the outbox and the one that is being made, which carries at most 64 MiB of
+/// a request's or of files' data. (A listing is as large as its directory.)
 class ReceiveBudget final : public PacketBudget {
  public:
   static constexpr std::size_t kDefaultLimit = std::size_t{32} << 20;
 
-  explicit ReceiveBudget(std::size_t limit = kDefaultLimit) noexcept : mLimit(limit) {}
+  /// `idle` is called, on any thread, when the last packet is done with.
+  explicit ReceiveBudget(std::function<void()> idle = {}, std::size_t limit = kDefaultLimit)
+      : mIdle(std::move(idle)), mLimit(limit) {}
+
+  /// How many packets are in flight.
+  std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
 
   /// Waits until `bytes` more may be in flight, and counts them. False when
   /// the budget was stopped; nothing is counted then.
@@ -42,7 +49,9 @@ class ReceiveBudget final : public PacketBudget {
  private:
   bool waitFor(std::int64_t level);
 
+  const std::function<void()> mIdle;
   const std::size_t mLimit;
+  std::atomic<std::size_t> mPackets{0};
   std::atomic<std::int64_t> mInFlight{0};
   std::atomic<std::int64_t> mWakeLevel{-1};  ///< what the receiver waits for; -1: it does not
   std::mutex mMutex;

@@ -12,6 +12,8 @@
 namespace zor::host {
 namespace {
 
+constexpr int kSendBuffer = 1 << 20;
+
 // An echoed request that came in network byte order is again what it was on
 // the wire, its header fields included.
 std::uint32_t lengthOf(const ZorPacket& packet) noexcept {
@@ -26,39 +28,32 @@ bool isAnnouncement(const ZorPacket& packet) noexcept {
 
 }  // namespace
 
-int RemoteLink::send(const ZorPacket& packet) noexcept try {
-  if (!packet.mBuffer || packet.mBuffer->data == nullptr) return -1;
-  const std::uint32_t length = lengthOf(packet);
-  if (length < kPacketHeaderSize || length > packet.mBuffer->capacity) {
+RemoteLink::RemoteLink(UniqueFd socket)
+    : mSocket(std::move(socket)),
+      mBudget([this] { mOutbox.flush(); }),
+      mOutbox(mSocket.get(), mBudget, [this] { end(); }) {
+  // The more the system holds, the less often either side waits for the other.
+  ::setsockopt(mSocket.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+}
+
+int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
+  if (!packet->mBuffer || packet->mBuffer->data == nullptr) return -1;
+  const std::uint32_t length = lengthOf(*packet);
+  if (length < kPacketHeaderSize || length > packet->mBuffer->capacity) {
     spdlog::error("the driver made a packet of length {} that holds {} bytes; it is not sent",
-                  length, packet.mBuffer->capacity);
+                  length, packet->mBuffer->capacity);
     return -1;
   }
-  bool sent = false;
-  {
-    const std::lock_guard lock(mSendMutex);
-    sent = !ended() && sendAll(packet.mBuffer->data, length);
-  }
-  if (!sent) end();
-  if (isAnnouncement(packet)) {
+  const bool announcement = isAnnouncement(*packet);
+  if (!mOutbox.send(std::move(packet), length)) return -1;
+  if (announcement) {
     const std::lock_guard lock(mStateMutex);
     mAnnounced = true;
     mStateCond.notify_all();
   }
-  return sent ? 0 : -1;
+  return 0;
 } catch (...) {
   return -1;
-}
-
-bool RemoteLink::sendAll(const std::uint8_t* data, std::size_t size) noexcept {
-  while (size > 0) {
-    const ssize_t sent = ::send(mSocket.get(), data, size, MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0) return false;
-    data += sent;
-    size -= static_cast<std::size_t>(sent);
-  }
-  return true;
 }
 
 ssize_t RemoteLink::receive(std::span<iovec> space) noexcept {
@@ -78,6 +73,7 @@ void RemoteLink::end() noexcept {
   if (mEnded.exchange(true)) return;
   ::shutdown(mSocket.get(), SHUT_RDWR);
   mBudget.stop();
+  mOutbox.end();
   const std::lock_guard lock(mStateMutex);
   mStateCond.notify_all();
 }

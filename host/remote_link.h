@@ -10,6 +10,7 @@
 #include <mutex>
 #include <span>
 
+#include "outbox.h"
 #include "receive_budget.h"
 #include "support/unique_fd.h"
 #include "zor_packet.h"
@@ -20,12 +21,16 @@ namespace zor::host {
 /// `receive` belongs to one thread; everything else may be called on any.
 class RemoteLink {
  public:
-  explicit RemoteLink(UniqueFd socket) noexcept : mSocket(std::move(socket)) {}
+  /// Throws std::system_error when there is no thread to be had.
+  explicit RemoteLink(UniqueFd socket);
 
-  /// Writes the whole of `packet`, waiting for as long as the remote takes to
-  /// read. 0, or -1 when the packet is malformed or the link has ended; a
-  /// failed write ends the link.
-  int send(const ZorPacket& packet) noexcept;
+  /// Takes over `packet`, to be written soon and whole; waits while the remote
+  /// does not read and much is waiting already. 0, or -1 when the packet is
+  /// malformed or the link has ended; a failed write ends the link.
+  int send(std::unique_ptr<ZorPacket> packet) noexcept;
+
+  /// Waits until everything has been written, or the link has ended.
+  void drain() { mOutbox.drain(); }
 
   /// Receives into `space`. The number of bytes; 0 when the remote has closed
   /// its side or the link has ended; a negative errno value on failure.
@@ -45,15 +50,13 @@ class RemoteLink {
   ReceiveBudget& budget() noexcept { return mBudget; }
 
  private:
-  bool sendAll(const std::uint8_t* data, std::size_t size) noexcept;
-
   const UniqueFd mSocket;
-  ReceiveBudget mBudget;
   std::atomic<bool> mEnded{false};
-  std::mutex mSendMutex;  ///< keeps the packets of different threads apart
   std::mutex mStateMutex;
   std::condition_variable mStateCond;
   bool mAnnounced = false;  ///< guarded by mStateMutex
+  ReceiveBudget mBudget;
+  Outbox mOutbox;
 };
 
 }  // namespace zor::host

@@ -12,7 +12,7 @@ namespace {
 TEST(ReceiveBudget, NeverLetsMoreInFlightThanItsLimit) {
   constexpr std::size_t kLimit = 1000, kCount = 20000;
   const auto sizeOf = [](std::size_t i) { return i % 97 == 0 ? 5 * kLimit : 1 + i * 31 % 700; };
-  ReceiveBudget budget(kLimit);
+  ReceiveBudget budget({}, kLimit);
   std::atomic<std::size_t> taken{0}, sum{0};
   std::thread consumer([&] {
     for (std::size_t i = 0; i < kCount; ++i) {
@@ -33,7 +33,7 @@ TEST(ReceiveBudget, NeverLetsMoreInFlightThanItsLimit) {
 }
 
 TEST(ReceiveBudget, StopEndsEveryWaiting) {
-  ReceiveBudget budget(100);
+  ReceiveBudget budget({}, 100);
   ASSERT_TRUE(budget.acquire(100));
   std::thread waiter([&] { EXPECT_FALSE(budget.acquire(1)); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -29,18 +29,20 @@ struct Pair {
 TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
   Pair pair;
   RemoteLink link{UniqueFd(::dup(pair.host.get()))};
-  ZorPacket odd(20);
+  const auto packet = [](std::uint32_t length) {
+    auto made = std::make_unique<ZorPacket>(20);
+    made->mHeader->length = length;
+    return made;
+  };
   for (const std::uint32_t length : {0U, 15U, 21U, 0xffffffffU}) {
-    odd.mHeader->length = length;
-    EXPECT_EQ(link.send(odd), -1) << length;
+    EXPECT_EQ(link.send(packet(length)), -1) << length;
   }
-  odd.mHeader->length = 20;
-  EXPECT_EQ(link.send(odd), 0) << "a malformed packet does not end the link";
+  EXPECT_EQ(link.send(packet(20)), 0) << "a malformed packet does not end the link";
   EXPECT_EQ(pair.readAll(20)[8], 20);
   EXPECT_FALSE(link.ended() || link.remoteGone());
   pair.remote = UniqueFd();
   EXPECT_TRUE(link.remoteGone());
-  EXPECT_EQ(link.send(odd), -1);
+  EXPECT_EQ(link.send(packet(20)), -1);
   EXPECT_TRUE(link.ended()) << "what is written in part ends the stream";
 }
 
@@ -50,13 +52,13 @@ TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
   constexpr std::size_t kSize = 300000;
   std::vector<std::thread> senders;
   for (const char mark : {'a', 'b', 'c'}) {
-    senders.emplace_back([&link, mark] {
-      ZorPacket packet(kSize);
+    senders.emplace_back([&, mark] {
       const std::string payload(kSize - 16, mark);
-      packet.AppendPayload(payload.data(), static_cast<std::uint32_t>(payload.size()));
-      while (link.send(packet) == 0) {
-      }
-      EXPECT_EQ(link.send(packet), -1);
+      std::unique_ptr<ZorPacket> packet;
+      do {
+        packet = std::make_unique<ZorPacket>(kSize);
+        packet->AppendPayload(payload.data(), static_cast<std::uint32_t>(payload.size()));
+      } while (link.send(std::move(packet)) == 0);
     });
   }
   for (int i = 0; i < 20; ++i) {

@@ -1,0 +1,165 @@
+#include "outbox.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "signals_blocked.h"
+
+namespace zor::host {
+namespace {
+
+constexpr std::size_t kSmall = std::size_t{16} << 10;
+// Writing less is over sooner than another thread has woken up.
+constexpr std::size_t kLarge = std::size_t{256} << 10;
+constexpr std::size_t kMostGathered = std::size_t{64} << 10;
+constexpr std::size_t kMostParts = 64;
+// How long a reply may wait because the next request takes long: between one
+// and two of these.
+constexpr auto kTick = std::chrono::milliseconds(1);
+
+// Writes all of `parts`, which it changes.
+bool writeParts(int socket, iovec* parts, std::size_t count) noexcept {
+  while (count > 0) {
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) return false;
+    auto left = static_cast<std::size_t>(sent);
+    while (count > 0 && left >= parts->iov_len) {
+      left -= parts->iov_len;
+      ++parts;
+      --count;
+    }
+    if (count > 0) {
+      parts->iov_base = static_cast<std::uint8_t*>(parts->iov_base) + left;
+      parts->iov_len -= left;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+Outbox::Outbox(int socket, const ReceiveBudget& budget, std::function<void()> failed)
+    : mSocket(socket), mBudget(budget), mFailed(std::move(failed)) {
+  const SignalsBlocked blocked;
+  mThread = std::thread([this] { run(); });
+}
+
+Outbox::~Outbox() {
+  end();
+  mThread.join();
+}
+
+bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
+  Lock lock(mMutex);
+  mRoom.wait(lock, [&] { return mEnded || !mWriting || mWaitingBytes + size <= kMostWaiting; });
+  if (mEnded) return false;
+  mWaiting.push_back({std::move(packet), size});
+  mWaitingBytes += size;
+  if (mWriting) return true;  // whoever writes takes it along
+  if (mWaitingBytes <= kMostWaiting && mBudget.packets() > 1) {
+    if (size >= kLarge) {
+      mHandedOver = true;
+      mWake.notify_one();
+      return true;
+    }
+    if (size <= kSmall && mWaitingBytes < kMostGathered && mWaiting.size() < kMostParts) {
+      mAnyGathered.store(true, std::memory_order_relaxed);
+      if (!std::exchange(mGathering, true)) mWake.notify_one();
+      return true;
+    }
+  }
+  writeAll(lock);
+  return !mEnded;
+}
+
+void Outbox::flush() {
+  if (!mAnyGathered.load(std::memory_order_relaxed)) return;
+  Lock lock(mMutex);
+  if (!mWriting) writeAll(lock);
+}
+
+void Outbox::drain() {
+  Lock lock(mMutex);
+  if (!mWriting) writeAll(lock);
+  mRoom.wait(lock, [this] { return mEnded || !mWriting; });
+}
+
+void Outbox::end() noexcept {
+  const std::lock_guard lock(mMutex);
+  mEnded = true;
+  mWake.notify_all();
+  mRoom.notify_all();
+}
+
+// REQUIRES: nobody writes.
+void Outbox::writeAll(Lock& lock) {
+  mWriting = true;
+  bool well = true;
+  while (well && !mEnded && !mWaiting.empty()) {
+    mInHand.swap(mWaiting);
+    mWaitingBytes = 0;
+    mHandedOver = false;
+    mAnyGathered.store(false, std::memory_order_relaxed);
+    ++mWrites;
+    lock.unlock();
+    mRoom.notify_all();
+    well = writeItems();
+    mInHand.clear();
+    lock.lock();
+  }
+  mWriting = false;
+  if (!well) mEnded = true;
+  mRoom.notify_all();
+  if (well) return;
+  lock.unlock();
+  mFailed();
+  lock.lock();
+}
+
+bool Outbox::writeItems() noexcept {
+  std::array<iovec, kMostParts> parts;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < mInHand.size(); ++i) {
+    parts[count++] = {mInHand[i].packet->mBuffer->data, mInHand[i].size};
+    if (count < parts.size() && i + 1 < mInHand.size()) continue;
+    if (!writeParts(mSocket, parts.data(), std::exchange(count, 0))) return false;
+  }
+  return true;
+}
+
+void Outbox::run() {
+  Lock lock(mMutex);
+  while (true) {
+    mWake.wait(lock, [this] { return mEnded || mHandedOver || mGathering; });
+    if (mEnded) return;
+    if (mHandedOver) {
+      mHandedOver = false;
+      if (!mWriting) writeAll(lock);
+    } else {
+      waitForTheGathered(lock);
+    }
+  }
+}
+
+// Looks from time to time, which is cheaper than an alarm for every packet.
+void Outbox::waitForTheGathered(Lock& lock) {
+  const std::uint64_t before = mWrites;
+  if (mWake.wait_for(lock, kTick, [this] { return mEnded || mHandedOver; })) return;
+  if (mWrites != before) return;
+  if (mWaiting.empty()) {
+    mGathering = false;
+  } else if (!mWriting) {
+    writeAll(lock);
+  }
+}
+
+}  // namespace zor::host
