@@ -13,9 +13,9 @@
 namespace zor::host {
 namespace {
 
-constexpr std::size_t kSmall = std::size_t{16} << 10;
+constexpr std::size_t kSmallPacket = std::size_t{16} << 10;
 // Writing less is over sooner than another thread has woken up.
-constexpr std::size_t kLarge = std::size_t{256} << 10;
+constexpr std::size_t kLargePacket = std::size_t{256} << 10;
 constexpr std::size_t kMostGathered = std::size_t{64} << 10;
 constexpr std::size_t kMostParts = 64;
 // How long a reply may wait because the next request takes long: between one
@@ -66,12 +66,12 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   mWaitingBytes += size;
   if (mWriting) return true;  // whoever writes takes it along
   if (mWaitingBytes <= kMostWaiting && mBudget.packets() > 1) {
-    if (size >= kLarge) {
+    if (size >= kLargePacket) {
       mHandedOver = true;
       mWake.notify_one();
       return true;
     }
-    if (size <= kSmall && mWaitingBytes < kMostGathered && mWaiting.size() < kMostParts) {
+    if (size <= kSmallPacket && mWaitingBytes < kMostGathered && mWaiting.size() < kMostParts) {
       mAnyGathered.store(true, std::memory_order_relaxed);
       if (!std::exchange(mGathering, true)) mWake.notify_one();
       return true;
