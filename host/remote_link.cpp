@@ -8,11 +8,10 @@
 #include <cstdint>
 
 #include "protocol/commands.h"
+#include "support/send_buffer.h"
 
 namespace zor::host {
 namespace {
-
-constexpr int kSendBuffer = 1 << 20;
 
 // An echoed request that came in network byte order is again what it was on
 // the wire, its header fields included.
@@ -32,8 +31,7 @@ RemoteLink::RemoteLink(UniqueFd socket)
     : mSocket(std::move(socket)),
       mBudget([this] { mOutbox.flush(); }),
       mOutbox(mSocket.get(), mBudget, [this] { end(); }) {
-  // The more the system holds, the less often either side waits for the other.
-  ::setsockopt(mSocket.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+  enlargeSendBuffer(mSocket.get());
 }
 
 int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {

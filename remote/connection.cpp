@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "support/send_buffer.h"
+
 namespace zor::remote {
 
 Result<UniqueFd> connectUnix(const std::string& path, bool mayBlock) {
@@ -28,6 +30,7 @@ Result<UniqueFd> connectUnix(const std::string& path, bool mayBlock) {
     }
     return Error{ErrorKind::kLinkLost, message};
   }
+  enlargeSendBuffer(socket.get());
   return socket;
 }
 

@@ -8,12 +8,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/send_buffer.h"
+
 namespace zor::bench {
 
 ByteStream::ByteStream(UniqueFd socket) : mSocket(std::move(socket)) {
   const timeval limit{30, 0};
   ::setsockopt(mSocket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   ::setsockopt(mSocket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  enlargeSendBuffer(mSocket.get());
 }
 
 std::byte* ByteStream::add(std::size_t count) {
