@@ -112,5 +112,26 @@ TEST_F(ReadTest, AReadThatFillsItsPeriodWaitsUntilItIsOver) {
   EXPECT_EQ(log.all("start limit").size(), 4U);
 }
 
+// Shifting what was noted before is the same as setting the clock.
+TEST_F(ReadTest, AClockThatIsSetProlongsNeitherALimitNorTheSilenceOfReports) {
+  constexpr std::int64_t kHour = 3'600'000;
+  for (const auto& [setBack, limit, event] : {std::tuple{kHour, 1000U, 0U}, {-kHour, 0U, 1U}}) {
+    bandwidth(1000);
+    const std::size_t before = device.traces().size();
+    Peek::bandwidthTime(op) += setBack;
+    Peek::bandwidthTraceTime(op) = getCurrentTime() + setBack;
+    read("/inside.txt", 1);
+    EXPECT_EQ(Peek::bandwidth(op), limit);
+    Peek::bandwidthTime(op) -= 5001;  // so much later
+    read("/inside.txt", 1);
+    EXPECT_EQ(Peek::bandwidth(op), 0U);
+    bandwidth(2000);
+    EXPECT_EQ(device.traces().size(), before + event);
+    Peek::bandwidthTraceTime(op) -= 5001;
+    bandwidth(3000);
+    EXPECT_EQ(device.traces().size(), before + event + 1);
+  }
+}
+
 }  // namespace
 }  // namespace zor::test

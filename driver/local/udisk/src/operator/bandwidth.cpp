@@ -22,6 +22,8 @@ int UDiskOperator::BusEventHandle(std::shared_ptr<ZorPacket> packet) {
 
   mBandwidthTime = getCurrentTime();
   mBandwidthCheckTime = getCurrentTime();
+  // A clock that was set back does not keep reports away until it is back again.
+  mBandwidthTraceTime = std::min(mBandwidthTraceTime, mBandwidthCheckTime);
   if (mBandwidthCheckTime - mBandwidthTraceTime >= kReportIntervalMs && announced != mBandwidth) {
     TraceZorDevice("UDISK_READ_BW_INFO", mDevice, true,
                    UDISK_TRACE_MESSAGE("Udisk read bwinfo:" + std::to_string(announced)), "", "");
@@ -37,7 +39,10 @@ int UDiskOperator::BusEventHandle(std::shared_ptr<ZorPacket> packet) {
 void UDiskOperator::limitReadRate(std::uint32_t count, PeriodStart start) {
   const std::int64_t now = getCurrentTime();
   if (start == PeriodStart::kWithThisRead) mReadTime = now;
-  if (now - mBandwidthTime >= kBandwidthLifetimeMs) mBandwidth = 0;
+  // A clock that was set back does not prolong an announcement: it counts from now.
+  std::int64_t announced = mBandwidthTime;
+  if (now < announced && mBandwidthTime.compare_exchange_strong(announced, now)) announced = now;
+  if (now - announced >= kBandwidthLifetimeMs) mBandwidth = 0;
   const std::uint32_t bandwidth = mBandwidth;
   if (bandwidth == 0) return;
 
