@@ -104,19 +104,21 @@ Listener::Listener(const std::string& path) : mPath(path) {
       fail(path, std::strerror(errno));
     }
   }
-  struct stat bound {};
-  if (::lstat(path.c_str(), &bound) != 0 || ::listen(mSocket.get(), kBacklog) != 0) {
+  mIdentity = UniqueFd(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!mIdentity || ::listen(mSocket.get(), kBacklog) != 0) {
     const int error = errno;
     ::unlink(path.c_str());
     fail(path, std::strerror(error));
   }
-  mDevice = bound.st_dev;
-  mInode = bound.st_ino;
 }
 
-Listener::~Listener() {
+Listener::~Listener() { removePath(); }
+
+void Listener::removePath() noexcept {
+  struct stat own {};
   struct stat found {};
-  if (::lstat(mPath.c_str(), &found) == 0 && found.st_dev == mDevice && found.st_ino == mInode) {
+  if (::fstat(mIdentity.get(), &own) == 0 && ::lstat(mPath.c_str(), &found) == 0 &&
+      found.st_dev == own.st_dev && found.st_ino == own.st_ino) {
     ::unlink(mPath.c_str());
   }
 }

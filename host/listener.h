@@ -1,8 +1,6 @@
 // The socket that remotes connect to.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 #include "support/unique_fd.h"
@@ -24,14 +22,19 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
+  /// Removes the path as the end does. For a process that was split off and has
+  /// kept only `identity` of this object's descriptors.
+  void removePath() noexcept;
+
+  /// Holds the file at the path, so that nobody else's can be taken for it.
+  int identity() const noexcept { return mIdentity.get(); }
   /// Non-blocking.
   int fd() const noexcept { return mSocket.get(); }
 
  private:
   const std::string mPath;
   UniqueFd mSocket;
-  dev_t mDevice = 0;  ///< identity of the file at mPath
-  ino_t mInode = 0;
+  UniqueFd mIdentity;
 };
 
 }  // namespace zor::host

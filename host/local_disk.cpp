@@ -105,6 +105,11 @@ MountedPartition::~MountedPartition() {
   }
 }
 
+void MountedPartition::release() noexcept {
+  if (mService) mService->service.TakeDisk(nullptr);
+  mService.reset();
+}
+
 void MountedPartition::unmount() {
   if (!mService) return;
   ::sync();  // the unmount itself does not wait for what is still in use

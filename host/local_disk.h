@@ -37,6 +37,8 @@ class MountedPartition {
   /// Unmounts and removes the directory. Throws std::runtime_error when the
   /// partition stays mounted. Without a call the destructor does it.
   void unmount();
+  /// Leaves the partition mounted: somebody else unmounts it.
+  void release() noexcept;
 
  private:
   struct Service;

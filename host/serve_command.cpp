@@ -9,13 +9,16 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "cleanup_process.h"
 #include "device_parameters.h"
 #include "host_device.h"
 #include "local_disk.h"
 #include "module_loader.h"
 #include "morvel_log.h"
+#include "sandbox.h"
 #include "server.h"
 #include "signals_blocked.h"
 #include "text.h"
@@ -32,6 +35,7 @@ struct ServeOptions {
   std::string name;
   std::string module;
   std::string logLevel = "info";
+  std::string sandbox = "auto";
   std::string traceFile;
   std::vector<std::string> tracePaths;
   bool readOnly = false;
@@ -52,6 +56,59 @@ const std::map<std::string, LogLevels>& logLevels() {
       {"off", {spdlog::level::off, kLogError + 1}}};
   return levels;
 }
+
+// Nothing: the host keeps the rights that it was started with.
+const std::map<std::string, std::optional<SandboxMode>>& sandboxModes() {
+  static const std::map<std::string, std::optional<SandboxMode>> modes = {
+      {"auto", SandboxMode::kAuto}, {"required", SandboxMode::kRequired}, {"off", std::nullopt}};
+  return modes;
+}
+
+// What is to be done at the end: by the host itself, or by the process that kept
+// the rights for it.
+class Cleanup {
+ public:
+  explicit Cleanup(std::optional<MountedPartition>& mounted) noexcept : mMounted(mounted) {}
+  ~Cleanup() {
+    try {
+      unmount();
+    } catch (const std::exception& error) {
+      spdlog::error("{}", error.what());
+    }
+  }
+  Cleanup(const Cleanup&) = delete;
+  Cleanup& operator=(const Cleanup&) = delete;
+
+  void splitOff(Listener& listener) {
+    CleanupProcess::Steps steps(kStepCount);
+    steps[kRemoveSocket] = [&listener] { listener.removePath(); };
+    if (mMounted) steps[kUnmount] = [this] { mMounted->unmount(); };
+    mProcess.emplace(std::move(steps), listener.identity());
+    mUnmountsElsewhere = mMounted.has_value();
+    if (mMounted) mMounted->release();
+  }
+  void removeSocket() noexcept {
+    try {
+      if (mProcess) mProcess->run(kRemoveSocket);
+    } catch (const std::exception& error) {
+      spdlog::error("the socket is left behind: {}", error.what());
+    }
+  }
+  void unmount() {
+    if (std::exchange(mUnmountsElsewhere, false)) {
+      mProcess->run(kUnmount);
+    } else if (mMounted) {
+      mMounted->unmount();
+    }
+  }
+
+ private:
+  enum Step : std::size_t { kRemoveSocket, kUnmount, kStepCount };
+
+  std::optional<MountedPartition>& mMounted;
+  std::optional<CleanupProcess> mProcess;
+  bool mUnmountsElsewhere = false;
+};
 
 std::string servedDirectory(const std::string& given) {
   std::error_code error;
@@ -92,8 +149,19 @@ void serve(const ServeOptions& options) {
   const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
   const DeviceParameters parameters = makeParameters(directory, name, options.readOnly);
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);
-  runServer(module, base, options.socketPath, directory, [&blocked] { blocked.reset(); });
-  if (mounted) mounted->unmount();
+
+  Cleanup cleanup(mounted);
+  ServerHooks hooks;
+  hooks.listening = [&](Listener& listener) {
+    if (const auto mode = sandboxModes().at(options.sandbox)) {
+      cleanup.splitOff(listener);
+      confine(*mode, directory, options.readOnly);
+    }
+    blocked.reset();
+  };
+  hooks.closed = [&cleanup] { cleanup.removeSocket(); };
+  runServer(module, base, options.socketPath, directory, hooks);
+  cleanup.unmount();
 }
 
 }  // namespace
@@ -115,6 +183,12 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
                       "Name announced to the remote (default: the directory's own)");
   command->add_flag("--read-only", options->readOnly, "Refuse every change");
   command->add_option("--module", options->module, "The driver module to load");
+  command
+      ->add_option("--sandbox", options->sandbox,
+                   "Give up the rights that serving does not need: auto (as much as the kernel "
+                   "has), required (all, or nothing is served), off")
+      ->check(CLI::IsMember({"auto", "required", "off"}))
+      ->capture_default_str();
   command->add_option("--log-level", options->logLevel, "Least level of the lines on stderr")
       ->check(CLI::IsMember(levels))
       ->capture_default_str();

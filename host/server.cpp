@@ -15,7 +15,6 @@
 #include <utility>
 
 #include "connection.h"
-#include "listener.h"
 #include "text.h"
 
 namespace zor::host {
@@ -26,16 +25,18 @@ constexpr auto kAcceptPause = std::chrono::milliseconds(200);
 
 class Server {
  public:
-  Server(const DriverModule& module, std::shared_ptr<HostDevBase> base)
-      : mModule(module), mBase(std::move(base)), mSignals(mContext, SIGINT, SIGTERM) {}
+  Server(const DriverModule& module, std::shared_ptr<HostDevBase> base, const ServerHooks& hooks)
+      : mModule(module),
+        mBase(std::move(base)),
+        mHooks(hooks),
+        mSignals(mContext, SIGINT, SIGTERM) {}
 
-  void run(const std::string& socketPath, const std::string& served,
-           const std::function<void()>& listening) {
+  void run(const std::string& socketPath, const std::string& served) {
     mListener.emplace(socketPath);
     mAcceptor.emplace(mContext, ::fcntl(mListener->fd(), F_DUPFD_CLOEXEC, 0));
     awaitSignal();
     awaitRemote();
-    listening();
+    mHooks.listening(*mListener);
     spdlog::info("serving {} on {}", printable(served), printable(socketPath));
     mContext.run();
   }
@@ -56,6 +57,7 @@ class Server {
     mEnding = true;
     mAcceptor.reset();
     mListener.reset();
+    mHooks.closed();
     mPause.cancel();
     if (mConnection) {
       awaitSignal();
@@ -129,6 +131,7 @@ class Server {
 
   const DriverModule& mModule;
   const std::shared_ptr<HostDevBase> mBase;
+  const ServerHooks& mHooks;
   asio::io_context mContext{1};
   asio::signal_set mSignals;
   asio::steady_timer mPause{mContext};
@@ -142,9 +145,8 @@ class Server {
 }  // namespace
 
 void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base,
-               const std::string& socketPath, const std::string& served,
-               const std::function<void()>& listening) {
-  Server(module, std::move(base)).run(socketPath, served, listening);
+               const std::string& socketPath, const std::string& served, const ServerHooks& hooks) {
+  Server(module, std::move(base), hooks).run(socketPath, served);
 }
 
 }  // namespace zor::host

@@ -1,0 +1,84 @@
+// What a host has given up before it serves.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+
+#include "host_process.h"
+
+namespace host_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SandboxTest : public HostTest {
+ protected:
+  void SetUp() override {
+    if (::syscall(SYS_landlock_create_ruleset, nullptr, 0, 1) < 3) GTEST_SKIP() << "no Landlock";
+  }
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(mDirectory + "/" + name) << text;
+    fs::permissions(mDirectory + "/" + name, fs::perms(0700));
+  }
+};
+
+TEST_F(SandboxTest, AModuleThatWasTakenOverStaysInTheDisk) {
+  ::setenv("ESCAPE", mDirectory.c_str(), 1);
+  fs::create_directories(mDirectory + "/disk/sub");
+  for (const auto& [option, inside, outside] :  // what is possible
+       {std::tuple{"--sandbox=required", 2, 0}, {"--read-only", 0, 0}, {"--sandbox=off", 2, 7}}) {
+    for (const char* name : {"disk/f", "kept"}) write(name, "canary");
+    serve({option, "--module", HOST_MODULES "escape_module.so"});
+    EXPECT_TRUE(Remote(mSocket).closedByHost());
+    EXPECT_EQ(logged("escape "), 9);
+    EXPECT_EQ(logged("inside: possible"), inside);
+    EXPECT_EQ(logged("possible"), inside + outside);
+    EXPECT_EQ(logged("confined to"), outside == 0);
+    ::kill(mPid, SIGTERM);
+    EXPECT_EQ(exitCode(), 0);
+    if (!HasFailure()) fs::remove(mLog);
+  }
+}
+
+// A kernel without Landlock, for this thread and the programs that it starts.
+void forgetLandlock() {
+  sock_filter code[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_landlock_create_ruleset, 0, 1),
+                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program{4, code};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  EXPECT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(SandboxTest, SaysWhatTheKernelLacksAndServesOnlyIfThatIsAllowed) {
+  std::thread([this] {
+    forgetLandlock();
+    launch({"serve", mDirectory + "/disk", "--socket", mSocket, "--sandbox=required"});
+    EXPECT_EQ(exitCode(), 1);
+    EXPECT_EQ(logged("without: Landlock (the kernel: Function not implemented)"), 1);
+    EXPECT_FALSE(fs::exists(mSocket));
+    serve();
+    EXPECT_TRUE(Remote(mSocket).greeted());
+    EXPECT_EQ(logged("confined in part"), 1);
+  }).join();
+}
+
+TEST_F(SandboxTest, UnmountsAtTheEndThoughItCouldNotItself) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make a mount directory";
+  const std::string label = "udisk-sandbox-" + std::to_string(::getpid()),
+                    place = "/media/" + label;
+  write("blkid", "#!/bin/sh\necho '/dev/sdx1: LABEL=\"" + label + "\" TYPE=\"vfat\"'\n");
+  write("mount", "#!/bin/sh\n");
+  write("umount", "#!/bin/sh\necho \"$@\" >>" + mDirectory + "/unmounted\n");
+  ::setenv("PATH", (mDirectory + ":" + ::getenv("PATH")).c_str(), 1);
+  launch({"serve", "--partition", "/dev/sdx1", "--socket", mSocket, "--sandbox=required"});
+  ASSERT_TRUE(eventually([&] { return logged("serving") == 1; }));
+  ::kill(mPid, SIGTERM);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_EQ(slurp(mDirectory + "/unmounted"), place + "\n-l " + place + "\n");
+  EXPECT_FALSE(fs::exists(place));
+}
+
+}  // namespace
+}  // namespace host_test
