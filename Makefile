@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -17,10 +17,18 @@ test: $(PRESETS:%=test-%)
 $(PRESETS:%=test-%): test-%: build-%
 	$(FIXED_LAYOUT) ctest --preset $* -j $(JOBS)
 
-.PHONY: $(PRESETS:%=build-%)
-$(PRESETS:%=build-%): build-%: setup
+.PHONY: $(PRESETS:%=build-%) build-coverage
+$(PRESETS:%=build-%) build-coverage: build-%: setup
 	cmake --preset $* $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 	$(FIXED_LAYOUT) cmake --build --preset $* -j $(JOBS)
+
+# What the tests run of the code: lines and branches per folder.
+coverage:
+	@scripts/setup.sh coverage
+	$(MAKE) build-coverage
+	rm -rf build/coverage/profiles
+	ctest --preset coverage -j $(JOBS)
+	scripts/coverage build/coverage
 
 bench: setup
 	cmake --preset release -DUDISK_BUILD_BENCH=ON

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what building, testing and the demo need and what is not there yet;
-# with the argument `drives` also what the comparison of drives needs.
+# with the argument `drives` also what the comparison of drives needs, and with
+# `coverage` what counts covered lines.
 set -eu
 
 packages="
@@ -11,6 +12,8 @@ packages="
 "
 if [ "${1:-}" = drives ]; then
   packages="$packages python3 sshfs openssh-sftp-server"
+elif [ "${1:-}" = coverage ]; then
+  packages="$packages python3 llvm"
 fi
 
 missing=""
