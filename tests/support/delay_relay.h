@@ -1,13 +1,9 @@
 // Makes a local stream as slow to answer as a long line.
 #pragma once
 
-#include <poll.h>
-
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -56,62 +52,18 @@ class DelayRelay {
   /// Drops all connections at once, with all that is under way.
   void cut();
 
-  /// Removes the socket, so that nothing can connect; connections stay.
-  void stopListening();
-
-  /// Makes the socket again.
-  void resumeListening();
-
   /// Waits until every connection has ended by itself or was cut.
   void waitUntilIdle();
 
  private:
-  using Clock = std::chrono::steady_clock;
-
-  struct Piece {
-    Clock::time_point due;
-    std::string bytes;  ///< none: the end of the data
-  };
-
-  /// One direction; it is over once both descriptors have been given back.
-  struct Direction {
-    UniqueFd in;
-    UniqueFd out;
-    std::deque<Piece> queue{};
-    std::size_t queued = 0;
-    std::size_t sent = 0;  ///< of the first piece
-    bool blocked = false;  ///< `out` took less than was due
-  };
-
-  struct Connection {
-    Direction forth;
-    Direction back;
-  };
-
-  void run();
-  void accept();
-  void pump(Direction& direction);
-  void take(Direction& direction);
-  void give(Direction& direction);
-  void wait(std::unique_lock<std::mutex>& lock);
-  void watch(const Direction& direction, Clock::time_point& due);
-  void wake() const;
-  void dropAll();
+  class Direction;
 
   const std::chrono::nanoseconds mDelay;
-  const std::string mListenPath;
-  const std::string mTargetPath;
-  const UniqueFd mWakeup;
-  std::vector<char> mScratch;  ///< the thread's alone, as is mPolled
-  std::vector<pollfd> mPolled;
-
-  std::mutex mMutex;  ///< held by the thread except while it waits
-  std::condition_variable mIdle;
+  std::string mListenPath;
   UniqueFd mListener;
-  std::list<Connection> mConnections;
-  bool mStop = false;
-
-  std::thread mThread;  ///< the last member: it uses all the others
+  std::mutex mMutex;
+  std::vector<std::unique_ptr<Direction>> mDirections;  ///< two of each connection
+  std::thread mAccepting;
 };
 
 }  // namespace zor::test

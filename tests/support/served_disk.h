@@ -19,7 +19,7 @@ class ServedDisk {
     serve();
   }
   ~ServedDisk() {
-    stop(SIGKILL);
+    stop(SIGTERM);
     if (::testing::Test::HasFailure()) {
       std::fprintf(stderr, "the host:\n%.4000s\n", remote::test::readFile(log()).c_str());
     }
