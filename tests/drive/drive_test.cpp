@@ -147,21 +147,6 @@ TEST_F(DriveTest, OpenFilesSurviveNewNamesAndNone) {
   EXPECT_TRUE(fs::is_empty(mDisk.root()));
 }
 
-TEST_F(DriveTest, LengthsBeyondTheHostsLimitAreMadeTrue) {
-  connect();
-  OpenFile& file = create("large");
-  EXPECT_EQ(write(file, 0, "begin"), 0);
-  const NodeId id = node("large");
-  for (const std::uint64_t length : {std::uint64_t{50} << 20, std::uint64_t{30} << 20,
-                                     std::uint64_t{3}}) {
-    EXPECT_EQ(errnoOf(mDrive->setLength(id, length)), 0);
-    EXPECT_EQ(fs::file_size(mDisk / "large"), length);
-    EXPECT_EQ(mDrive->attributes(id)->attributes.st_size, static_cast<std::int64_t>(length));
-  }
-  EXPECT_EQ(read(file), "beg");
-  mDrive->release(file);
-}
-
 TEST_F(DriveTest, ALostWriteIsToldByTheFileAndAtTheEnd) {
   connect();
   OpenFile& file = create("lost");

@@ -66,9 +66,9 @@ class PartitionsTest : public DiskTest {
   static UDiskInfo partition(const std::string& dev, const std::string& label,
                              const std::string& mountPath = "") {
     UDiskInfo info{};
-    std::snprintf(info.devPath, sizeof info.devPath, "%s", dev.c_str());
-    std::snprintf(info.label, sizeof info.label, "%s", label.c_str());
-    std::snprintf(info.mountPath, sizeof info.mountPath, "%s", mountPath.c_str());
+    dev.copy(info.devPath, sizeof info.devPath - 1);
+    label.copy(info.label, sizeof info.label - 1);
+    mountPath.copy(info.mountPath, sizeof info.mountPath - 1);
     return info;
   }
   /// Hands the service a disk of these partitions, and unmounts it.

@@ -3,7 +3,6 @@
 #include <set>
 
 #include "driver/log_lines.h"
-#include "trace_keys.h"
 #include "zor_tracer.h"
 
 namespace zor::test {
@@ -32,16 +31,6 @@ TEST(Log, TheLevelIsLookedAtBeforeAnyArgument) {
     EXPECT_EQ(evaluated, expected);
     EXPECT_EQ(log.all().size(), static_cast<std::size_t>(expected));
   }
-}
-
-TEST(Trace, TheKeysStandInTheOrderThatAllModulesShare) {
-  std::string keys;
-  for (const char* key : kTraceKeys) keys += std::string(key) + " ";
-  EXPECT_EQ(keys,
-            "zorModule zorVersion eventType event errorCode message vid pid vmid productName "
-            "redirtype morvelPolicy type class status localPolicy remotePolicy autoconnect "
-            "turbousb biz step TimeMs startTs success context desktopId redirTypeList deviceType "
-            "credibility flowLevel flowName zorContext processId vmContextId zor.mounted mounted ");
 }
 
 TEST(Trace, IdsAreSixteenHexDigitsAndIndependent) {

@@ -6,9 +6,9 @@
 #include <sys/un.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <optional>
+
+#include "remote/temporary_directory.h"
 
 namespace zor::host {
 namespace {
@@ -17,12 +17,6 @@ using ::testing::HasSubstr;
 
 class ListenerTest : public ::testing::Test {
  protected:
-  ListenerTest() : mDirectory(::testing::TempDir() + "listener.XXXXXX") {
-    EXPECT_NE(::mkdtemp(mDirectory.data()), nullptr);
-    mPath = mDirectory + "/socket";
-  }
-  ~ListenerTest() override { std::filesystem::remove_all(mDirectory); }
-
   static std::string refusal(const std::string& path) {
     try {
       Listener listener(path);
@@ -41,7 +35,8 @@ class ListenerTest : public ::testing::Test {
     return socket;
   }
 
-  std::string mDirectory, mPath;
+  const remote::test::TemporaryDirectory mHome;
+  const std::string mDirectory = mHome.path(), mPath = mDirectory + "/socket";
 };
 
 TEST_F(ListenerTest, IsItsOwnersAloneAndLeavesNothingBehind) {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <fstream>
+#include "remote/temporary_directory.h"
 
 namespace zor::host {
 namespace {
@@ -12,8 +12,8 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 TEST(DriverModule, RefusesWhatIsNotTheModule) {
-  std::string directory = ::testing::TempDir() + "loader.XXXXXX";
-  ASSERT_NE(::mkdtemp(directory.data()), nullptr);
+  const remote::test::TemporaryDirectory home;
+  const std::string directory = home.path();
   const std::string fifo = directory + "/fifo.so", text = directory + "/text.so";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   std::ofstream(text) << "this is not a shared object";
@@ -36,7 +36,6 @@ TEST(DriverModule, RefusesWhatIsNotTheModule) {
       EXPECT_THAT(error.what(), AllOf(HasSubstr(row.file), HasSubstr(row.why)));
     }
   }
-  std::filesystem::remove_all(directory);
   EXPECT_NO_THROW(DriverModule(HOST_MODULES "late_module.so", "udisk-redir"));
 }
 

@@ -1,11 +1,10 @@
-#include <json/json.h>
-
 #include "host_process.h"
 
 namespace host_test {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 
 TEST_F(HostTest, AnnouncesAndServesTheDirectoryWhateverItsName) {
   const std::string name = "dis\"k \xe9\\";
@@ -29,17 +28,9 @@ TEST_F(HostTest, AnnouncesAndServesTheDirectoryWhateverItsName) {
   ASSERT_TRUE(eventually([&] { return logged("remote left") == 1; }));
   ::kill(mPid, SIGTERM);
   EXPECT_EQ(exitCode(), 0);
-  std::istringstream trace(slurp(mDirectory + "/trace"));
-  std::vector<std::string> events;
-  for (std::string line; std::getline(trace, line);) {
-    Json::Value event;
-    std::istringstream text(line);
-    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &event, nullptr)) << line;
-    events.push_back(event["event"].asString() + event["context"].asString());
-  }
-  EXPECT_THAT(events,
-              ::testing::ElementsAre("LOCAL_UDISK_DRIVER_OPEN", "LOCAL_UDISK_READ_FILE_SUCCESS/f",
-                                     "LOCAL_UDISK_DRIVER_CLOSE"));
+  EXPECT_THAT(slurp(mDirectory + "/trace"),
+              MatchesRegex("[^\n]*DRIVER_OPEN[^\n]*\n[^\n]*\"/f\"[^\n]*READ_FILE_SUCCESS[^\n]*\n"
+                           "[^\n]*DRIVER_CLOSE[^\n]*\n"));
 }
 
 TEST_F(HostTest, DeliversNothingBeforeTheAnnouncementAndBusEventsApart) {
@@ -58,10 +49,7 @@ TEST_F(HostTest, EndsAMalformedConnectionWithOneLine) {
   serve();
   const struct {
     std::string bytes, line;
-  } table[] = {{"\x28", "began with 0x28"},
-               {"GET / HTTP/1.1\r\n", "began with 0x47"},
-               {"\x27\1\x66\0\1\0\0\0\x0f\0\0\0\0\0\0\0"s, "a length of 15 bytes"},
-               {"\x27\1\x66\0\1\0\0\0\1\0\0\4\0\0\0\0"s, "a length of 67108865 bytes"},
+  } table[] = {{"GET / HTTP/1.1\r\n", "began with 0x47"},
                {"\x27\1\0\x66\0\0\0\1\xff\xff\xff\xff\1\0\0\0"s, "a length of 4294967295 bytes"}};
   for (const auto& row : table) {
     const Remote remote(mSocket);

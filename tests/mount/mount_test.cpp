@@ -232,38 +232,31 @@ TEST_F(MountTest, EveryProgramReadsWhatItWroteWhateverOthersRename) {
         const std::string text = std::to_string(random());
         const std::size_t at = random() % (expected.size() + 1);
         std::string found(200, '\0');
-        struct stat status {};
+        const auto renamed = [&](const std::string& to) {
+          ASSERT_EQ(::rename(name.c_str(), to.c_str()), 0);
+          name = to;
+        };
         switch (random() % 5) {
-          case 0: {
-            const int other = ::open(name.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-            ASSERT_EQ(::write(other, text.data(), text.size()), std::ssize(text));
-            ::close(other);
+          case 0:
+            std::ofstream(name, std::ios::app) << text;
             expected += text;
             break;
-          }
           case 1:
-            ASSERT_EQ(::pwrite(fd, text.data(), text.size(), static_cast<off_t>(at)),
-                      std::ssize(text));
+            ASSERT_EQ(::pwrite(fd, text.data(), text.size(), off_t(at)), std::ssize(text));
             expected.resize(std::max(expected.size(), at + text.size()));
             expected.replace(at, text.size(), text);
             break;
           case 2:
-            ASSERT_EQ(::rename(name.c_str(), (name + "x").c_str()), 0);
-            name += 'x';
-            if (name.size() > 100) {
-              ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(at)), 0);
-              expected.resize(at);
-              const std::string shorter = name.substr(0, 60);
-              ASSERT_EQ(::rename(name.c_str(), shorter.c_str()), 0);
-              name = shorter;
-            }
+            renamed(name + 'x');
+            if (name.size() < 100) break;
+            ASSERT_EQ(::ftruncate(fd, off_t(at)), 0);
+            expected.resize(at);
+            renamed(name.substr(0, 60));
             break;
           default:
-            found.resize(static_cast<std::size_t>(
-                std::max<ssize_t>(0, ::pread(fd, found.data(), 200, static_cast<off_t>(at)))));
+            found.resize(std::size_t(std::max(0L, ::pread(fd, found.data(), 200, off_t(at)))));
             ASSERT_EQ(found, expected.substr(at, 200)) << i << " at " << at;
-            ASSERT_EQ(::fstat(fd, &status), 0);
-            ASSERT_EQ(static_cast<std::size_t>(status.st_size), expected.size()) << i;
+            ASSERT_EQ(fs::file_size(name), expected.size()) << i;
         }
       }
       ASSERT_EQ(::close(fd), 0);

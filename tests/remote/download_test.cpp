@@ -2,7 +2,6 @@
 #include "download.h"
 
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,7 +9,8 @@
 #include <map>
 #include <thread>
 
-#include "exchange.h"
+#include "host_packets.h"
+#include "protocol/records.h"
 #include "temporary_directory.h"
 
 namespace zor::remote::cli {
@@ -31,10 +31,7 @@ struct PlayedFile {
 class PlayedHost {
  public:
   explicit PlayedHost(std::map<std::string, PlayedFile> files) : mFiles(std::move(files)) {
-    int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) throw std::bad_alloc();
-    mClientEnd = UniqueFd(fds[0]);
-    mSocket = UniqueFd(fds[1]);
+    std::tie(mClientEnd, mSocket) = test::socketPair();
     mThread = std::thread([this] { serve(); });
   }
   ~PlayedHost() { mThread.join(); }
@@ -42,100 +39,58 @@ class PlayedHost {
   UniqueFd takeClientEnd() { return std::move(mClientEnd); }
 
  private:
-  static PacketHeader header(wire::Command command, std::uint32_t id, std::size_t payload) {
-    return {
-        kPacketMagic, 1, wire::code(command), id, static_cast<std::uint32_t>(16 + payload), 0, {}};
-  }
-
-  void send(wire::Command command, std::uint32_t id, const Buffer& payload) {
-    Buffer packet(wire::encoded(header(command, id, payload.size())));
-    packet.append(payload.bytes());
-    ::send(mSocket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
-  }
-
-  udisk_stat version(PlayedFile& file) {
-    const udisk_stat now = file.versions.front();
+  /// The file's attributes as they travel; nothing of one that is gone.
+  static std::string version(PlayedFile& file) {
+    const auto bytes = wire::encoded(file.versions.front());
+    const bool gone = file.versions.front().st_size < 0;
     if (file.versions.size() > 1) file.versions.erase(file.versions.begin());
-    return now;
+    return gone ? "" : std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   }
 
-  std::optional<Buffer> answer(wire::Command command, wire::Cursor cursor) {
-    using namespace exchange;
-    if (command == wire::Command::kDirRead) {
-      Buffer listing;
+  std::optional<std::string> answer(const test::Packet& request) {
+    using zor::test::le;
+    if (request.cmd == 107) {
+      std::string listing;
       for (auto& [name, file] : mFiles) {
-        const auto length = static_cast<std::uint16_t>(name.size() + 1);
-        listing.append(wire::encoded(wire::DirEntryRecord{version(file), length}));
-        listing.append(std::as_bytes(std::span(name.c_str(), length)));
+        listing += version(file) + le(name.size() + 1, 2) + name + '\0';
       }
-      listing.append(wire::encoded(std::uint8_t{0}));
-      wire::DirRecord record{};
-      record.listingLength = static_cast<std::uint32_t>(listing.size());
-      record.entryCount = static_cast<std::uint16_t>(mFiles.size());
-      Buffer payload = encode(record, {"/"});
-      payload.append(listing.bytes());
-      return payload;
+      return le(0, 8) + le(listing.size() + 1, 4) + le(1, 2) + le(mFiles.size(), 2) + '/' +
+             listing + '\0';
     }
-    const auto path = [&cursor](std::size_t length) {
-      const wire::Bytes bytes = cursor.take(length);
-      return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    };
-    if (command == wire::Command::kGetFileAttr) {
-      wire::FileAttrRecord record{};
-      cursor.get(record);
-      const std::string name = path(record.pathLength);
-      const udisk_stat now = version(mFiles.at(name.substr(1)));
-      record.attrLength = now.st_size < 0 ? 0 : 120;
-      Buffer payload = encode(record, {name});
-      if (now.st_size >= 0) payload.append(wire::encoded(now));
-      return payload;
+    if (request.cmd == 102) {
+      const std::string path = request.bytes.substr(20);
+      const std::string found = version(mFiles.at(path.substr(1)));
+      return le(path.size(), 2) + le(found.size(), 2) + path + found;
     }
     wire::FileReadRecord record{};
-    cursor.get(record);
-    const std::string name = path(record.pathLength);
-    const auto data =
-        mFiles.at(name.substr(1)).read(static_cast<std::uint64_t>(record.offset), record.size);
+    wire::Cursor(std::as_bytes(std::span(request.bytes)).subspan(16)).get(record);
+    const std::string path = request.bytes.substr(40);
+    const auto offset = static_cast<std::uint64_t>(record.offset);
+    const auto data = mFiles.at(path.substr(1)).read(offset, record.size);
     if (!data) return std::nullopt;
-    record.size = static_cast<std::uint32_t>(data->size());
-    Buffer payload = encode(record, {name});
-    payload.append(std::as_bytes(std::span(*data)));
-    return payload;
+    return le(offset, 8) + le(0, 4) + le(data->size(), 4) + le(path.size(), 4) + le(0, 4) + path +
+           *data;
   }
 
   void serve() {
-    send(wire::Command::kMountRemote, wire::kAnnouncementRequestId,
-         Buffer(std::string_view("\0\0\0\0", 4)));
-    PacketReader reader;
-    bool ended = false;
-    while (!ended) {
-      const auto room = reader.room();
-      const ssize_t got = ::recv(mSocket.get(), room[0].iov_base, room[0].iov_len, 0);
-      if (got <= 0) break;
-      Status status = reader.consume(
-          static_cast<std::size_t>(got), [&](const PacketHeader& head, const Buffer& payload) {
-            const auto command = static_cast<wire::Command>(head.cmd);
-            if (command == wire::Command::kMountResponse || ended) return;
-            const auto reply = answer(command, wire::Cursor(payload.bytes()));
-            ended = !reply;
-            if (reply) send(command, head.requestId, *reply);
-          });
-      if (!status) break;
+    test::sendBytes(mSocket.get(), test::hex(test::kAnnouncement));
+    for (auto request = test::takePacket(mSocket.get()); request.cmd != 0;
+         request = test::takePacket(mSocket.get())) {
+      const auto payload = request.cmd == 200 ? "" : answer(request);
+      if (!payload) break;
+      const std::string packet = test::reply(request, *payload);
+      if (request.cmd != 200) ::send(mSocket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
     }
     mSocket.reset();
   }
 
   std::map<std::string, PlayedFile> mFiles;
-  UniqueFd mClientEnd;
-  UniqueFd mSocket;
+  UniqueFd mClientEnd, mSocket;
   std::thread mThread;
 };
 
 udisk_stat attributes(std::int64_t size, std::int64_t time = 1000, std::uint32_t mode = 0100640) {
-  udisk_stat result{};
-  result.st_size = size;
-  result.st_mtim = {time, 5};
-  result.st_mode = mode;
-  return result;
+  return {0, 0, 0, size, 0, 0, 0, {}, {time, 5}, {}, mode, 0, 0, 0};
 }
 
 /// Reads that give at most `most` bytes of `contents` at a time.
@@ -185,46 +140,42 @@ TEST_F(DownloadTest, CopesWithWhatFilesDo) {
   auto attempts = std::make_shared<int>(0);
   const struct {
     const char* why;
-    PlayedFile file;
+    std::vector<udisk_stat> versions;
+    decltype(PlayedFile::read) read;
     std::optional<std::string> expected;
-    const char* message;
+    const char* message = "";
   } kCases[] = {
-      {"reads come in small pieces", {{attributes(2'500'000)}, reading(big, 100'000)}, big, ""},
+      {"reads come in small pieces", {attributes(2'500'000)}, reading(big, 100'000), big},
       {"attributes did not come with the listing",
-       {{attributes(0, 0, 0), attributes(3)}, reading("abc")},
-       "abc",
-       ""},
-      {"grew after it was listed",
-       {{attributes(3), attributes(5, 1001)}, reading("abcde")},
-       "abcde",
-       ""},
-      {"shrank after it was listed",
-       {{attributes(5), attributes(3, 1001)}, reading("abc")},
-       "abc",
-       ""},
+       {attributes(0, 0, 0), attributes(3)},
+       reading("abc"),
+       "abc"},
+      {"grew after it was listed", {attributes(3), attributes(5, 1001)}, reading("abcde"), "abcde"},
+      {"shrank after it was listed", {attributes(5), attributes(3, 1001)}, reading("abc"), "abc"},
       {"changed between two reads",
-       {{attributes(2'500'000), attributes(2'500'000, 1001)},
-        [big, attempts](std::uint64_t offset, std::uint32_t size) {
-          if (offset == 0) ++*attempts;
-          return std::optional(*attempts == 1 ? std::string(size, 'x') : big.substr(offset, size));
-        }},
-       big,
-       ""},
+       {attributes(2'500'000), attributes(2'500'000, 1001)},
+       [big, attempts](std::uint64_t offset, std::uint32_t size) {
+         if (offset == 0) ++*attempts;
+         return std::optional(*attempts == 1 ? std::string(size, 'x') : big.substr(offset, size));
+       },
+       big},
       {"never stays the same",
-       {{attributes(3), attributes(4, 1001), attributes(5, 1002), attributes(6, 1003)},
-        reading("abcdefgh")},
-       std::nullopt,
+       {attributes(3), attributes(4, 1001), attributes(5, 1002), attributes(6, 1003)},
+       reading("abcdefgh"),
+       {},
        "kept changing"},
-      {"vanished", {{attributes(3), attributes(-1)}, reading("")}, std::nullopt, "vanished"},
-      {"cannot be read", {{attributes(3)}, reading("")}, std::nullopt, "cannot read"},
+      {"vanished", {attributes(3), attributes(-1)}, reading(""), {}, "vanished"},
+      {"cannot be read", {attributes(3)}, reading(""), {}, "cannot read"},
       {"became a directory",
-       {{attributes(3), attributes(3, 1000, 040755)}, reading("")},
-       std::nullopt,
+       {attributes(3), attributes(3, 1000, 040755)},
+       reading(""),
+       {},
        "changing"},
-      {"is a pipe", {{attributes(0, 0, 010600)}, reading("")}, std::nullopt, "named pipe"},
+      {"is a pipe", {attributes(0, 0, 010600)}, reading(""), {}, "named pipe"},
   };
   for (const auto& each : kCases) {
-    const bool ok = fetch({{"f", each.file}, {"other", {{attributes(2)}, reading("ok")}}});
+    const bool ok =
+        fetch({{"f", {each.versions, each.read}}, {"other", {{attributes(2)}, reading("ok")}}});
     EXPECT_EQ(ok, each.expected.has_value()) << each.why << ": " << mMessages;
     EXPECT_THAT(mMessages, HasSubstr(each.message)) << each.why;
     EXPECT_EQ(exists(mDirectory / "f"), each.expected.has_value()) << each.why;

@@ -11,8 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/process.h"
-#include "temporary_directory.h"
+#include "support/served_disk.h"
 
 namespace zor::remote::test {
 namespace {
@@ -45,46 +44,26 @@ std::map<std::string, std::string> snapshot(const fs::path& root, bool times) {
 
 class EndToEndTest : public ::testing::Test {
  protected:
-  EndToEndTest() {
-    fs::create_directory(disk());
-    fs::create_directory(mDirectory / "local");
-  }
-  ~EndToEndTest() override {
-    stop(SIGKILL);
-    if (HasFailure()) std::fprintf(stderr, "the host:\n%s", readFile(mDirectory / "log").c_str());
-  }
+  EndToEndTest() { fs::create_directory(mDisk.beside("local")); }
 
-  fs::path disk() const { return mDirectory / "disk"; }
   std::string local(const std::string& name = "") const {
-    return (mDirectory / ("local/" + name)).string();
+    return mDisk.beside("local/" + name).string();
   }
-  std::string socket() const { return (mDirectory / "socket").string(); }
-
-  void serve(const Arguments& more = {}) {
-    Arguments arguments{HOST_PROGRAM, "serve", disk().string(), "--socket", socket()};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    mHost = spawn(arguments, "/dev/null", mDirectory / "log");
-    ASSERT_TRUE(eventually(
-        [this] { return readFile(mDirectory / "log").find("serving") != std::string::npos; }));
-  }
-
-  void stop(int signal) {
-    if (mHost <= 0) return;
-    ::kill(mHost, signal);
-    waitFor(mHost);
-    mHost = -1;
+  void serve(const Arguments& more) {
+    mDisk.stop(SIGTERM);
+    mDisk.serve(more);
   }
 
   pid_t start(Arguments arguments) {
-    arguments.insert(arguments.begin(), {REMOTE_PROGRAM, "--socket", socket()});
-    return spawn(arguments, mDirectory / "out", mDirectory / "err");
+    arguments.insert(arguments.begin(), {REMOTE_PROGRAM, "--socket", mDisk.socket()});
+    return spawn(arguments, mDisk.beside("out"), mDisk.beside("err"));
   }
 
   /// Runs a command to its end; the output is in mOut and mErr.
   int run(const Arguments& arguments) {
     const int status = waitFor(start(arguments));
-    mOut = readFile(mDirectory / "out");
-    mErr = readFile(mDirectory / "err");
+    mOut = readFile(mDisk.beside("out"));
+    mErr = readFile(mDisk.beside("err"));
     return status;
   }
 
@@ -136,16 +115,14 @@ class EndToEndTest : public ::testing::Test {
     EXPECT_LT(status.st_blocks * 512, 2 << 20) << path << " has lost its hole";
   }
 
-  TemporaryDirectory mDirectory;
-  pid_t mHost = -1;
+  zor::test::ServedDisk mDisk;
   std::string mOut;
   std::string mErr;
 };
 
 TEST_F(EndToEndTest, TreesArriveIdentical) {
-  makeTree(disk());
-  serve();
-  const auto expected = snapshot(disk(), true);
+  makeTree(mDisk.root());
+  const auto expected = snapshot(mDisk.root(), true);
   EXPECT_EQ(run({"get", "-r", "/", local("plain")}), 0) << mErr;
   EXPECT_TRUE(snapshot(local("plain"), true) == expected);
   EXPECT_EQ(run({"get", "-r", "--batch", "/", local("batch")}), 0) << mErr;
@@ -156,34 +133,32 @@ TEST_F(EndToEndTest, TreesArriveIdentical) {
 
 TEST_F(EndToEndTest, TreesAreSentIdentical) {
   makeTree(local("tree"));
-  serve();
   const auto expected = snapshot(local("tree"), false);
-  fs::create_directory(disk() / "into");
+  fs::create_directory(mDisk / "into");
   check({{{"put", "-r", local("tree"), "into"}, 0, "", "sent 707 files"},
          {{"put", "-r", local("tree/."), "new"}, 0, "", "sent 707 files"},
          {{"put", local("tree/empty"), "/new/big"}, 0, "", "sent 1 file, 0 bytes"}});
-  EXPECT_TRUE(snapshot(disk() / "into/tree", false) == expected);
-  expectSparse(disk() / "into/tree/sparse");
-  EXPECT_EQ(fs::file_size(disk() / "new/big"), 0U) << "an existing file is replaced";
-  EXPECT_EQ(readFile(disk() / "new/мир/日本語/ファイル"), "hello");
+  EXPECT_TRUE(snapshot(mDisk / "into/tree", false) == expected);
+  expectSparse(mDisk / "into/tree/sparse");
+  EXPECT_EQ(fs::file_size(mDisk / "new/big"), 0U) << "an existing file is replaced";
+  EXPECT_EQ(readFile(mDisk / "new/мир/日本語/ファイル"), "hello");
 }
 
 TEST_F(EndToEndTest, WhatCannotBeCarriedIsNamedAndTheRestArrives) {
-  writeFile(disk() / "file", "contents");
-  fs::create_symlink("file", disk() / "link");
-  ::mkfifo((disk() / "pipe").c_str(), 0600);
+  writeFile(mDisk / "file", "contents");
+  fs::create_symlink("file", mDisk / "link");
+  ::mkfifo((mDisk / "pipe").c_str(), 0600);
   fs::create_symlink("x", local("link"));
   writeFile(local("a"), "a");
-  serve();
   EXPECT_EQ(run({"get", "-r", "/", local("copy")}), 1);
   EXPECT_THAT(mErr, AllOf(HasSubstr("'/link' is left out: a symbolic link"),
                           HasSubstr("'/pipe' is left out: a named pipe"),
                           HasSubstr("fetched 1 file, 8 bytes; 2 failures")));
   EXPECT_EQ(readFile(local("copy/file")), "contents");
-  EXPECT_EQ(run({"put", "-r", mDirectory / "local", local("nothing"), "/"}), 1);
+  EXPECT_EQ(run({"put", "-r", mDisk.beside("local"), local("nothing"), "/"}), 1);
   EXPECT_THAT(mErr, AllOf(HasSubstr("/link' is left out: a symbolic link"),
                           HasSubstr("cannot send '" + local("nothing"))));
-  EXPECT_EQ(readFile(disk() / "local/a"), "a");
+  EXPECT_EQ(readFile(mDisk / "local/a"), "a");
   check({{{"get", "nothing", "file", local()}, 1, "", "cannot fetch '/nothing': no such file"},
          {{"get", "/local", local("x")}, 1, "", "use -r"},
          {{"get", "file", "file", local("x")}, 1, "", "must be a directory"},
@@ -193,15 +168,15 @@ TEST_F(EndToEndTest, WhatCannotBeCarriedIsNamedAndTheRestArrives) {
 }
 
 TEST_F(EndToEndTest, ShowsFiles) {
-  fs::create_directories(disk() / "dir/sub");
-  writeFile(disk() / "dir/b", "bb");
-  writeFile(disk() / "dir/.hidden", "");
-  writeFile(disk() / "a\x1b", "a");
-  fs::create_symlink("dir/b", disk() / "link");
-  fs::create_symlink("/etc/passwd", disk() / "out");
+  fs::create_directories(mDisk / "dir/sub");
+  writeFile(mDisk / "dir/b", "bb");
+  writeFile(mDisk / "dir/.hidden", "");
+  writeFile(mDisk / "a\x1b", "a");
+  fs::create_symlink("dir/b", mDisk / "link");
+  fs::create_symlink("/etc/passwd", mDisk / "out");
   const timespec times[2] = {{0, 0}, {86400, 5}};
-  ::utimensat(AT_FDCWD, (disk() / "dir/b").c_str(), times, 0);
-  ::chmod((disk() / "dir/b").c_str(), 0640);
+  ::utimensat(AT_FDCWD, (mDisk / "dir/b").c_str(), times, 0);
+  ::chmod((mDisk / "dir/b").c_str(), 0640);
   serve({"--name", "My disk"});
   const std::string owner = std::to_string(::getuid()) + " " + std::to_string(::getgid());
   ::setenv("TZ", "UTC", 1);
@@ -228,8 +203,7 @@ TEST_F(EndToEndTest, ShowsFiles) {
 }
 
 TEST_F(EndToEndTest, ChangesFiles) {
-  serve();
-  writeFile(disk() / "f", "data");
+  writeFile(mDisk / "f", "data");
   ::umask(022);
   check({
       {{"mkdir", "a/b"}, 1, "", "use -p"},
@@ -249,24 +223,23 @@ TEST_F(EndToEndTest, ChangesFiles) {
       {{"rm", "none"}, 1, "", "no such file"},
       {{"rm", "-f", "none"}, 0, "", ""},
   });
-  EXPECT_EQ(readFile(disk() / "a/b/f"), "data");
+  EXPECT_EQ(readFile(mDisk / "a/b/f"), "data");
   struct stat status {};
-  ASSERT_EQ(::stat((disk() / "f").c_str(), &status), 0);
+  ASSERT_EQ(::stat((mDisk / "f").c_str(), &status), 0);
   EXPECT_EQ(status.st_nlink, 2U);
   EXPECT_EQ(status.st_mode & 07777U, 01751U);
-  makeTree(disk() / "tree");
-  ::chmod((disk() / "tree/мир/日本語").c_str(), 0755);
-  fs::create_symlink("../f", disk() / "tree/link");
+  makeTree(mDisk / "tree");
+  ::chmod((mDisk / "tree/мир/日本語").c_str(), 0755);
+  fs::create_symlink("../f", mDisk / "tree/link");
   check({{{"rm", "-r", "tree", "none"}, 1, "", "removed 713 names; 1 failure"},
          {{"rm", "-r", "a", "f"}, 0, "", ""}});
-  EXPECT_TRUE(fs::is_empty(disk()));
+  EXPECT_TRUE(fs::is_empty(mDisk.root()));
 }
 
 TEST_F(EndToEndTest, LengthsBeyondTheHostsLimitAreExact) {
-  serve();
   const std::string contents(std::size_t{12} << 20, 'x');
   for (const char* name : {"f.txt", "f.doc", "f"}) {
-    const fs::path path = disk() / name;
+    const fs::path path = mDisk / name;
     writeFile(path, contents);
     check({{{"truncate", "-s", "11M", name}, 0, "", ""}});
     EXPECT_TRUE(readFile(path) == contents.substr(0, 11 << 20)) << name;
@@ -277,14 +250,14 @@ TEST_F(EndToEndTest, LengthsBeyondTheHostsLimitAreExact) {
     check({{{"truncate", "-s", "2K", name}, 0, "", ""}});
     EXPECT_EQ(fs::file_size(path), 2048U) << name;
   }
-  EXPECT_EQ(std::distance(fs::directory_iterator(disk()), {}), 3) << "no other name stays";
+  EXPECT_EQ(std::distance(fs::directory_iterator(mDisk.root()), {}), 3) << "no other name stays";
   check({{{"truncate", "-s", "1", "none"}, 1, "", "no such file"},
          {{"truncate", "-s", "1", "/"}, 1, "", "only regular files"},
          {{"truncate", "-s", "1X", "f"}, 2, "", "is not a size"}});
 }
 
 TEST_F(EndToEndTest, ReadOnlyDisksAreLeftAlone) {
-  writeFile(disk() / "f", "data");
+  writeFile(mDisk / "f", "data");
   writeFile(local("g"), "");
   serve({"--read-only"});
   const Arguments changes[] = {
@@ -293,37 +266,37 @@ TEST_F(EndToEndTest, ReadOnlyDisksAreLeftAlone) {
       {"chown", "1", "f"},      {"sync", "f"},    {"truncate", "-s1", "f"}};
   for (const Arguments& change : changes) check({{change, 1, "", "is read-only"}});
   check({{{"cat", "f"}, 0, "data", ""}});
-  EXPECT_EQ(std::distance(fs::directory_iterator(disk()), {}), 1);
+  EXPECT_EQ(std::distance(fs::directory_iterator(mDisk.root()), {}), 1);
 }
 
 TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
-  check({{{"ls"}, 1, "", "is it running with this socket?"}});
-  check({{{}, 2, "", "subcommand"},
+  mDisk.stop(SIGTERM);
+  check({{{"ls"}, 1, "", "is it running with this socket?"},
+         {{}, 2, "", "subcommand"},
          {{"frobnicate"}, 2, "", ""},
          {{"cat"}, 2, "", "PATH is required"},
          {{"get", "one"}, 2, "", "SRC DEST"},
          {{"--bandwidth", "0", "ls"}, 2, "", "--bandwidth"},
          {{"chmod", "8", "f"}, 2, "", "octal"}});
   EXPECT_EQ(run({"--help"}), 0);
-  serve();
+  mDisk.serve();
   const pid_t watcher = start({"watch", "/"});
   ASSERT_TRUE(eventually(
-      [this] { return readFile(mDirectory / "log").find("connected") != std::string::npos; }));
+      [this] { return readFile(mDisk.beside("log")).find("connected") != std::string::npos; }));
   check({{{"ls"}, 1, "", "it serves one remote side at a time"}});
   ::kill(watcher, SIGTERM);
   waitFor(watcher);
 }
 
 TEST_F(EndToEndTest, WatchReportsWhatChanges) {
-  writeFile(disk() / "changes", "1");
-  writeFile(disk() / "goes", "");
-  serve();
+  writeFile(mDisk / "changes", "1");
+  writeFile(mDisk / "goes", "");
   const pid_t watcher = start({"watch", "/"});
   std::this_thread::sleep_for(500ms);
-  fs::remove(disk() / "goes");
-  writeFile(disk() / "comes", "");
-  writeFile(disk() / "changes", "22");
-  const auto printed = [this] { return readFile(mDirectory / "out"); };
+  fs::remove(mDisk / "goes");
+  writeFile(mDisk / "comes", "");
+  writeFile(mDisk / "changes", "22");
+  const auto printed = [this] { return readFile(mDisk.beside("out")); };
   EXPECT_TRUE(eventually([&] { return printed().size() >= 22; }));
   EXPECT_EQ(printed(), "~changes\n-goes\n+comes\n");
   ::kill(watcher, SIGTERM);
@@ -331,34 +304,32 @@ TEST_F(EndToEndTest, WatchReportsWhatChanges) {
 }
 
 TEST_F(EndToEndTest, InterruptedOrAbandonedFetchesLeaveNothingHalf) {
-  writeFile(disk() / "big", std::string(std::size_t{40} << 20, 'x'));
-  serve();
-  const auto begun = [this] { return !fs::is_empty(mDirectory / "local"); };
+  writeFile(mDisk / "big", std::string(std::size_t{40} << 20, 'x'));
+  const auto begun = [this] { return !fs::is_empty(local()); };
   const Arguments slowly{"--bandwidth", "9000", "get", "big", local()};
   pid_t get = start(slowly);
   ASSERT_TRUE(eventually(begun));
   ::kill(get, SIGTERM);
   EXPECT_EQ(waitFor(get), -SIGTERM);
-  EXPECT_TRUE(fs::is_empty(mDirectory / "local"));
+  EXPECT_TRUE(fs::is_empty(local()));
 
   get = start(slowly);
   ASSERT_TRUE(eventually(begun));
-  stop(SIGKILL);
+  mDisk.stop(SIGKILL);
   EXPECT_EQ(waitFor(get), 1);
-  EXPECT_TRUE(fs::is_empty(mDirectory / "local"));
-  EXPECT_THAT(readFile(mDirectory / "err"), HasSubstr("stopped: the host closed the connection"));
+  EXPECT_TRUE(fs::is_empty(local()));
+  EXPECT_THAT(readFile(mDisk.beside("err")), HasSubstr("stopped: the host closed the connection"));
 }
 
 TEST_F(EndToEndTest, EndsQuietlyWhenNobodyReads) {
-  writeFile(disk() / "big", std::string(std::size_t{8} << 20, 'x'));
-  serve();
-  const std::string command = std::string(REMOTE_PROGRAM) + " --socket " + socket() +
-                              " cat big 2>" + (mDirectory / "err").string();
+  writeFile(mDisk / "big", std::string(std::size_t{8} << 20, 'x'));
+  const std::string command = std::string(REMOTE_PROGRAM) + " --socket " + mDisk.socket() +
+                              " cat big 2>" + mDisk.beside("err").string();
   FILE* pipe = ::popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr);
   EXPECT_EQ(std::fgetc(pipe), 'x');
   ::pclose(pipe);
-  EXPECT_EQ(readFile(mDirectory / "err"), "");
+  EXPECT_EQ(readFile(mDisk.beside("err")), "");
 }
 
 }  // namespace

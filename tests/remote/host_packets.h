@@ -30,6 +30,12 @@ struct Packet {
   std::string bytes;  ///< the whole packet
 };
 
+inline std::pair<UniqueFd, UniqueFd> socketPair() {
+  int fds[2];
+  EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+  return {UniqueFd(fds[0]), UniqueFd(fds[1])};
+}
+
 inline UniqueFd listenAt(const std::string& path) {
   sockaddr_un address{AF_UNIX, {}};
   path.copy(address.sun_path, sizeof address.sun_path - 1);

@@ -1,30 +1,15 @@
 // Bytes written out by hand.
 #pragma once
 
-#include <cstddef>
-#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "driver/wire_text.h"
 
 namespace zor::remote::test {
 
-/// "27 01" and 'text' pieces, in any order: hex("02 00 '/a'").
-inline std::string hex(std::string_view text) {
-  std::string bytes;
-  bool quoted = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\'') {
-      quoted = !quoted;
-    } else if (quoted) {
-      bytes += text[i];
-    } else if (text[i] != ' ') {
-      bytes += static_cast<char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16));
-      ++i;
-    }
-  }
-  return bytes;
-}
+/// What is typed in hexadecimal pairs and 'text'.
+inline std::string hex(std::string_view typed) { return zor::test::wire(typed); }
 
 /// The bytes of a `udisk_stat` with a value of its own in every field: a
 /// regular file of 5 bytes with mode 0644.

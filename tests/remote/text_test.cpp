@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "remote_path.h"
-#include "set_length.h"
 
 namespace zor::remote::cli {
 namespace {
@@ -47,15 +46,6 @@ TEST(RemotePathTest, PathsAreMadeNormal) {
   EXPECT_EQ(parentPath("/a"), "/");
   EXPECT_EQ(baseName("/a/b"), "b");
   EXPECT_EQ(joinPath("/", "a"), "/a");
-}
-
-TEST(SetLengthTest, KnowsWhichNamesHaveNoLimit) {
-  for (const char* name : {"/a.doc", "/a.docx", "/a.tmp", "/b.x/a.pptm", "/a.doc/file"}) {
-    EXPECT_TRUE(hasUnlimitedName(name)) << name;
-  }
-  for (const char* name : {"/a.txt", "/a.DOC", "/adoc", "/a.do", "/a.doc.gz", "/a.doc/file.txt"}) {
-    EXPECT_FALSE(hasUnlimitedName(name)) << name;
-  }
 }
 
 }  // namespace
