@@ -35,20 +35,26 @@ INSTANTIATE_TEST_SUITE_P(Disk, ConfinementTest, testing::Bool(),
 
 TEST_P(ConfinementTest, NoPathLeadsOutside) {
   const auto before = snapshot(base);
-  for (const Probe& probe : kProbes) {
-    for (const char* way :
-         {"/../outside/", "/sub/../../outside/", "//sub/./deep/..//../../outside/", "../outside/",
-          "/../disk-sibling/", "-sibling/", "/out/", "/rel/", "/in/rel/", "/sub/up/outside/",
-          "/sub/up/disk-sibling/", "/sub/back/../outside/", "/in/../outside/", "/out/../disk/",
-          "\\..\\outside\\"}) {
-      expectFailure(probe, way + probe.leaf());
-    }
-    expectFailure(probe, "/../../../../../.." + outside + "/" + probe.leaf());
-    expectFailure(probe, "/link-" + probe.leaf() + "/");
-    if (probe.followsLink) expectFailure(probe, "/link-" + probe.leaf());
-    if (probe.cmd == 114) {  // takes a backslash for a separator
-      expectFailure(probe, "/sub\\..\\..\\outside\\fresh");
-      expectFailure(probe, "/..\\outside\\fresh");
+  for (const std::string mountPoint : {"/disk", "/disk/"}) {
+    op.SetRootPath((base + mountPoint).data(), std::string().data());
+    for (const Probe& probe : kProbes) {
+      for (const char* way :
+           {"/../outside/", "/sub/../../outside/", "//sub/./deep/..//../../outside/", "../outside/",
+            "/../disk-sibling/", "/out/", "/rel/", "/in/rel/", "/sub/up/outside/",
+            "/sub/up/disk-sibling/", "/sub/back/../outside/", "/in/../outside/", "/out/../disk/"}) {
+        expectFailure(probe, way + probe.leaf());
+      }
+      expectFailure(probe, "/../../../../../.." + outside + "/" + probe.leaf());
+      expectFailure(probe, "/link-" + probe.leaf() + "/");
+      if (probe.followsLink) expectFailure(probe, "/link-" + probe.leaf());
+      expectFailure(probe, "/" + std::string(5000, 'x'));               // longer than any path
+      for (const std::string way : {"-sibling/", "\\..\\outside\\"}) {  // else names of the disk
+        if (mountPoint == "/disk") expectFailure(probe, way + probe.leaf());
+      }
+      if (probe.cmd == 114) {  // takes a backslash for a separator
+        expectFailure(probe, "/sub\\..\\..\\outside\\fresh");
+        expectFailure(probe, "/..\\outside\\fresh");
+      }
     }
   }
   EXPECT_EQ(snapshot(base), before);

@@ -1,7 +1,11 @@
 // A disk that is gone, write-protected, or full of files that are none.
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 
@@ -78,11 +82,32 @@ TEST_F(DiskStateTest, SpecialFilesFailAtOnce) {
   EXPECT_EQ(snapshot(disk), before);
 }
 
+TEST_F(DiskStateTest, WhereAFilterForbidsOpenat2PathsAreWalked) {
+  const auto serve = [this] {
+    sock_filter filter[] = {{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+                            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_openat2},
+                            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EPERM},
+                            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW}};
+    const sock_fprog program{4, filter};
+    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) std::exit(2);
+    bool right = true;
+    for (const Probe& probe : kProbes) {
+      right = right && fails(probe, "/rel/" + probe.leaf()) && !fails(probe, "/" + probe.leaf());
+      layOut();
+    }
+    std::exit(right ? 0 : 1);
+  };
+  EXPECT_EXIT(serve(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DiskStateTest, ATraceThatCannotBeMadeCostsNoReply) {
   device.brokenTraces = true;
   device.pathTable->Add("*");
   for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/spare/none/")) << probe.name;
   EXPECT_GT(log.errors("no trace of DEVICE_REDIR_ERROR"), 0U);
+  device.hasBase = false;
+  for (const Probe& probe : kProbes) EXPECT_TRUE(fails(probe, "/spare/none/")) << probe.name;
 }
 
 TEST_F(DiskStateTest, WhatMayHaveChangedTheDiskIsRemembered) {
