@@ -61,8 +61,10 @@ TEST_P(ConfinementTest, NoPathLeadsOutside) {
 }
 
 TEST_P(ConfinementTest, WithoutAMountPointNothingIsReachable) {
-  for (const std::optional<std::string>& label : {std::optional<std::string>(), {""}}) {
-    op.SetRootPath(std::string().data(), label ? std::string(*label).data() : nullptr);
+  // The last would be the root directory if it were cut.
+  using Parts = std::pair<std::string, std::optional<std::string>>;
+  for (auto [letter, label] : {Parts{"", {}}, {"", ""}, {std::string(5000, '/'), ""}}) {
+    op.SetRootPath(letter.data(), label ? label->data() : nullptr);
     for (const Probe& probe : kProbes) {
       expectFailure(probe, outside + "/" + probe.leaf());
       expectFailure(probe, outside.substr(1) + "/" + probe.leaf());

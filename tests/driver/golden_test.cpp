@@ -108,6 +108,8 @@ TEST_F(DiskTest, CommandsWithoutAHandlerAreDroppedWithoutAWord) {
   auto empty = requestOf(102, "");
   empty->mBuffer.reset();
   op.EventHandle(std::move(empty));
+  op.EventHandle(nullptr);
+  op.BusEventHandle(nullptr);
   EXPECT_TRUE(log.all().empty());
 }
 
