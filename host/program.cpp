@@ -42,6 +42,8 @@ int runProgram(int argc, char** argv) {
   // Standard output carries the packet layer's plain lines.
   spdlog::set_default_logger(logger());
   std::signal(SIGPIPE, SIG_IGN);
+  // A file that outgrows the limit of this process is a failed request, not the end.
+  std::signal(SIGXFSZ, SIG_IGN);
   action();
   return 0;
 }
