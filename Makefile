@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) coverage bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -17,8 +17,8 @@ test: $(PRESETS:%=test-%)
 $(PRESETS:%=test-%): test-%: build-%
 	$(FIXED_LAYOUT) ctest --preset $* -j $(JOBS)
 
-.PHONY: $(PRESETS:%=build-%) build-coverage
-$(PRESETS:%=build-%) build-coverage: build-%: setup
+.PHONY: $(PRESETS:%=build-%) build-coverage build-fuzz
+$(PRESETS:%=build-%) build-coverage build-fuzz: build-%: setup
 	cmake --preset $* $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 	$(FIXED_LAYOUT) cmake --build --preset $* -j $(JOBS)
 
@@ -29,6 +29,17 @@ coverage:
 	rm -rf build/coverage/profiles
 	ctest --preset coverage -j $(JOBS)
 	scripts/coverage build/coverage
+
+# Each fuzz target for SECONDS; what it finds lies in build/fuzz/found.
+SECONDS := 60
+FUZZ := requests stream replies parameters probing
+.PHONY: $(FUZZ:%=fuzz-%)
+fuzz: $(FUZZ:%=fuzz-%)
+$(FUZZ:%=fuzz-%): fuzz-%: build-fuzz
+	@mkdir -p build/fuzz/found/$*
+	$(FIXED_LAYOUT) build/fuzz/bin/udisk_fuzz_$* build/fuzz/found/$* fuzz/corpus/$* \
+	  -max_total_time=$(SECONDS) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 \
+	  -artifact_prefix=build/fuzz/found/$*-
 
 bench: setup
 	cmake --preset release -DUDISK_BUILD_BENCH=ON

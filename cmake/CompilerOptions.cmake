@@ -18,3 +18,7 @@ else()
   target_compile_options(udisk_options INTERFACE -fstack-protector-strong)
   target_link_options(udisk_options INTERFACE -Wl,-z,relro,-z,now)
 endif()
+
+if(UDISK_FUZZ)
+  target_compile_options(udisk_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

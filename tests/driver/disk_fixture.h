@@ -90,8 +90,8 @@ inline std::string snapshot(const std::string& root, bool times = true) {
 class DiskTest : public testing::Test {
  protected:
   DiskTest() {
-    char name[] = "/tmp/udisk-test-XXXXXX";
-    base = ::mkdtemp(name);
+    base = testing::TempDir() + "udisk-test-XXXXXX";
+    EXPECT_NE(::mkdtemp(base.data()), nullptr);
     disk = base + "/disk";
     outside = base + "/outside";
     ::umask(022);
