@@ -126,7 +126,7 @@ constexpr std::uint32_t kNeverCalled[] = {
 };
 
 // A thread of this process, as the C library makes them.
-constexpr std::uint32_t kThread = CLONE_THREAD | CLONE_SIGHAND | CLONE_VM;
+[[maybe_unused]] constexpr std::uint32_t kThread = CLONE_THREAD | CLONE_SIGHAND | CLONE_VM;
 
 constexpr std::uint32_t kAllow = SECCOMP_RET_ALLOW;
 constexpr std::uint32_t refusal(int error) {
