@@ -126,7 +126,7 @@ int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, s
   return static_cast<int>(count);
 }
 
-FileWriter::FileWriter(const Location& file) noexcept {
+FileWriter::FileWriter(const Location& file) {
   struct stat status {};
   mFd = openRegular(file, O_WRONLY, status);
   if (!mFd) MORVEL_ERROR("write file fail errno:%s \n", std::strerror(errno));

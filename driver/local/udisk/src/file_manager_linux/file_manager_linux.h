@@ -33,11 +33,12 @@ class ReadTarget {
   ~ReadTarget() = default;
 };
 
-/// An existing file, opened for the writes of one request. Opening does not
-/// throw and never blocks; a file that cannot be opened is logged once.
+/// An existing file, opened for the writes of one request. Opening never blocks;
+/// a file that cannot be opened is logged once. Without memory for the way to it,
+/// opening throws.
 class FileWriter {
  public:
-  explicit FileWriter(const Location& file) noexcept;
+  explicit FileWriter(const Location& file);
   /// Bytes written; -1 when the write fails, 0 when the file could not be opened.
   int write(std::span<const std::byte> data, std::int64_t offset) noexcept;
 
