@@ -16,38 +16,34 @@ UDiskDriver::UDiskDriver(ZorDevice* device, const char* params) : mDevice(device
 UDiskDriver::~UDiskDriver() = default;
 
 int UDiskDriver::Init() {
+  // A thread that is left running would end the process with its owner.
+  struct Undo {
+    UDiskDriver* driver;
+    ~Undo() {
+      if (driver == nullptr) return;
+      driver->stopServing();
+      driver->mOperator.reset();
+    }
+  } undo{this};
   MORVEL_DEBUG(kLogDebug, "client udisk init\n");
   mOperator = std::make_shared<UDiskOperator>(mDevice);
   mStop = false;
   mQueue = g_queue_new();
-  if (mQueue == nullptr) {
-    mOperator.reset();
-    return -1;
-  }
+  if (mQueue == nullptr) return -1;
   mDataThread = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
   MORVEL_DEBUG(kLogDebug, "client udisk init service\n");
   mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
-  if (mService->StartLoop() == -1) {
-    mService.reset();
-    stopDataThread();
-    freeQueue();
-    mOperator.reset();
-    return -1;
-  }
+  if (mService->StartLoop() == -1) return -1;
   mOperator->TraceZorDevice("UDISK_DRIVER_OPEN", mDevice, true,
                             UDISK_TRACE_MESSAGE("udisk driver open success"), "", "");
   MORVEL_DEBUG(kLogDebug, "client udisk init success\n");
+  undo.driver = nullptr;
   return 0;
 }
 
 int UDiskDriver::Close(signed char /*reason*/) {
   MORVEL_DEBUG(kLogDebug, "udisk client close\n");
-  if (mService) {
-    mService->StopLoop();
-    mService.reset();
-  }
-  stopDataThread();
-  freeQueue();
+  stopServing();
   if (mOperator) {
     mOperator->TraceZorDevice("UDISK_DRIVER_CLOSE", mDevice, true,
                               UDISK_TRACE_MESSAGE("udisk driver close success"), "", "");
@@ -55,6 +51,15 @@ int UDiskDriver::Close(signed char /*reason*/) {
   }
   MORVEL_DEBUG(kLogDebug, "udisk client close out\n");
   return 0;
+}
+
+void UDiskDriver::stopServing() {
+  if (mService) {
+    mService->StopLoop();
+    mService.reset();
+  }
+  stopDataThread();
+  freeQueue();
 }
 
 void UDiskDriver::stopDataThread() {

@@ -32,7 +32,8 @@ class UDiskDriver : public ZorRawDriver {
   UDiskDriver& operator=(const UDiskDriver&) = delete;
 
   /// Creates the operator, the data-event thread and the service. 0, or -1 with
-  /// everything undone. A thread that the system refuses throws.
+  /// everything undone. A thread that the system refuses, and memory, throw; then
+  /// everything is undone, too.
   int Init();
   int Close(signed char reason) override;
   int onPolicyChange(const std::string& policy) override;
@@ -52,6 +53,7 @@ class UDiskDriver : public ZorRawDriver {
   void lookOut() noexcept;
   bool takeQueue(GQueue& taken);
   void storePolicy(const char* policy) noexcept;
+  void stopServing();
   void stopDataThread();
   void freeQueue();
 
