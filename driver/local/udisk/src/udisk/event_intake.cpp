@@ -1,6 +1,7 @@
 // From the framework's threads to the data-event thread.
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -23,9 +24,16 @@ int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
     MORVEL_ERROR("this packet is other device myDevId: %d, DevId: %d\n", own, other);
     return -1;
   }
+  // A link of GLib's own would end the process when there is no memory for it.
+  std::unique_ptr<GList> link(new (std::nothrow) GList{});
+  if (!link) {
+    MORVEL_ERROR("no memory to queue the request, cmd: %d", packet->GetCmd());
+    return -1;
+  }
   const std::lock_guard lock(mMutex);
   if (mQueue != nullptr && !mStop) {
-    g_queue_push_tail(mQueue, packet.release());
+    link->data = packet.release();
+    g_queue_push_tail_link(mQueue, link.release());
     mQueued.fetch_add(1, std::memory_order_relaxed);
     mCond.notify_one();
   }
@@ -81,7 +89,8 @@ void UDiskDriver::DataEventHandle() {
   bool served = false;
   GQueue taken = G_QUEUE_INIT;
   const auto next = [&taken] {
-    return std::unique_ptr<ZorPacket>(static_cast<ZorPacket*>(g_queue_pop_head(&taken)));
+    const std::unique_ptr<GList> link(g_queue_pop_head_link(&taken));
+    return std::unique_ptr<ZorPacket>(link ? static_cast<ZorPacket*>(link->data) : nullptr);
   };
   while (true) {
     if (served) lookOut();

@@ -1,6 +1,7 @@
 #include "udisk_driver.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "morvel_log.h"
 #include "operator/trace_message.h"
@@ -28,8 +29,7 @@ int UDiskDriver::Init() {
   MORVEL_DEBUG(kLogDebug, "client udisk init\n");
   mOperator = std::make_shared<UDiskOperator>(mDevice);
   mStop = false;
-  mQueue = g_queue_new();
-  if (mQueue == nullptr) return -1;
+  mQueue = new GQueue(G_QUEUE_INIT);
   mDataThread = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
   MORVEL_DEBUG(kLogDebug, "client udisk init service\n");
   mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
@@ -76,9 +76,7 @@ void UDiskDriver::stopDataThread() {
 
 void UDiskDriver::freeQueue() {
   const std::lock_guard lock(mMutex);
-  if (mQueue == nullptr) return;
-  g_queue_free(mQueue);
-  mQueue = nullptr;
+  delete std::exchange(mQueue, nullptr);  // the data thread has emptied it
 }
 
 int UDiskDriver::onPolicyChange(const std::string& policy) {

@@ -58,7 +58,7 @@ class UDiskDriver : public ZorRawDriver {
   void freeQueue();
 
   std::shared_ptr<UDiskOperator> mOperator;
-  GQueue* mQueue = nullptr;             ///< owned ZorPacket*; guarded by mMutex
+  GQueue* mQueue = nullptr;             ///< owned ZorPacket* in links of ours; guarded by mMutex
   std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for a look without the lock
   int mLookOut = 0;  ///< data-event thread only: how well it paid; below 0: not now
   std::condition_variable mCond;
