@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz faults bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -63,6 +63,15 @@ bench-drives:
 	cmake --build --preset release -j $(JOBS) \
 	  --target udisk-host udisk-redir udisk-mount slow-link
 	bench/compare-drives --bin build/release/bin $(DRIVES)
+
+# Lets everything fail that the host relies on, and looks at what becomes of its
+# requests; takes some minutes, and root. `make faults FAULTS='full hanging'` for some.
+faults:
+	@scripts/setup.sh faults
+	cmake --preset release -DUDISK_BUILD_FAULTS=ON
+	cmake --build --preset release -j $(JOBS) \
+	  --target udisk-host udisk-redir udisk-mount driver_tests failing_allocator
+	faults/faults $(FAULTS)
 
 setup:
 	@scripts/setup.sh

@@ -3,31 +3,68 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 
+#include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 #include "disk_fixture.h"
 #include "file_manager_linux/disk_root.h"
+#include "operator/operation.h"
 #include "probes.h"
 
 namespace zor::test {
 namespace {
 
+/// A request for every command that is served, in the order of the dispatch table.
+std::vector<const Probe*> everyRequest() {
+  std::vector<const Probe*> all;
+  for (const Operation& operation : UDiskOperator::Operations()) {
+    if (operation.handler == nullptr) continue;
+    for (const std::span<const Probe> some : {std::span<const Probe>(kProbes), {kUnfailing}}) {
+      for (const Probe& probe : some) {
+        if (probe.cmd == code(operation.command)) all.push_back(&probe);
+      }
+    }
+    EXPECT_TRUE(!all.empty() && all.back()->cmd == code(operation.command))
+        << operation.name << " has no request in probes.h";
+  }
+  return all;
+}
+
 /// With the kernel's help, and by the walk that does without it.
 class ConfinementTest : public DiskTest, public testing::WithParamInterface<bool> {
  protected:
-  ConfinementTest() { DiskRoot::forceComponentWalk(GetParam()); }
+  ConfinementTest() {
+    DiskRoot::forceComponentWalk(GetParam());
+    for (const char* name : {"", "/empty", "/inside.txt"}) {
+      const struct stat status = lstatOf(outside + name);
+      mTraces.push_back(le(status.st_dev, 8) + le(status.st_ino, 8));
+    }
+  }
   ~ConfinementTest() override {
     DiskRoot::forceComponentWalk(false);
-    EXPECT_EQ(snapshot(outside), mBefore);
+    EXPECT_EQ(surroundings(), mSurroundings);
   }
   void expectFailure(const Probe& probe, const std::string& path) {
     EXPECT_EQ(answer(probe.cmd, probe.request(path)), hexOf(probe.failure(path)))
         << probe.name << " " << path;
   }
+  /// All that is near the disk, and that the disk is still the same directory.
+  std::string surroundings() const {
+    std::string all = snapshot(outside) + snapshot(base + "/disk-sibling");
+    for (const auto& entry : fs::directory_iterator(base)) all += entry.path();
+    return all + std::to_string(lstatOf(disk).st_ino);
+  }
+  /// Whether a reply holds contents or attributes from there.
+  bool tellsOfTheOutside(const std::optional<std::string>& reply) const {
+    const auto found = [&](const std::string& trace) { return reply->find(trace) != reply->npos; };
+    return reply && std::any_of(mTraces.begin(), mTraces.end(), found);
+  }
 
- private:
-  const std::string mBefore = snapshot(outside);
+  const std::string mSurroundings = surroundings();
+  const std::vector<const Probe*> mRequests = everyRequest();
+  std::vector<std::string> mTraces = {"canary"};
 };
 
 INSTANTIATE_TEST_SUITE_P(Disk, ConfinementTest, testing::Bool(),
@@ -97,27 +134,84 @@ TEST_P(ConfinementTest, MagicLinksLeadNowhere) {
   EXPECT_EQ(::umount2((disk + "/proc").c_str(), 0), 0);
 }
 
-TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
-  // What is a directory of the disk at one moment is a link to the outside at the next.
-  for (const Probe& probe : kProbes) {
-    layOut();
-    fs::create_directories(disk + "/d/empty");
-    put(disk + "/d/inside.txt", "0123456789");
-    std::atomic<bool> stop{false};
-    std::thread neighbour([&, d = disk + "/d", out = disk + "/out"] {
-      while (!stop) ::renameat2(AT_FDCWD, d.c_str(), AT_FDCWD, out.c_str(), RENAME_EXCHANGE);
-    });
-    const std::string path = "/d/" + probe.leaf(), failure = probe.failure(path);
-    bool metTheLink = false;
-    for (int round = 0; round < 300 || (!metTheLink && round < 20000); ++round) {
-      const auto reply = ask(probe.cmd, probe.request(path)).value_or("");
-      metTheLink = metTheLink || reply == failure;
-      EXPECT_EQ(reply.find("canary"), std::string::npos);
-    }
-    stop = true;
-    neighbour.join();
-    EXPECT_TRUE(metTheLink) << probe.name;
+TEST_P(ConfinementTest, NoCommandLeavesTheDiskByAnyText) {
+  const std::string away = "/../../outside ";
+  std::string ups, dots;
+  for (int i = 0; i < 500; ++i) ups += "/..", dots += "/./.";
+  std::istringstream words(
+      R"(. .. / /.. /... ~ %2e%2e/outside ../outside -sibling /../outside /../disk-sibling /out
+         /out/.. /rel /in/rel /link-inside.txt /link-empty /link-fresh /sub/up/outside /magic-cwd
+         /sub/back/../outside /inside.txt/../../outside /none/../../outside /loop /loop/../../outside
+         /magic /magic/tmp \..\outside /..\outside /sub\..\..\outside /sub/deep\..\..\..\outside
+         @ @/../../outside /inside.txt@/../../outside /../outside@ )" +
+      dots + away + ups + outside + " " + outside + " /" + outside + " /magic" + outside + " " +
+      std::string(4000, '/') + "../outside /" + std::string(256, 'x') + away + "/" +
+      std::string(4070, 'x') + away + "/../" + std::string(60000, 'x') + " /.." +
+      std::string(4093 - disk.size(), '/'));
+  std::vector<std::string> ways = {""};
+  for (std::string word; words >> word; ways.push_back(word)) {
+    std::replace(word.begin(), word.end(), '@', '\0');
   }
+  fs::current_path(outside);
+  morvelLogSetLevel(kLogError);
+  for (const std::string& way : ways) {
+    layOut();
+    fs::create_symlink("loop", disk + "/loop");
+    fs::create_symlink("/proc/self/root", disk + "/magic");
+    fs::create_symlink("/proc/self/cwd", disk + "/magic-cwd");
+    for (const Probe* probe : mRequests) {
+      for (const char* end : {"", "/", "/.", "/..", "/inside.txt", "/empty", "/fresh"}) {
+        const std::string path = way + end;
+        if (probe->cmd == 100 && path.find('/') == path.npos) continue;  // makes a mount directory
+        EXPECT_FALSE(tellsOfTheOutside(ask(probe->cmd, probe->request(path))))
+            << probe->name << path;
+        if (probe->cmd == 100 || probe->cmd == 101) announce();
+      }
+      ASSERT_EQ(surroundings(), mSurroundings) << probe->name << " " << way;
+    }
+  }
+  fs::current_path("/");
+}
+
+TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
+  // What is a directory or a file of the disk at one moment is a link to the outside at the next.
+  const char* wanted = std::getenv("UDISK_RACE_ROUNDS");
+  const int rounds = wanted != nullptr ? std::atoi(wanted) : 3000;
+  morvelLogSetLevel(kLogError + 1);
+  std::atomic<bool> stop{false};
+  std::mutex building;
+  std::thread neighbour([&] {
+    for (int turn = 0; !stop; ++turn) {
+      const char* names[] = {"/d",     "/out",        "/inside.txt", "/link-inside.txt",
+                             "/empty", "/link-empty", "/fresh",      "/link-fresh"};
+      const std::string one = disk + names[turn % 4 * 2], other = disk + names[turn % 4 * 2 + 1];
+      const std::lock_guard lock(building);
+      ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+    }
+  });
+  int round = 0, listed = 0, refused = 0;
+  while (round < rounds || ((listed == 0 || refused == 0) && round < 500000)) {
+    for (const std::string way : {"/d/", "/d/../d/", "/"}) {
+      {
+        const std::lock_guard lock(building);
+        layOut();
+        fs::create_directories(disk + "/d/empty");
+        put(disk + "/d/inside.txt", "0123456789");
+      }
+      for (const Probe* probe : mRequests) {
+        if (probe->cmd < 102) continue;  // would take the mount point away
+        const std::string path = way + probe->leaf();
+        const auto reply = ask(probe->cmd, probe->request(path));
+        EXPECT_FALSE(tellsOfTheOutside(reply)) << probe->name << " " << path;
+        if (probe->cmd == 107) ++(reply == probe->failure(path) ? refused : listed);
+        ++round;
+      }
+    }
+  }
+  stop = true;
+  neighbour.join();
+  EXPECT_TRUE(listed > 0 && refused > 0);  // both sides of the exchange were met
+  std::printf("%d requests; listed were %d directories, %d links\n", round, listed, refused);
 }
 
 }  // namespace

@@ -73,6 +73,16 @@ inline constexpr Probe kProbes[] = {
     {123, "small_file_read", Probe::kFile, true, false,
      "01000000 0000000000000000 00000000 ?64000000 p4 00000000 P"},
 };
+/// The commands whose answer does not tell a failure, or that take a name instead of a path.
+inline constexpr Probe kUnfailing[] = {
+    {100, "mount_remote", Probe::kFile, false, false, "p2 P"},
+    {101, "umount_remote", Probe::kFile, false, false, "p2 P"},
+    {108, "get_xattr", Probe::kFile, false, false, "0000000000000000 00000000 p2 0300 P 'abc'"},
+    {113, "get_statvfs", Probe::kFile, false, false, "p4 00000000 P"},
+    {119, "file_flush", Probe::kFile, false, false, "p4 00000000 P"},
+    {120, "file_release", Probe::kFile, true, true, "p4 00000000 P"},
+    {200, "mount_response", Probe::kFile, false, false, "0000 p2 P"},
+};
 // clang-format on
 
 }  // namespace zor::test

@@ -1,4 +1,9 @@
 // Reading of files, and its pacing by the announced bandwidth.
+#include <fcntl.h>
+
+#include <atomic>
+#include <thread>
+
 #include "disk_fixture.h"
 #include "operator/read_limiter.h"
 
@@ -31,6 +36,29 @@ TEST_F(ReadTest, MemoryFollowsWhatTheFileHoldsAndNotWhatWasAsked) {
   for (const auto& [offset, count] : {std::pair{0LL, 3U}, {3LL, 0U}, {1LL << 60, 0U}}) {
     EXPECT_EQ(read("/sparse", 100, (5LL << 30) + offset), std::string(count, '\0'));
   }
+}
+
+TEST_F(ReadTest, AFileThatIsCutMeanwhileIsAnsweredWithWhatItHeld) {
+  const std::string full(60000, 'x'), path = "/inside.txt";
+  put(disk + path, full);
+  std::atomic<bool> stop{false};
+  std::thread neighbour([&] {
+    const UniqueFd file(::open((disk + path).c_str(), O_WRONLY | O_CLOEXEC));
+    while (!stop) {
+      EXPECT_EQ(::pwrite(file.get(), full.data(), full.size(), 0), 60000);
+      EXPECT_EQ(::ftruncate(file.get(), 5000), 0);
+    }
+  });
+  bool cut = false;
+  for (int round = 0; round < 100 || (!cut && round < 20000); ++round) {
+    const std::string reply = ask(105, readOf(path, 60000)).value();
+    const std::string contents = reply.substr(24 + path.size());
+    EXPECT_EQ(contents.find_first_not_of(std::string("x\0", 2)), std::string::npos);
+    EXPECT_EQ(reply.substr(12, 4), le(contents.size(), 4));
+    cut = cut || contents.size() < full.size();
+  }
+  stop = true;
+  neighbour.join();
 }
 
 TEST_F(ReadTest, FailuresAreReportedForThePathsThatAreTraced) {

@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include "host_process.h"
 
 namespace host_test {
@@ -134,6 +136,27 @@ TEST_F(HostTest, OutlivesAModuleThatOpensNothing) {
   serve({"--module", HOST_MODULES "opens_nothing.so"});
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(Remote(mSocket).closedByHost());
   EXPECT_EQ(logged("could not open a driver"), 3);
+}
+
+TEST_F(HostTest, AFileThatMayNotGrowIsAFailedRequestAndNotTheEnd) {
+  std::ofstream(mDirectory + "/disk/f") << "old";
+  serve();
+  const rlimit small{50000, 50000};
+  ASSERT_EQ(::prlimit(mPid, RLIMIT_FSIZE, &small, nullptr), 0);
+  const Remote remote(mSocket);
+  ASSERT_TRUE(remote.greeted());
+  const auto write = [](std::uint64_t offset, unsigned taken, const std::string& data) {
+    const std::string fixed = le(offset, 8) + le(taken, 4) + le(0, 4) + le(1, 4) + le(2, 4);
+    return request(106, 1, fixed + "/f" + data);
+  };
+  const auto truncate = [](std::uint32_t result) {
+    return request(109, 2, le(60000, 8) + le(2, 4) + le(result, 4) + "/f");
+  };
+  remote.send(write(50000, 4, "more") + write(49998, 4, "more") + truncate(0) + write(0, 3, "new"));
+  EXPECT_EQ(remote.receive(), write(50000, 0, ""));
+  EXPECT_EQ(remote.receive(), write(49998, 0, ""));  // only a part of it fits
+  EXPECT_EQ(remote.receive(), truncate(0xffffffff));
+  EXPECT_EQ(remote.receive(), write(0, 3, ""));
 }
 
 }  // namespace

@@ -1,0 +1,93 @@
+// Every allocation on the way of a request fails once.
+#include <new>
+
+#include "disk_fixture.h"
+#include "probes.h"
+#include "udisk/udisk_driver.h"
+
+namespace {
+
+thread_local long tLeft = -1;  ///< allocations until the one that fails; -1: none does
+
+void* allocate(std::size_t size) noexcept {
+  if (tLeft >= 0 && tLeft-- == 0) return nullptr;
+  return std::malloc(size);
+}
+
+// Not inlined: the compiler would take it for a mistake in an operator delete.
+[[gnu::noinline]] void release(void* memory) noexcept { std::free(memory); }
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (void* memory = allocate(size)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return allocate(size);
+}
+void operator delete(void* memory) noexcept { release(memory); }
+void operator delete(void* memory, std::size_t /*size*/) noexcept { release(memory); }
+
+namespace zor::test {
+namespace {
+
+using AllocationTest = DiskTest;
+
+/// Runs `step` with one allocation failing, none with -1. False when it did not come to that one.
+template <class Step>
+bool failing(long at, Step step) {
+  tLeft = at;
+  step();
+  return std::exchange(tLeft, -1) < 0;
+}
+
+TEST_F(AllocationTest, ARequestIsServedOrNotButNeverHalf) {
+  morvelLogSetLevel(kLogError);
+  const std::string deep = "/a-directory-with-a-long-name/another-one-with-a-long-name/";
+  for (const Probe& probe : kProbes) {
+    const std::string path = deep + probe.leaf(), request = probe.request(path);
+    std::string afterSuccess;
+    std::size_t size = 0;
+    bool goesOn = true;
+    for (long at = -1; goesOn; ++at) {
+      layOut();
+      fs::create_directories(disk + deep + "empty");
+      put(disk + deep + "inside.txt", "0123456789");
+      const std::string before = snapshot(disk, false);
+      device.forgetSent();
+      std::unique_ptr<ZorPacket> packet = requestOf(probe.cmd, request);
+      goesOn = failing(at, [&] { op.EventHandle(std::move(packet)); });
+      const std::string after = snapshot(disk, false);
+      const auto sent = device.sent();
+      ASSERT_TRUE(sent.size() == 1 || (sent.empty() && at >= 0)) << probe.name << at;
+      if (sent.empty()) continue;
+      if (at < 0) afterSuccess = after, size = sent[0].size();
+      if (sent[0].substr(16) != probe.failure(path)) {
+        EXPECT_TRUE(after == afterSuccess && sent[0].size() == size) << probe.name << at;
+      } else {
+        EXPECT_TRUE(at >= 0 && (after == before || !probe.changesDisk)) << probe.name << at;
+      }
+    }
+  }
+}
+
+TEST_F(AllocationTest, ADriverOpensOrDoesNot) {
+  device.params = R"({"letter": ")" + base + R"(/", "label": "disk", "name": "USB"})";
+  bool goesOn = true;
+  for (long at = 0; goesOn; ++at) {
+    goesOn = failing(at, [this] {
+      try {
+        UDiskDriver driver(&device, "");
+        EXPECT_EQ(driver.Init(), 0);
+        const long left = std::exchange(tLeft, -1);
+        driver.Close(0);
+        tLeft = left;
+      } catch (const std::bad_alloc&) {
+      }
+    });
+  }
+}
+
+}  // namespace
+}  // namespace zor::test
