@@ -50,7 +50,12 @@ void Connection::run() noexcept {
   try {
     const std::unique_ptr<ZorDriver, CloseDriver> driver(mModule.open(mDevice, "").release());
     if (driver) {
-      serve(*driver);
+      try {
+        serve(*driver);
+      } catch (...) {
+        mLink.end();  // or closing the driver could wait for a remote that does not read
+        throw;
+      }
     } else {
       spdlog::error("the module could not open a driver; the remote is sent away");
     }

@@ -75,7 +75,7 @@ FrameReader::Status FrameReader::begin() {
     return Status::kBadLength;
   }
 
-  const std::size_t charge = mHeader.length + kPacketOverhead;
+  const std::size_t charge = mHeader.length + ReceiveBudget::kPacketOverhead;
   if (!mBudget.acquire(charge)) return Status::kStopped;
   mPending.reset(new (std::nothrow) ZorPacket(mHeader.length));
   if (!mPending || !mPending->mBuffer) {

@@ -56,14 +56,19 @@ Outbox::Outbox(int socket, const ReceiveBudget& budget, std::function<void()> fa
 Outbox::~Outbox() {
   end();
   mThread.join();
+  // A packet that came from the budget may still call `flush` when it goes.
+  mAnyGathered = false;
+  mWaiting.clear();
 }
 
 bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
+  const std::size_t charge = packet->mBuffer->capacity + ReceiveBudget::kPacketOverhead;
+  Item item{std::move(packet), size};
   Lock lock(mMutex);
-  mRoom.wait(lock, [&] { return mEnded || !mWriting || mWaitingBytes + size <= kMostWaiting; });
+  mRoom.wait(lock, [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMostWaiting; });
   if (mEnded) return false;
-  mWaiting.push_back({std::move(packet), size});
-  mWaitingBytes += size;
+  mWaiting.push_back(std::move(item));
+  mWaitingBytes += charge;
   if (mWriting) return true;  // whoever writes takes it along
   if (mWaitingBytes <= kMostWaiting && mBudget.packets() > 1) {
     if (size >= kLargePacket) {

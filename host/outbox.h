@@ -30,8 +30,8 @@ namespace zor::host {
 /// Any thread, but for the construction and destruction.
 class Outbox {
  public:
-  /// What may wait to be written, in bytes, before whoever brings more waits as
-  /// well; one packet may be larger.
+  /// What may wait to be written, in bytes of memory, before whoever brings more
+  /// waits as well; one packet may be larger. As much may be in the writer's hand.
   static constexpr std::size_t kMostWaiting = std::size_t{4} << 20;
 
   /// `socket` and `budget` must outlive the outbox. `failed` is called, on any

@@ -20,12 +20,15 @@ namespace zor::host {
 ///
 /// The bound: packets in flight never take more than `limit` bytes, or one
 /// packet by itself when that is larger. With kDefaultLimit and the largest
-/// packet that is 64 MiB; beside them exist at most the replies that wait in
-/// the outbox and the one that is being made, which carries at most 64 MiB of
+/// packet that is 64 MiB; beside them exist at most the replies that the
+/// outbox holds and the one that is being made, which carries at most 64 MiB of
 /// a request's or of files' data. (A listing is as large as its directory.)
 class ReceiveBudget final : public PacketBudget {
  public:
   static constexpr std::size_t kDefaultLimit = std::size_t{32} << 20;
+  /// What a packet counts beside its bytes: the objects around them and the
+  /// allocator's share.
+  static constexpr std::size_t kPacketOverhead = 256;
 
   /// `idle` is called, on any thread, when the last packet is done with.
   explicit ReceiveBudget(std::function<void()> idle = {}, std::size_t limit = kDefaultLimit)

@@ -2,6 +2,9 @@
 // the module around it as a loader meets it.
 #include <dlfcn.h>
 
+#include <atomic>
+#include <thread>
+
 #include "disk_fixture.h"
 #include "service/command.h"
 #include "udisk/udisk_driver.h"
@@ -67,6 +70,58 @@ TEST_F(DriverTest, AnnouncesServesInOrderAndCloses) {
                                  "LOCAL_UDISK_DRIVER_OPEN success - udisk driver open success",
                                  "LOCAL_UDISK_READ_BW_INFO success - Udisk read bwinfo:2000",
                                  "LOCAL_UDISK_DRIVER_CLOSE success - udisk driver close success"}));
+}
+
+// What is open for one request of a burst must be right for the next one, and
+// must not be closed while it is in use.
+TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {
+  auto served = open();
+  fs::create_directory(disk + "/other");
+  const auto attributes = [](const std::string& path) {
+    return requestOf(102, le(path.size(), 2) + le(0, 2) + path, 200);
+  };
+  const auto rename = [](const std::string& from, const std::string& to) {
+    return requestOf(118, le(0, 4) + le(from.size(), 2) + le(to.size(), 2) + from + to, 200);
+  };
+  {
+    const UDiskOperator::Burst burst(*served);
+    served->EventHandle(attributes("/sub/deep"));
+    served->EventHandle(attributes("/empty/none"));
+    served->EventHandle(rename("/sub/deep", "/other/deep"));
+    served->EventHandle(attributes("/other/deep"));
+    served->EventHandle(rename("/other", "/moved"));
+    served->EventHandle(attributes("/other/deep"));
+    served->EventHandle(attributes("/moved/deep"));
+  }
+  EXPECT_TRUE(fs::is_directory(disk + "/moved/deep"));
+  std::string found;
+  for (const std::string& reply : device.sent()) {
+    if (reply[2] == 102) found += le(120, 2) == reply.substr(18, 2) ? '+' : '-';
+  }
+  EXPECT_EQ(found, "+-+-+");
+  driver.Close(0);
+}
+
+TEST_F(DriverTest, ClosedUnderLoadItDestroysEveryRequest) {
+  struct Counter final : PacketBudget {
+    void ReleasePacket(std::size_t) noexcept override { --packets; }
+    std::atomic<int> packets{0};
+  } counter;
+  open();
+  std::atomic<bool> ending{false};
+  std::thread feeder([&] {
+    while (!ending) {
+      auto packet = requestOf(119, le(2, 4) + le(0, 4) + "/x", 200);
+      packet->mBuffer->budget = &counter;
+      ++counter.packets;
+      driver.onEvent(std::move(packet), 0);
+    }
+  });
+  EXPECT_TRUE(device.waitForSent(50));
+  driver.Close(0);
+  ending = true;
+  feeder.join();
+  EXPECT_EQ(counter.packets, 0);
 }
 
 TEST_F(DriverTest, ARequestOfManyStepsEndsWithItsDriver) {

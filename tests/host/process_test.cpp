@@ -25,7 +25,7 @@ TEST_F(HostTest, AnnouncesAndServesTheDirectoryWhateverItsName) {
     EXPECT_EQ(remote.receive(), readRequest(8, "/g", 0));
     const std::string bigEndian = "\x27\1\0\x77\0\0\0\5\0\0\0\x1a\1\0\0\0\2\0\0\0\0\0\0\0/f"s;
     remote.send(bigEndian);
-    EXPECT_EQ(remote.receive(), bigEndian);
+    EXPECT_EQ(remote.receiveBytes(bigEndian.size()), bigEndian);
   }
   ASSERT_TRUE(eventually([&] { return logged("remote left") == 1; }));
   ::kill(mPid, SIGTERM);

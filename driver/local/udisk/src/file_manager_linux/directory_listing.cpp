@@ -9,9 +9,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -40,7 +41,11 @@ class ListingBuffer {
     constexpr std::size_t kFixed = wire::wireSize<wire::DirEntryRecord>();
     const std::size_t entrySize = kFixed + length + 1;
     if (!reserve(entrySize + kTrailer)) return false;
-    mEntries.push_back(static_cast<std::uint32_t>(mSize));
+    try {
+      mEntries.push_back(static_cast<std::uint32_t>(mSize));
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
     const wire::DirEntryRecord record{{}, static_cast<std::uint16_t>(length + 1)};
     wire::encodeAt(reinterpret_cast<std::byte*>(mData + mSize), record);
     std::memcpy(mData + mSize + kFixed, name, length + 1);
@@ -97,14 +102,14 @@ class EntryLooks {
       : mFiles(files), mDirFd(dirFd), mBuffer(buffer) {}
 
   void run() {
-    const std::size_t most =
-        std::min<std::size_t>(mBuffer.count() / kWorthAThread, std::thread::hardware_concurrency());
+    std::size_t most = std::min(mBuffer.count() / kWorthAThread, kMostThreads);
+    if (most > 1) most = std::min<std::size_t>(most, std::thread::hardware_concurrency());
     std::vector<std::thread> others;
     try {
-      while (others.size() + 1 < std::min(most, kMostThreads)) {
+      while (others.size() + 1 < most) {
         others.emplace_back([this] { lookAtSome(); });
       }
-    } catch (const std::system_error&) {  // then fewer of them do it
+    } catch (const std::exception&) {  // then fewer of them do it
     }
     lookAtSome();
     for (std::thread& other : others) other.join();

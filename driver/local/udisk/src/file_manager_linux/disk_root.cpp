@@ -129,8 +129,11 @@ void DiskRoot::forgetParents() noexcept {
 
 int DiskRoot::openParent(std::string_view parent) {
   if (parent.empty() || parent == ".") return mFd.get();
-  for (const Parent& known : mParents) {
-    if (known.fd && known.path == parent) return known.fd.get();
+  for (std::size_t i = 0; i < mParents.size(); ++i) {
+    const Parent& known = mParents[i];
+    if (!known.fd || known.path != parent) continue;
+    mNextParent = (i + 1) % mParents.size();  // this one is in use from now on
+    return known.fd.get();
   }
   Parent& slot = mParents[mNextParent];
   mNextParent = (mNextParent + 1) % mParents.size();
@@ -194,7 +197,10 @@ int Location::look(struct stat& status) const {
   if (confined() && mError == 0 && !mDirectoryOnly &&
       (mRoot->expectsMore() || std::strchr(mPath, '/') == nullptr)) {
     const Entry at = entry();
-    return at ? ::fstatat(at.dirFd, at.name, &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) : -1;
+    if (!at) return -1;
+    return retryOnInterrupt([&] {
+      return ::fstatat(at.dirFd, at.name, &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT);
+    });
   }
   const UniqueFd fd = open(mDirectoryOnly ? O_PATH : O_PATH | O_NOFOLLOW);
   return fd ? ::fstat(fd.get(), &status) : -1;

@@ -75,6 +75,7 @@ int FileManagerLinux::UdiskCreateFile(const Location& file, int /*flags*/, int m
   UniqueFd fd = create(file, mode);
   if (!fd) {
     UdiskMakeDir(file, 0777, 0);
+    if (DiskRoot* root = file.root()) root->forgetParents();
     fd = create(file, mode);
   }
   return fd.get();

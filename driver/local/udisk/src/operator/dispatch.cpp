@@ -20,36 +20,36 @@ constexpr bool kReads = false;
 constexpr bool kChanges = true;
 constexpr bool kKeepsStatistics = false;
 constexpr bool kStalesStatistics = true;
-constexpr bool kKeepsNames = false;
-constexpr bool kMovesNames = true;
+constexpr bool kKeepsPaths = false;
+constexpr bool kTurnsPaths = true;
 
 // clang-format off
 constexpr std::array kOperations = {
-    Operation{Command::kMountRemote,     "mount_remote",    &Op::mount_remote,    kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kUmountRemote,    "umount_remote",   &Op::umount_remote,   kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kGetFileAttr,     "get_file_attr",   &Op::get_file_attr,   kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileCreate,      "file_create",     &Op::file_create,     kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kFileOpen,        "file_open",       nullptr,              0,       kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileRead,        "file_read",       &Op::file_read,       kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileWrite,       "file_write",      &Op::file_write,      kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kDirRead,         "dir_read",        &Op::dir_read,        kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kGetXattr,        "get_xattr",       &Op::get_xattr,       kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileTruncate,    "file_truncate",   &Op::file_truncate,   kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kFileFsync,       "file_fsync",      &Op::file_fsync,      kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kFileChmod,       "file_chmod",      &Op::file_chmod,      kHeader, kChanges, kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileChown,       "file_chown",      &Op::file_chown,      kHeader, kChanges, kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kGetStatvfs,      "get_statvfs",     &Op::get_statvfs,     kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kMakeDir,         "make_dir",        &Op::make_dir,        kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kRemoveDir,       "remove_dir",      &Op::remove_dir,      kHeader, kChanges, kStalesStatistics, kMovesNames},
-    Operation{Command::kSetLink,         "set_link",        &Op::set_link,        kHeader, kChanges, kStalesStatistics, kKeepsNames},
-    Operation{Command::kSetUnlink,       "set_unlink",      &Op::set_unlink,      kHeader, kChanges, kStalesStatistics, kMovesNames},
-    Operation{Command::kSetRename,       "set_rename",      &Op::set_rename,      kHeader, kChanges, kStalesStatistics, kMovesNames},
-    Operation{Command::kFileFlush,       "file_flush",      &Op::file_flush,      0,       kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kFileRelease,     "file_release",    &Op::file_release,    0,       kChanges, kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kCheckDir,        "check_dir",       &Op::check_dir,       kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kSmallFileNotice, "small_file_notice", nullptr,            0,       kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kSmallFileRead,   "small_file_read", &Op::small_file_read, kHeader, kReads,   kKeepsStatistics,  kKeepsNames},
-    Operation{Command::kMountResponse,   "mount_response",  &Op::mount_response,  0,       kReads,   kKeepsStatistics,  kKeepsNames},
+    Operation{Command::kMountRemote,     "mount_remote",    &Op::mount_remote,    kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kUmountRemote,    "umount_remote",   &Op::umount_remote,   kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kGetFileAttr,     "get_file_attr",   &Op::get_file_attr,   kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kFileCreate,      "file_create",     &Op::file_create,     kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kFileOpen,        "file_open",       nullptr,              0,       kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kFileRead,        "file_read",       &Op::file_read,       kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kFileWrite,       "file_write",      &Op::file_write,      kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kDirRead,         "dir_read",        &Op::dir_read,        kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kGetXattr,        "get_xattr",       &Op::get_xattr,       kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kFileTruncate,    "file_truncate",   &Op::file_truncate,   kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kFileFsync,       "file_fsync",      &Op::file_fsync,      kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kFileChmod,       "file_chmod",      &Op::file_chmod,      kHeader, kChanges, kKeepsStatistics,  kTurnsPaths},
+    Operation{Command::kFileChown,       "file_chown",      &Op::file_chown,      kHeader, kChanges, kKeepsStatistics,  kTurnsPaths},
+    Operation{Command::kGetStatvfs,      "get_statvfs",     &Op::get_statvfs,     kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kMakeDir,         "make_dir",        &Op::make_dir,        kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kRemoveDir,       "remove_dir",      &Op::remove_dir,      kHeader, kChanges, kStalesStatistics, kTurnsPaths},
+    Operation{Command::kSetLink,         "set_link",        &Op::set_link,        kHeader, kChanges, kStalesStatistics, kKeepsPaths},
+    Operation{Command::kSetUnlink,       "set_unlink",      &Op::set_unlink,      kHeader, kChanges, kStalesStatistics, kTurnsPaths},
+    Operation{Command::kSetRename,       "set_rename",      &Op::set_rename,      kHeader, kChanges, kStalesStatistics, kTurnsPaths},
+    Operation{Command::kFileFlush,       "file_flush",      &Op::file_flush,      0,       kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kFileRelease,     "file_release",    &Op::file_release,    0,       kChanges, kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kCheckDir,        "check_dir",       &Op::check_dir,       kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kSmallFileNotice, "small_file_notice", nullptr,            0,       kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kSmallFileRead,   "small_file_read", &Op::small_file_read, kHeader, kReads,   kKeepsStatistics,  kKeepsPaths},
+    Operation{Command::kMountResponse,   "mount_response",  &Op::mount_response,  0,       kReads,   kKeepsStatistics,  kKeepsPaths},
 };
 // clang-format on
 
@@ -80,7 +80,7 @@ void UDiskOperator::EventHandle(std::unique_ptr<ZorPacket> packet) noexcept {
   if (!mDisk) return;
   if (!mInBurst || mDisk->error() != 0) {
     closeDisk();
-  } else if (operation->movesNames) {
+  } else if (operation->turnsPaths) {
     mDisk->forgetParents();
   }
 }

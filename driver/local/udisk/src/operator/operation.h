@@ -17,7 +17,7 @@ struct Operation {
   unsigned char headerLength;  ///< what a reply reserves for its header
   bool changesDisk;            ///< refused on a read-only disk
   bool stalesStatistics;       ///< its reply makes the cached statistics stale
-  bool movesNames;             ///< a path may lead elsewhere afterwards
+  bool turnsPaths;             ///< a path may lead elsewhere afterwards, or nowhere
 };
 
 /// The operation of a command code, or null.

@@ -92,19 +92,17 @@ void UDiskDriver::DataEventHandle() {
     const std::unique_ptr<GList> link(g_queue_pop_head_link(&taken));
     return std::unique_ptr<ZorPacket>(link ? static_cast<ZorPacket*>(link->data) : nullptr);
   };
-  while (true) {
+  for (bool going = true; going;) {
     if (served) lookOut();
-    bool going = takeQueue(taken);
+    going = takeQueue(taken);
     served = !g_queue_is_empty(&taken);
     std::optional<UDiskOperator::Burst> burst;
     if (taken.length > 1) burst.emplace(*mOperator);
     while (std::unique_ptr<ZorPacket> packet = next()) {
-      going = going && !mStop;
-      if (!going) continue;
+      if (!going || mStop) continue;
       MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");
       mOperator->EventHandle(std::move(packet));
     }
-    if (!going) return;
   }
 }
 
