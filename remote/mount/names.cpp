@@ -169,7 +169,12 @@ void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const
     fuse_reply_err(request, ENAMETOOLONG);
     return;
   }
-  replyEntry(request, contextOf(request).drive().link(node, directory, name));
+  Context& context = contextOf(request);
+  const auto linked = context.drive().link(node, directory, name);
+  // What the kernel knows of the old name was told while it was the only one,
+  // and would count although the new one may be used for changes.
+  if (linked) context.forgetAttributes(node);
+  replyEntry(request, linked);
 }
 
 void handleStatistics(fuse_req_t request, fuse_ino_t) {

@@ -60,6 +60,11 @@ void initialise(void* userData, fuse_conn_info* connection) {
 
 }  // namespace
 
+void Context::forgetAttributes(NodeId node) noexcept {
+  constexpr off_t kNoPages = -1;
+  if (mSession != nullptr) fuse_lowlevel_notify_inval_inode(mSession, node, kNoPages, 0);
+}
+
 OpenDirectory* Context::add(OpenDirectory directory) {
   const std::lock_guard lock(mMutex);
   Kept& kept = mDirectories.emplace_front(Kept{std::move(directory), {}});

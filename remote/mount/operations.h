@@ -32,6 +32,12 @@ class Context {
   const Presentation& presentation() const noexcept { return mOptions.presentation; }
   const MountOptions& options() const noexcept { return mOptions; }
 
+  /// To be told before the first request, so that `forgetAttributes` has an effect.
+  void serves(fuse_session* session) noexcept { mSession = session; }
+  /// Makes the kernel ask for the attributes of `node` again. May be called
+  /// while a request is answered: the kernel takes no lock for it.
+  void forgetAttributes(NodeId node) noexcept;
+
   /// A program whose drive is taken away never closes its directories; they go
   /// with this object.
   OpenDirectory* add(OpenDirectory directory);
@@ -44,6 +50,7 @@ class Context {
 
   Drive& mDrive;
   const MountOptions& mOptions;
+  fuse_session* mSession = nullptr;
   std::mutex mMutex;
   std::list<Kept> mDirectories;
 };

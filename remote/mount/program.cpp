@@ -121,6 +121,7 @@ int serve(MountOptions& options, Background& background) {
       Session::create(std::move(options.fuseArguments), operations(), &context, options.mountPoint);
   if (!created) return fail(background, created.error());
   Session& session = **created;
+  context.serves(session.handle());
   SignalsToSession handling(signals, session, [&] { printStatistics(link, drive); });
   const std::string wrong = session.mount();
   if (!wrong.empty()) return fail(background, options.mountPoint + ": " + wrong);

@@ -47,6 +47,9 @@ class Session {
 
   void unmount();
 
+  /// For notifications to the kernel; as long as this object lives.
+  fuse_session* handle() const noexcept { return mSession; }
+
   static constexpr int kWakeup = SIGUSR2;
 
  private:
