@@ -37,7 +37,10 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   if (length <= kTruncateLimit) {
     Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.truncate(*path, length, std::move(done)); },
-                    [&status](Status& answer) { status = answer; });
+                    [this, &status](Status& answer) {
+                      status = answer;
+                      ++mLinkEpoch;
+                    });
     burst.queryFile(*path, directory, name);
     burst.wait(lock);
   } else {
@@ -49,6 +52,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
     status = zor::remote::setLength(mDisk, *path, length);
     lock.lock();
     --node->references;
+    ++mLinkEpoch;
     if (node->place != nullptr) node->place->second.changing = false;
     mTree.releaseIfUnused(node);
     endRenaming();
@@ -72,7 +76,10 @@ Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
   Status status = Unit{};
   Burst burst(*this);
   burst.add<Unit>([&](auto done) { start(*path, std::move(done)); },
-                  [&status](Status& answer) { status = answer; });
+                  [this, &status](Status& answer) {
+                    status = answer;
+                    ++mLinkEpoch;
+                  });
   if (node->parent != nullptr) {
     burst.queryFile(*path, node->parent->id, node->place->first);
   } else {

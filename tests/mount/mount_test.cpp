@@ -131,7 +131,8 @@ const Program kPrograms[] = {
      "$DRIVE/$mode.db \"BEGIN; WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x+1 "
      "FROM c WHERE x<2000) INSERT INTO n(t) SELECT hex(randomblob(50)) FROM c; COMMIT;\"; "
      "done; test $(sqlite3 $DISK/$mode.db 'SELECT count(*) FROM n') = 10000; "
-     "test $(sqlite3 $DRIVE/$mode.db 'PRAGMA integrity_check') = ok; done"},
+     "test $(sqlite3 $DRIVE/$mode.db 'PRAGMA integrity_check') = ok; done; "
+     "sqlite3 $DRIVE/new.db 'CREATE TABLE n(i); INSERT INTO n VALUES (1);'"},
     {"Compiler",
      "mkdir $DRIVE/p; cd $DRIVE/p; echo 'int f(); int main() { return f(); }' > m.cpp; "
      "echo 'int f() { return 0; }' > f.cpp; printf 'm: m.o f.o\\n\\tc++ -o m m.o f.o\\n' "
@@ -139,7 +140,8 @@ const Program kPrograms[] = {
     {"Editors",
      "cd $DRIVE; echo one > text; chmod 640 text; echo two > .text.tmp; "
      "mv .text.tmp text; grep -q two $DISK/text; cp text text~; echo three > text; "
-     "rm text~; mv text 'a'; ln a b; echo four >> b; grep -q four a; "
+     "rm text~; mv text 'a'; ln a b; test $(stat -c %h a) = 2; truncate -s 99 b; "
+     "test $(stat -c %s a) = 99; echo four >> b; grep -aq four a; "
      "exec 3<>a; rm a b; echo five >&3; exec 3>&-; test -z \"$(ls -A $DISK)\""},
     {"Offsets",
      "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
