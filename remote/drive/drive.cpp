@@ -17,6 +17,9 @@ namespace zor::remote {
 
 namespace {
 
+/// Where disks have no inode numbers, as a rule.
+constexpr std::uint64_t kOwnNumbers = std::uint64_t{1} << 31;
+
 constexpr std::string_view kHiddenPrefix = ".udisk-removed-";
 
 }  // namespace
@@ -136,6 +139,11 @@ std::chrono::nanoseconds Drive::kernelValidity(const Node& directory, const Entr
 udisk_stat Drive::visible(const Entry& entry) const {
   udisk_stat attributes = entry.attributes;
   if (entry.hidden && attributes.st_nlink > 0) --attributes.st_nlink;
+  // Programs take a file whose number changes for another one. Names of one file
+  // must have the same number, though.
+  if (entry.node != nullptr && entry.node->ownNumber && attributes.st_nlink == 1) {
+    attributes.st_ino = kOwnNumbers | entry.node->id;
+  }
   if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) {
     const FileState& file = *entry.node->file;
     attributes.st_size = std::max(attributes.st_size, file.end);

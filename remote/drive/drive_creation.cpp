@@ -116,6 +116,7 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
   Node& node = mTree.nodeAt(parent, *at);
   node.file = std::make_unique<FileState>();
   node.file->ahead = true;
+  node.ownNumber = true;
   node.file->lastWrite = wallClock();
   ++node.file->inFlight;
   mDisk.create(

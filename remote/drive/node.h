@@ -97,6 +97,7 @@ struct Node {
   std::unique_ptr<FileState> file;
   ContentStamp stamp;  ///< of the last open
   Clock::time_point stampSince{};
+  bool ownNumber = false;     ///< shown with an inode number of ours, as it had no other at first
   bool cacheTrusted = false;  ///< the kernel's pages were read well after the last change
 };
 
