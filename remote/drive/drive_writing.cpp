@@ -202,6 +202,12 @@ void Drive::release(OpenFile& file) {
   if (!hidden) return;
   waitForNames(lock);
   if (!removeName(lock, directory, name, false)) {
+    // Seen again, so that its directory can still be emptied and removed.
+    if (Node* parent = mTree.find(directory); parent != nullptr && parent->directory) {
+      const auto at = parent->directory->entries.find(name);
+      if (at != parent->directory->entries.end()) at->second.hidden = false;
+      parent->directory->snapshot = nullptr;
+    }
     report("a removed file could not be cleaned up; it is called '" + name + "' on the disk");
   }
 }
