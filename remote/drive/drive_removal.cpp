@@ -133,6 +133,16 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
   const Outcome<Node*> target = directoryNode(to);
   if (!target) return target.error();
   const auto at = (*target)->directory->entries.find(newKey);
+  if (const Outcome<Node*> source = directoryNode(from);
+      source && at != (*target)->directory->entries.end()) {
+    const auto old = (*source)->directory->entries.find(oldKey);
+    const bool known = old != (*source)->directory->entries.end();
+    // Two names of one file both stay, as everywhere.
+    if (known && old != at && old->second.attributes.st_nlink > 1 &&
+        old->second.attributes.st_ino == at->second.attributes.st_ino) {
+      return Unit{};
+    }
+  }
   if (at != (*target)->directory->entries.end() && at->second.node != nullptr &&
       at->second.node->file && at->second.node->file->handles > 0 &&
       !(from == to && oldKey == newKey)) {
