@@ -113,7 +113,9 @@ class Drive {
   Outcome<ReadParts> read(OpenFile& file, std::int64_t offset, std::uint32_t size);
   /// All of it, or an errno; what a write without an error leaves behind may
   /// still fail later, which the next write, flush or sync then tells.
-  Outcome<Unit> write(OpenFile& file, std::int64_t offset, wire::Bytes data);
+  /// `appends`: `offset` is where the kernel takes the end to be. It does not see
+  /// what was done through another name of the file.
+  Outcome<Unit> write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends = false);
   /// For every close(2): waits until all that was written is on the disk.
   Outcome<Unit> flush(OpenFile& file);
   Outcome<Unit> sync(OpenFile& file);
@@ -207,6 +209,7 @@ class Drive {
   OpenResult openNode(Node& node, bool writable);
 
   // drive_writing.cpp
+  void lookBeforeWriting(Lock& lock, NodeId id);
   bool mayWrite(const FileState& file) const;
   void waitToWrite(Lock& lock, NodeId node);
   void sendGathered(Node& node);

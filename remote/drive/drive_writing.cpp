@@ -19,7 +19,7 @@ constexpr std::size_t kMostInFlight = std::size_t{16} << 20;
 
 }  // namespace
 
-Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data) {
+Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends) {
   if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
                             static_cast<std::uint64_t>(offset) <
                         data.size()) {
@@ -29,7 +29,11 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   Lock lock(mMutex);
   if (Outcome<Unit> failure = unseenFailure(lock, file); !failure) return failure;
   const std::size_t limit = mWriteWindow.chunkSize();
+  lookBeforeWriting(lock, file.mNode);
   Node* node = mTree.find(file.mNode);
+  if (appends && node->place != nullptr && node->place->second.attributes.st_nlink > 1) {
+    offset = visible(node->place->second).st_size;
+  }
   while (!node->file->gather.accepts(offset, data.size(), limit)) {
     waitToWrite(lock, file.mNode);
   }
@@ -57,6 +61,22 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   }
   // Another writer may have sent this data meanwhile, and it may have failed.
   return unseenFailure(lock, file);
+}
+
+/// From a write on, the size is told from what was known before; another name of
+/// the file may have been used to change it.
+void Drive::lookBeforeWriting(Lock& lock, NodeId id) {
+  const auto isUnsure = [&] {
+    const Node& node = *mTree.find(id);
+    return !node.file->ahead && node.place != nullptr &&
+           node.place->second.attributes.st_nlink > 1 && isDoubtful(node.place->second);
+  };
+  if (!isUnsure()) return;
+  waitForNames(lock);
+  if (!isUnsure()) return;
+  const Node& node = *mTree.find(id);
+  const std::string name = node.place->first;
+  static_cast<void>(look(lock, node.parent->id, name));
 }
 
 bool Drive::mayWrite(const FileState& file) const {

@@ -79,7 +79,8 @@ void handleRead(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
 void handleWrite(fuse_req_t request, fuse_ino_t, const char* data, std::size_t size, off_t offset,
                  fuse_file_info* info) {
   const wire::Bytes bytes(reinterpret_cast<const std::byte*>(data), size);
-  const auto done = contextOf(request).drive().write(fileOf(info), offset, bytes);
+  const bool appends = (info->flags & O_APPEND) != 0;
+  const auto done = contextOf(request).drive().write(fileOf(info), offset, bytes, appends);
   if (done) {
     fuse_reply_write(request, size);
   } else {
