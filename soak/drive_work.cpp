@@ -131,6 +131,8 @@ void Twins::step() {
          [&](auto side, auto&) { return ::link(at(side, path).c_str(), at(side, to).c_str()); });
   } else if (roll < 92) {
     both("chmod " + path, [&](auto side, auto&) { return ::chmod(at(side, path).c_str(), mode); });
+    // Quietly refused by a faulty disk.
+    if (!mWorker.rig.state.heldSince(mMark)) throw Unsettled();
   } else if (roll < 95) {
     const auto length = static_cast<off_t>(mDice.roll(300000));
     both("truncate " + path + " to " + std::to_string(length),

@@ -382,7 +382,7 @@ class LibraryWork {
             [&] { return exists(path); })) {
       return;
     }
-    for (const std::uint64_t length : {14 << 20, 12 << 20, 3 << 20}) {
+    for (const std::uint64_t length : {14U << 20, 12U << 20, 3U << 20}) {
       surely(
           "set length " + std::to_string(length), [&] { return setLength(mDisk, path, length); },
           [] { return true; });
