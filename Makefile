@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz faults bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz faults overload soak bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -72,6 +72,19 @@ faults:
 	cmake --build --preset release -j $(JOBS) \
 	  --target udisk-host udisk-redir udisk-mount driver_tests failing_allocator
 	faults/faults $(FAULTS)
+
+# Floods, remotes that stand still, killed and stopped ends; with a table of what it cost.
+overload: setup
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target udisk-host udisk-redir udisk-mount
+	faults/overload --bin build/release/bin
+
+# All commands and the drive under random faults. As root the disk fails, too.
+MINUTES ?= 20
+soak: setup
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target udisk-soak
+	build/release/bin/udisk-soak --minutes $(MINUTES) $(SOAK)
 
 setup:
 	@scripts/setup.sh
