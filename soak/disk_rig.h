@@ -27,6 +27,9 @@ class ServedPart {
   std::string socket() const { return mBeside + ".relay"; }
   const fs::path& directory() const { return mDirectory; }
   test::DelayRelay& relay() { return mRelay; }
+  /// In between, remotes find no host.
+  void hideSocket() const { fs::rename(socket(), socket() + ".away"); }
+  void showSocket() const { fs::rename(socket() + ".away", socket()); }
 
   // One thread. A host that is asked to end must do so without complaint.
   void start();

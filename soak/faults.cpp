@@ -35,10 +35,10 @@ void disturb(Worker& worker, ServedPart& part, const std::string& name) {
       part.relay().cut();
       break;
     case 1:
-      part.relay().stopListening();
+      part.hideSocket();
       part.relay().cut();
       fault.during("no connection to " + name);
-      part.relay().resumeListening();
+      part.showSocket();
       break;
     case 2:
     case 3: {

@@ -44,7 +44,7 @@ DelayRelay::End endOf(UniqueFd socket) {
 /// One thread takes what comes, the other one gives it when it is due.
 class DelayRelay::Direction {
  public:
-  Direction(UniqueFd in, UniqueFd out, std::chrono::nanoseconds delay)
+  Direction(UniqueFd in, UniqueFd out, const std::atomic<std::chrono::nanoseconds>& delay)
       : mDelay(delay), mIn(std::move(in)), mOut(std::move(out)) {
     mTaking = std::thread(&Direction::take, this);
     mGiving = std::thread(&Direction::give, this);
@@ -85,7 +85,7 @@ class DelayRelay::Direction {
       got = retryOnInterrupt([&] { return ::read(mIn.get(), room.data(), room.size()); });
       lock.lock();
       const std::size_t size = got > 0 ? static_cast<std::size_t>(got) : 0;
-      mQueue.push_back({Clock::now() + mDelay, room.substr(0, size)});
+      mQueue.push_back({Clock::now() + mDelay.load(), room.substr(0, size)});
       mQueued += size;
       mChanged.notify_all();
       mChanged.wait(lock, [this] { return mCut || mQueued < kQueueLimit; });
@@ -132,7 +132,7 @@ class DelayRelay::Direction {
     return true;
   }
 
-  const std::chrono::nanoseconds mDelay;
+  const std::atomic<std::chrono::nanoseconds>& mDelay;
   std::mutex mMutex;
   std::condition_variable mChanged;
   UniqueFd mIn;   ///< given back when its thread has ended, as is mOut

@@ -1,6 +1,7 @@
 // Makes a local stream as slow to answer as a long line.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -49,6 +50,9 @@ class DelayRelay {
   /// Relays between two ends that are connected already.
   void add(End left, End right);
 
+  /// Counts for the bytes that come from now on; no byte overtakes another.
+  void setDelay(std::chrono::nanoseconds delay) { mDelay = delay; }
+
   /// Drops all connections at once, with all that is under way.
   void cut();
 
@@ -58,7 +62,7 @@ class DelayRelay {
  private:
   class Direction;
 
-  const std::chrono::nanoseconds mDelay;
+  std::atomic<std::chrono::nanoseconds> mDelay;
   std::string mListenPath;
   UniqueFd mListener;
   std::mutex mMutex;
