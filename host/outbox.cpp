@@ -18,6 +18,7 @@ constexpr std::size_t kSmallPacket = std::size_t{16} << 10;
 constexpr std::size_t kLargePacket = std::size_t{256} << 10;
 constexpr std::size_t kMostGathered = std::size_t{64} << 10;
 constexpr std::size_t kMostParts = 64;
+constexpr std::size_t kMostTogether = 12;
 // How long a reply may wait because the next request takes long: between one
 // and two of these.
 constexpr auto kTick = std::chrono::milliseconds(1);
@@ -76,7 +77,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
       mWake.notify_one();
       return true;
     }
-    if (size <= kSmallPacket && mWaitingBytes < kMostGathered && mWaiting.size() < kMostParts) {
+    if (size <= kSmallPacket && mWaitingBytes < kMostGathered && mWaiting.size() < kMostTogether) {
       mAnyGathered.store(true, std::memory_order_relaxed);
       if (!std::exchange(mGathering, true)) mWake.notify_one();
       return true;

@@ -30,13 +30,14 @@ int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
     MORVEL_ERROR("no memory to queue the request, cmd: %d", packet->GetCmd());
     return -1;
   }
-  const std::lock_guard lock(mMutex);
-  if (mQueue != nullptr && !mStop) {
+  {
+    const std::lock_guard lock(mMutex);
+    if (mQueue == nullptr || mStop) return 0;
     link->data = packet.release();
     g_queue_push_tail_link(mQueue, link.release());
     mQueued.fetch_add(1, std::memory_order_relaxed);
-    mCond.notify_one();
   }
+  mCond.notify_one();  // not under the lock, which the woken thread needs
   return 0;
 }
 
