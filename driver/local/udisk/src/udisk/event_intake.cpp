@@ -1,5 +1,4 @@
 // From the framework's threads to the data-event thread.
-#include <algorithm>
 #include <chrono>
 #include <new>
 #include <optional>
@@ -10,13 +9,6 @@
 #include "udisk_driver.h"
 
 namespace zor {
-namespace {
-
-constexpr auto kLookOut = std::chrono::microseconds(40);
-constexpr int kMostTrust = 16;
-
-}  // namespace
-
 int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
   MORVEL_DEBUG(kLogFrequent, "udisk client OnEvent\n");
   if (!packet) return 0;
@@ -55,26 +47,6 @@ int UDiskDriver::OnEvent(signed char devId, int, unsigned char* /*data*/, int /*
   return -1;
 }
 
-// A remote that waits for each answer sends its next request right behind it:
-// going to sleep and being woken would take longer than a short look-out. Where
-// it is in vain, because the remote or the machine has other things to do, it is
-// only tried from time to time.
-void UDiskDriver::lookOut() noexcept {
-  if (mLookOut < 0) {
-    ++mLookOut;
-    return;
-  }
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point begin = Clock::now();
-  Clock::duration passed{};
-  while (mQueued.load(std::memory_order_relaxed) == 0 && !mStop && passed < kLookOut) {
-    std::this_thread::yield();
-    passed = Clock::now() - begin;
-  }
-  mLookOut = passed < kLookOut ? std::min(mLookOut + 1, kMostTrust) : mLookOut - kMostTrust / 2;
-  if (mLookOut < 0) mLookOut = -kMostTrust;
-}
-
 bool UDiskDriver::takeQueue(GQueue& taken) {
   std::unique_lock lock(mMutex);
   // A stop that came before this wait has already notified.
@@ -94,7 +66,9 @@ void UDiskDriver::DataEventHandle() {
     return std::unique_ptr<ZorPacket>(link ? static_cast<ZorPacket*>(link->data) : nullptr);
   };
   for (bool going = true; going;) {
-    if (served) lookOut();
+    if (served) {
+      mLookOut.until([this] { return mQueued.load(std::memory_order_relaxed) != 0 || mStop; });
+    }
     going = takeQueue(taken);
     served = !g_queue_is_empty(&taken);
     std::optional<UDiskOperator::Burst> burst;

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "support/look_out.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
@@ -50,7 +51,6 @@ class UDiskDriver : public ZorRawDriver {
  private:
   friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
 
-  void lookOut() noexcept;
   bool takeQueue(GQueue& taken);
   void storePolicy(const char* policy) noexcept;
   void stopServing();
@@ -60,7 +60,7 @@ class UDiskDriver : public ZorRawDriver {
   std::shared_ptr<UDiskOperator> mOperator;
   GQueue* mQueue = nullptr;             ///< owned ZorPacket* in links of ours; guarded by mMutex
   std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for a look without the lock
-  int mLookOut = 0;  ///< data-event thread only: how well it paid; below 0: not now
+  LookOut mLookOut{std::chrono::microseconds(100)};  ///< data-event thread only
   std::condition_variable mCond;
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
