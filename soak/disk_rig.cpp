@@ -197,6 +197,8 @@ int DiskRig::unmount() {
   return waitFor(std::exchange(mMount, -1));
 }
 
+std::string DiskRig::mountWords() const { return contents(beside("mount.log")); }
+
 std::string DiskRig::mountFigures() const { return figuresOf(mMount); }
 
 }  // namespace zor::soak

@@ -73,6 +73,7 @@ class DiskRig {
   void relieve() const;
 
   void signalMount(int number) const;
+  std::string mountWords() const;
   /// Ends the processes at once and leaves the rest as it is.
   void abandon() const;
   /// Ends it; its exit code.

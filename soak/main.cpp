@@ -80,6 +80,7 @@ class Soak {
                 part.name.c_str(), static_cast<unsigned long long>(mSeed), what.c_str(),
                 all.c_str(), part.journal.text(40).c_str());
     std::ofstream log(all);
+    log << "mount's last words:\n" << mRig.mountWords();
     for (const Part& other : mParts) {
       log << other.name << ":\n" << other.journal.text();
       if (other.isFault())
