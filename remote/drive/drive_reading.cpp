@@ -55,7 +55,8 @@ OpenResult Drive::openNode(Node& node, bool writable) {
   if (node.place != nullptr) {
     const ContentStamp stamp = stampOf(node.place->second.attributes);
     const Clock::time_point now = Clock::now();
-    result.keepCache = node.cacheTrusted && node.stamp == stamp && !node.file->ahead;
+    result.keepCache = node.cacheTrusted && node.stamp == stamp && !node.file->ahead &&
+                       node.place->second.attributes.st_nlink <= 1;
     if (node.stamp != stamp) {
       node.stamp = stamp;
       node.stampSince = now;

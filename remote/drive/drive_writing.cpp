@@ -112,14 +112,18 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   const std::string path = mTree.path(node).value_or("a file that is gone");
   ++file.inFlight;
   mBytesInFlight += size;
-  file.gather.submit(mDisk, path,
-                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
-                       mWriteWindow.finished(ticket, status ? size : 0);
-                       mBytesInFlight -= size;
-                       Node& written = *mTree.find(id);
-                       if (!status) writeFailed(written, path);
-                       answered(written);
-                     }));
+  file.gather.submit(
+      mDisk, path, whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
+        mWriteWindow.finished(ticket, status ? size : 0);
+        mBytesInFlight -= size;
+        Node& written = *mTree.find(id);
+        if (!status) writeFailed(written, path);
+        // Only now do the file's other names show it.
+        if (written.place == nullptr || written.place->second.attributes.st_nlink > 1) {
+          ++mLinkEpoch;
+        }
+        answered(written);
+      }));
 }
 
 /// One of the requests that a close waits for is done.

@@ -24,8 +24,10 @@ bool sameContents(const udisk_stat& a, const udisk_stat& b) {
 
 }  // namespace
 
+// Of a file with several names, what was fetched under one of them may be changed
+// under another.
 bool isSmallFile(const udisk_stat& attributes) {
-  return S_ISREG(attributes.st_mode) && attributes.st_size > 0 &&
+  return S_ISREG(attributes.st_mode) && attributes.st_nlink <= 1 && attributes.st_size > 0 &&
          attributes.st_size <= kMaxSmallFile;
 }
 

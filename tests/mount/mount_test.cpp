@@ -143,8 +143,10 @@ const Program kPrograms[] = {
      "rm text~; mv text 'a'; ln a b; test $(stat -c %h a) = 2; truncate -s 99 b; "
      "test $(stat -c %s a) = 99; exec 3<>a; truncate -s 70 b; printf z >&3; exec 4>>b; "
      "truncate -s 60 a; printf y >&4; test $(stat -c %s a) = 61; truncate -s 70 a; exec 4>&-; "
+     "perl -e 'open(F, \"+<\", \"b\"); sysseek(F, 90, 0); syswrite(F, \"more\"); @s = stat(\"a\"); "
+     "close(F); exit(-s \"a\" != 94)'; cmp a $DISK/b; "
      "perl -e 'rename \"a\", \"b\"'; test -e a -a -e b; "
-     "test $(stat -c %s a) = 70; exec 3>&-; echo four >> b; grep -aq four a; "
+     "test $(stat -c %s a) = 94; exec 3>&-; echo four >> b; grep -aq four a; "
      "exec 3<>a; rm a b; echo five >&3; exec 3>&-; test -z \"$(ls -A $DISK)\""},
     {"Offsets",
      "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
