@@ -141,6 +141,16 @@ def unmounted(programs, work):
           "the directory below; mounted again, the disk is served again")
 
 
+def stop(process):
+    """Stops every thread of it, and waits until they are."""
+    process.send_signal(signal.SIGSTOP)
+    def states():
+        for thread in os.listdir(f"/proc/{process.pid}/task"):
+            with open(f"/proc/{process.pid}/task/{thread}/stat", encoding="ascii") as stat:
+                yield stat.read().rsplit(")", 1)[1].split()[0]
+    expect(eventually(lambda: set(states()) == {"T"}), "it does not stop")
+
+
 def hanging(programs, work):
     there = f"{work}/disk/there"
     os.makedirs(there)
@@ -153,9 +163,10 @@ def hanging(programs, work):
         stack.callback(drive.send_signal, signal.SIGCONT)
         expect(eventually(lambda: os.path.ismount(there)), "no drive")
         host = stack.enter_context(Host(programs, f"{work}/disk"))
+        stack.callback(drive.send_signal, signal.SIGCONT)  # before the host is waited for
         remote = stack.enter_context(Remote(host))
         expect(saved(remote, b"/there/file", b"x"), "the drive does not work")
-        drive.send_signal(signal.SIGSTOP)
+        stop(drive)
         sent = [remote.send(Request(*r)) for r in ((102, b"/there/a"), (119, b"/"), (103, b"/there/b"))]
         remote.socket.settimeout(3)
         with contextlib.suppress(TimeoutError):
@@ -163,7 +174,7 @@ def hanging(programs, work):
         drive.send_signal(signal.SIGCONT)
         remote.socket.settimeout(20)
         expect([remote.take()[0] for _ in sent] == sent, "not answered afterwards")
-        drive.send_signal(signal.SIGSTOP)
+        stop(drive)
         remote.send(Request(102, b"/there/c"))
         time.sleep(0.5)
         host.may_be_over = True
