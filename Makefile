@@ -74,14 +74,16 @@ faults:
 	faults/faults $(FAULTS)
 
 # Floods, remotes that stand still, killed and stopped ends; with a table of what it cost.
-overload: setup
+overload:
+	@scripts/setup.sh faults
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target udisk-host udisk-redir udisk-mount
 	faults/overload --bin build/release/bin
 
 # All commands and the drive under random faults. As root the disk fails, too.
 MINUTES ?= 20
-soak: setup
+soak:
+	@scripts/setup.sh faults
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS) --target udisk-soak
 	build/release/bin/udisk-soak --minutes $(MINUTES) $(SOAK)

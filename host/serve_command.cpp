@@ -1,8 +1,11 @@
 #include "serve_command.h"
 
+#include <fcntl.h>
 #include <spdlog/spdlog.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -55,6 +58,20 @@ const std::map<std::string, LogLevels>& logLevels() {
       {"error", {spdlog::level::err, kLogError}},
       {"off", {spdlog::level::off, kLogError + 1}}};
   return levels;
+}
+
+// Of the mount as well: the same disk mounted again is outside of what a host was
+// confined to.
+using Identity = std::pair<std::uint64_t, std::uint64_t>;
+
+std::optional<Identity> identityOf(const std::string& directory) {
+  constexpr unsigned kUniqueMount = 0x4000;  // younger than the headers
+  struct statx status {};
+  if (::statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID | kUniqueMount, &status) !=
+      0) {
+    return std::nullopt;
+  }
+  return Identity(status.stx_mnt_id, status.stx_ino);
 }
 
 // Nothing: the host keeps the rights that it was started with.
@@ -151,13 +168,22 @@ void serve(const ServeOptions& options) {
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);
 
   Cleanup cleanup(mounted);
+  std::optional<Identity> confinedTo;
   ServerHooks hooks;
   hooks.listening = [&](Listener& listener) {
     if (const auto mode = sandboxModes().at(options.sandbox)) {
       cleanup.splitOff(listener);
       confine(*mode, directory, options.readOnly);
+      confinedTo = identityOf(directory);
     }
     blocked.reset();
+  };
+  hooks.arrived = [&] {
+    if (!confinedTo || confinedTo == identityOf(directory)) return;
+    spdlog::error(
+        "{} is not the directory that this host was confined to: the disk is gone, or was mounted "
+        "again. Start the host anew, or with --sandbox=off",
+        printable(directory));
   };
   hooks.closed = [&cleanup] { cleanup.removeSocket(); };
   runServer(module, base, options.socketPath, directory, hooks);

@@ -106,6 +106,7 @@ class Server {
       spdlog::warn("refused a second remote (process {})", peer.pid);
     } else {
       spdlog::info("a remote connected (process {})", peer.pid);
+      mHooks.arrived();
       start(std::move(socket));
     }
   }

@@ -13,6 +13,7 @@ namespace zor::host {
 
 struct ServerHooks {
   std::function<void(Listener&)> listening;  ///< signals are awaited, the socket is there
+  std::function<void()> arrived;             ///< a remote is about to be served
   std::function<void()> closed;              ///< the end has begun, the socket is closed
 };
 
