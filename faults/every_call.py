@@ -40,13 +40,13 @@ class Disk:
                 file.write(f"contents of {name}")
 
     def lay_out(self):
-        shutil.rmtree(f"{self.root}/work", ignore_errors=True)
-        self.put("work", *"abcdefghij")
-        os.mkdir(f"{self.root}/work/empty")
+        shutil.rmtree(f"{self.root}/own", ignore_errors=True)
+        self.put("own", *"abcdefghij")
+        os.mkdir(f"{self.root}/own/empty")
 
     def state(self):
         found = {}
-        for directory, inner, files in os.walk(f"{self.root}/work"):
+        for directory, inner, files in os.walk(f"{self.root}/own"):
             for path in (os.path.join(directory, name) for name in inner + files):
                 found[path] = [os.stat(path).st_mode]
                 if not os.path.isdir(path):
@@ -60,13 +60,13 @@ def requests(cached):
     still, chunks = b"/fixed/still", b"".join(struct.pack("<qI", n, 3) + b"abc" for n in (0, 10, 20))
     batch = b"".join(Request(105, still + name).payload for name in (b"/1", b"/2", b"/link"))
     return [Request(107, still)] + [Request(cmd, path) for cmd, path in (
-        (102, still + b"/1"), (102, b"/none"), (103, b"/work/new"), (103, b"/work/more/new"),
-        (105, still + b"/link"), (105, b"/none"), (108, b"/x"), (109, b"/work/a"), (110, b"/work/b"),
-        (111, b"/work/c"), (112, b"/work/d"), (113, b"/x"), (114, b"/work/made/too"),
-        (115, b"/work/empty"), (117, b"/work/e"), (119, b"/x"), (120, b"/work/f"))] + [
+        (102, still + b"/1"), (102, b"/none"), (103, b"/own/new"), (103, b"/own/more/new"),
+        (105, still + b"/link"), (105, b"/none"), (108, b"/x"), (109, b"/own/a"), (110, b"/own/b"),
+        (111, b"/own/c"), (112, b"/own/d"), (113, b"/x"), (114, b"/own/made/too"),
+        (115, b"/own/empty"), (117, b"/own/e"), (119, b"/x"), (120, b"/own/f"))] + [
             Request(105, b"/large", offset=100, size=200000), Request(200, b"E:"),
-            Request(106, b"/work/g", data=b"x" * 5000), Request(106, b"/work/h", data=chunks, form=0),
-            Request(116, b"/work/i", to=b"/work/linked"), Request(118, b"/work/j", to=b"/work/n"),
+            Request(106, b"/own/g", data=b"x" * 5000), Request(106, b"/own/h", data=chunks, form=0),
+            Request(116, b"/own/i", to=b"/own/linked"), Request(118, b"/own/j", to=b"/own/n"),
             Request(123, struct.pack("<I", 3) + batch), Request(121, still, cached=b"\xff", count=1),
             Request(121, still, cached=cached, count=9)]  # no answer: nothing has changed
 
