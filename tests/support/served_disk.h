@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <string>
 
@@ -44,7 +45,11 @@ class ServedDisk {
     waitFor(mHost);
     mHost = -1;
   }
-  void signal(int number) const { ::kill(mHost, number); }
+  /// After SIGSTOP the host has stopped with all its threads.
+  void signal(int number) const {
+    ::kill(mHost, number);
+    if (number == SIGSTOP) ::waitpid(mHost, nullptr, WUNTRACED);
+  }
 
  private:
   std::string log() const { return mDirectory / "log"; }
