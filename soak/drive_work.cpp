@@ -87,7 +87,7 @@ class Twins {
   }
   std::string at(std::size_t side, const std::string& path) const { return mRoots[side] + path; }
   void clear();
-  void session();
+  void openFileWork();
   void insideSession(const std::array<UniqueFd, 2>& files, std::string& path);
   void readWhole(const std::string& path);
   void compareAttributes(const std::string& path);
@@ -115,7 +115,7 @@ void Twins::step() {
   const std::string path = name();
   const auto mode = static_cast<mode_t>(0600 + mDice.roll(0200));
   const std::uint64_t roll = mDice.roll(100);
-  if (roll < 45) return session();
+  if (roll < 45) return openFileWork();
   if (roll < 55) return readWhole(path);
   if (roll < 65) return compareAttributes(path);
   if (roll < 67) return verify();
@@ -148,7 +148,7 @@ void Twins::step() {
   }
 }
 
-void Twins::session() {
+void Twins::openFileWork() {
   constexpr std::array<int, 5> kFlags{0, O_CREAT, O_CREAT, O_CREAT | O_TRUNC, O_CREAT | O_APPEND};
   std::string path = name();
   const int flags = O_RDWR | O_CLOEXEC | kFlags[mDice.roll(kFlags.size())];

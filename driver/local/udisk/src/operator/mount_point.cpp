@@ -11,7 +11,7 @@ namespace zor {
 namespace {
 
 // An open mount point keeps the disk from being unmounted and hides that it is
-// gone: both for no longer than nobody notices.
+// gone: both only for as long as nobody notices.
 constexpr auto kLongestHold = std::chrono::milliseconds(2);
 
 }  // namespace
