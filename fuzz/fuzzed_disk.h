@@ -10,9 +10,6 @@
 #include "driver/disk_fixture.h"
 #include "input.h"
 
-// The whole system's, once per input, would take longer than all the rest.
-extern "C" inline __attribute__((used)) void sync() noexcept {}
-
 namespace zor::fuzz {
 
 /// As root, /media becomes a small file system that nobody else sees, and the
