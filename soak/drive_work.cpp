@@ -82,8 +82,11 @@ class Twins {
     return kNames[mDice.roll(kNames.size())];
   }
   std::string name() {
-    mTouched.insert(directory() + "/f" + std::to_string(mDice.roll(6)));
-    return *mTouched.rbegin();
+    std::string path = directory() + "/f" + std::to_string(mDice.roll(6));
+    mTouched.insert(path);
+    struct stat status {};
+    if (::lstat(at(1, path).c_str(), &status) == 0) mTouchedFiles.insert(status.st_ino);
+    return path;
   }
   std::string at(std::size_t side, const std::string& path) const { return mRoots[side] + path; }
   void clear();
@@ -99,6 +102,7 @@ class Twins {
   const std::array<std::string, 2> mRoots;
   std::uint64_t mMark = 0;
   std::set<std::string> mTouched;  ///< by this step
+  std::set<ino_t> mTouchedFiles;   ///< the same beside the drive, for their other names
 };
 
 void Twins::clear() {
@@ -111,6 +115,7 @@ void Twins::clear() {
 
 void Twins::step() {
   mTouched.clear();
+  mTouchedFiles.clear();
   mMark = mWorker.rig.state.mark();
   const std::string path = name();
   const auto mode = static_cast<mode_t>(0600 + mDice.roll(0200));
@@ -255,7 +260,7 @@ void Twins::verifyDirectory(const std::string& path, bool all) {
     ::lstat(at(1, inner).c_str(), &status);
     if (S_ISDIR(status.st_mode)) {
       verifyDirectory(inner, all);
-    } else if (all || status.st_nlink == 1) {
+    } else if (all || mTouchedFiles.count(status.st_ino) == 0) {
       compareAttributes(inner);
       readWhole(inner);
     }
