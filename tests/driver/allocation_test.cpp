@@ -9,22 +9,33 @@ namespace {
 
 thread_local long tLeft = -1;  ///< allocations until the one that fails; -1: none does
 
-void* allocate(std::size_t size) noexcept {
-  if (tLeft >= 0 && tLeft-- == 0) return nullptr;
-  return std::malloc(size);
-}
+bool fails() noexcept { return tLeft >= 0 && tLeft-- == 0; }
 
 // Not inlined: the compiler would take it for a mistake in an operator delete.
 [[gnu::noinline]] void release(void* memory) noexcept { std::free(memory); }
 
 }  // namespace
 
+// The linker leads the driver's own calls here.
+extern "C" {
+void* __real_malloc(std::size_t size);
+void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_realloc(void* memory, std::size_t size);
+void* __wrap_malloc(std::size_t size) { return fails() ? nullptr : __real_malloc(size); }
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+  return fails() ? nullptr : __real_calloc(count, size);
+}
+void* __wrap_realloc(void* memory, std::size_t size) {
+  return fails() ? nullptr : __real_realloc(memory, size);
+}
+}
+
 void* operator new(std::size_t size) {
-  if (void* memory = allocate(size)) return memory;
+  if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  return allocate(size);
+  return std::malloc(size);
 }
 void operator delete(void* memory) noexcept { release(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { release(memory); }

@@ -88,6 +88,17 @@ TEST_F(DiskTest, ABatchOfChunksStopsAtTheFirstThatFails) {
   EXPECT_EQ(device.traces().at(2), "LOCAL_UDISK_WRITE_FILE_FAIL error /f udisk writeFile fail");
 }
 
+TEST_F(DiskTest, ADiskThatIsClosedBeginsNothingMoreOfABatch) {
+  op.StopServing();
+  EXPECT_EQ(ask(123, le(1, 4) + le(0, 8) + le(9, 4) + le(6, 4) + le(0, 4) + "/spare"),
+            std::nullopt);
+  const std::string spare = contentsOf(disk + "/spare"), rest = le(0, 8) + le(6, 2) + le(0, 2);
+  const std::string chunks = wire("0000000000000000 02000000 'xx'");
+  EXPECT_EQ(ask(106, le(0, 8) + le(14, 4) + rest + "/spare" + chunks),
+            le(0, 8) + le(0, 4) + rest + "/spare");
+  EXPECT_EQ(contentsOf(disk + "/spare"), spare);
+}
+
 TEST_F(DiskTest, LocalPathsNeedNoMountPoint) {
   FileManagerLinux files;
   std::string directory = outside + "/x/y/z", file = outside + "/inside.txt",
