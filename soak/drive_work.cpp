@@ -95,17 +95,19 @@ class Twins {
   void readWhole(const std::string& path);
   void compareAttributes(const std::string& path);
   void verifyDirectory(const std::string& path, bool all);
-  bool touched(const std::string& path) const;
+  bool mayBeLeft(const std::string& name) const;
 
   Worker& mWorker;
   Dice& mDice;
   const std::array<std::string, 2> mRoots;
   std::uint64_t mMark = 0;
+  std::uint64_t mCleared = 0;      ///< when both were last emptied
   std::set<std::string> mTouched;  ///< by this step
   std::set<ino_t> mTouchedFiles;   ///< the same beside the drive, for their other names
 };
 
 void Twins::clear() {
+  mCleared = mWorker.rig.state.mark();
   for (const std::string& root : mRoots) {
     fs::remove_all(root);
     fs::create_directories(root + "/d1/d2");
@@ -230,8 +232,11 @@ void Twins::compareAttributes(const std::string& path) {
     if (result == 0) {
       found = "mode " + std::to_string(status.st_mode);
       if (S_ISREG(status.st_mode)) {
-        found +=
-            " size " + std::to_string(status.st_size) + " links " + std::to_string(status.st_nlink);
+        found += " size " + std::to_string(status.st_size);
+        // A removed name that is left counts as one.
+        if (mWorker.rig.state.heldSince(mCleared)) {
+          found += " links " + std::to_string(status.st_nlink);
+        }
       }
     }
     return result;
@@ -250,7 +255,9 @@ void Twins::verifyDirectory(const std::string& path, bool all) {
     while (const dirent* entry = ::readdir(directory)) names.insert(entry->d_name);
     ::closedir(directory);
     for (const char* dots : {".", ".."}) names.erase(dots);
-    if (!all) std::erase_if(names, [&](auto& name) { return touched(path + "/" + name); });
+    std::erase_if(names, [&](auto& name) {
+      return mayBeLeft(name) || (!all && mTouched.count(path + "/" + name) != 0);
+    });
     for (const std::string& name : names) found += name + "/";
     return 0;
   });
@@ -267,9 +274,10 @@ void Twins::verifyDirectory(const std::string& path, bool all) {
   }
 }
 
-bool Twins::touched(const std::string& path) const {
-  // What an open file that was removed is called until it is closed.
-  return mTouched.count(path) != 0 || path.find("/.udisk-removed-") != std::string::npos;
+/// What an open file that was removed is called until it is closed: a faulty
+/// disk may keep it. The drive says so, but no program is told.
+bool Twins::mayBeLeft(const std::string& name) const {
+  return name.rfind(".udisk-removed-", 0) == 0 && !mWorker.rig.state.heldSince(mCleared);
 }
 
 void Twins::recover() {
