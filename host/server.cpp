@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <spdlog/spdlog.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -123,6 +124,7 @@ class Server {
 
   void onFinished() {
     mConnection.reset();
+    ::malloc_trim(0);  // what a flood took goes back to the system
     if (mEnding) {
       mContext.stop();
     } else if (std::exchange(mAcceptDeferred, false)) {
