@@ -114,7 +114,7 @@ class Drive {
   /// All of it, or an errno; what a write without an error leaves behind may
   /// still fail later, which the next write, flush or sync then tells.
   /// `appends`: `offset` is where the kernel takes the end to be. It does not see
-  /// what was done through another name of the file.
+  /// what was done through another name of the file, so the drive's own idea counts.
   Outcome<Unit> write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends = false);
   /// For every close(2): waits until all that was written is on the disk.
   Outcome<Unit> flush(OpenFile& file);
@@ -209,7 +209,7 @@ class Drive {
   OpenResult openNode(Node& node, bool writable);
 
   // drive_writing.cpp
-  void lookBeforeWriting(Lock& lock, NodeId id);
+  bool lookBeforeWriting(Lock& lock, NodeId id);
   bool mayWrite(const FileState& file) const;
   void waitToWrite(Lock& lock, NodeId node);
   void sendGathered(Node& node);

@@ -20,19 +20,18 @@ constexpr std::size_t kMostInFlight = std::size_t{16} << 20;
 }  // namespace
 
 Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends) {
-  if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
-                            static_cast<std::uint64_t>(offset) <
-                        data.size()) {
-    return Errno{EFBIG};
-  }
   if (data.empty()) return Unit{};
   Lock lock(mMutex);
   if (Outcome<Unit> failure = unseenFailure(lock, file); !failure) return failure;
   const std::size_t limit = mWriteWindow.chunkSize();
-  lookBeforeWriting(lock, file.mNode);
+  const bool known = lookBeforeWriting(lock, file.mNode);
+  if (appends && !known) return Errno{EIO};
   Node* node = mTree.find(file.mNode);
-  if (appends && node->place != nullptr && node->place->second.attributes.st_nlink > 1) {
-    offset = visible(node->place->second).st_size;
+  if (appends && node->place != nullptr) offset = visible(node->place->second).st_size;
+  if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
+                            static_cast<std::uint64_t>(offset) <
+                        data.size()) {
+    return Errno{EFBIG};
   }
   while (!node->file->gather.accepts(offset, data.size(), limit)) {
     waitToWrite(lock, file.mNode);
@@ -64,19 +63,18 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
 }
 
 /// From a write on, the size is told from what was known before; another name of
-/// the file may have been used to change it.
-void Drive::lookBeforeWriting(Lock& lock, NodeId id) {
+/// the file may have been used to change it. False when it cannot be learnt.
+bool Drive::lookBeforeWriting(Lock& lock, NodeId id) {
   const auto isUnsure = [&] {
     const Node& node = *mTree.find(id);
-    return !node.file->ahead && node.place != nullptr &&
-           node.place->second.attributes.st_nlink > 1 && isDoubtful(node.place->second);
+    return !node.file->ahead && node.place != nullptr && isDoubtful(node.place->second);
   };
-  if (!isUnsure()) return;
+  if (!isUnsure()) return true;
   waitForNames(lock);
-  if (!isUnsure()) return;
+  if (!isUnsure()) return true;
   const Node& node = *mTree.find(id);
   const std::string name = node.place->first;
-  static_cast<void>(look(lock, node.parent->id, name));
+  return look(lock, node.parent->id, name).ok();
 }
 
 bool Drive::mayWrite(const FileState& file) const {

@@ -148,6 +148,8 @@ const Program kPrograms[] = {
      "truncate -s 60 a; printf y >&4; test $(stat -c %s a) = 61; truncate -s 70 a; exec 4>&-; "
      "perl -e 'open(F, \"+<\", \"b\"); sysseek(F, 90, 0); syswrite(F, \"more\"); @s = stat(\"a\"); "
      "close(F); exit(-s \"a\" != 94)'; cmp a $DISK/b; "
+     "seq 99 > e; ln e f; truncate -s 4 f; rm f; echo end >> e; test $(stat -c %s $DISK/e) = 8; rm "
+     "e; "
      "perl -e 'rename \"a\", \"b\"'; test -e a -a -e b; "
      "test $(stat -c %s a) = 94; exec 3>&-; echo four >> b; grep -aq four a; "
      "exec 3<>a; rm a b; echo five >&3; exec 3>&-; "
