@@ -102,6 +102,35 @@ TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {
   driver.Close(0);
 }
 
+// A stream opens its file once, but only for as long as the path leads to it.
+TEST_F(DriverTest, AStreamGoesOnInWhatANeighbourPutInItsPlace) {
+  auto served = open();
+  const auto read = [&] {
+    served->EventHandle(requestOf(105, le(0, 12) + le(9, 4) + le(2, 4) + le(0, 4) + "/s", 200));
+  };
+  const auto write = [&](const std::string& data) {
+    const std::string record =
+        le(0, 8) + le(data.size(), 4) + le(0, 4) + le(1, 4) + le(2, 2) + le(0, 2);
+    served->EventHandle(requestOf(106, record + "/s" + data, 200));
+  };
+  put(disk + "/s", "one");
+  {
+    const UDiskOperator::Burst burst(*served);
+    for (int i = 0; i < 3; ++i) read(), write("ONE");
+    put(disk + "/t", "another");
+    fs::rename(disk + "/t", disk + "/s");
+    for (int i = 0; i < 3; ++i) read(), write("ANO");
+    fs::remove(disk + "/s");
+    read();
+  }
+  std::string found;
+  for (const std::string& reply : device.sent()) {
+    if (reply[2] == 105) found += reply.substr(42) + " ";
+  }
+  EXPECT_EQ(found, "one ONE ONE another ANOther ANOther  ");
+  driver.Close(0);
+}
+
 TEST_F(DriverTest, ClosedUnderLoadItDestroysEveryRequest) {
   struct Counter final : PacketBudget {
     void ReleasePacket(std::size_t) noexcept override { --packets; }

@@ -123,8 +123,9 @@ UniqueFd DiskRoot::walk(const char* path, int flags, mode_t mode) const {
   }
 }
 
-void DiskRoot::forgetParents() noexcept {
+void DiskRoot::forgetOpened() noexcept {
   for (Parent& known : mParents) known.fd.reset();
+  for (HeldFile& file : mHeld) file.forget();
 }
 
 int DiskRoot::openParent(std::string_view parent) {

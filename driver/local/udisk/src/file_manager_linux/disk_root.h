@@ -9,6 +9,7 @@
 // links are refused.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -17,16 +18,67 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "support/unique_fd.h"
 
 namespace zor {
 
-/// What tells a mount point's disk from whatever shows there once it is gone.
-struct MountIdentity {
+/// What tells a mount point's disk from whatever shows there once it is gone, and
+/// a file from another one that got its name.
+struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
-  bool operator==(const MountIdentity&) const = default;
+  bool operator==(const FileIdentity&) const = default;
+};
+
+/// The descriptor of one operation, or one that is held for several.
+class OpenedFile {
+ public:
+  OpenedFile() = default;
+  explicit OpenedFile(UniqueFd own) noexcept : mOwn(std::move(own)), mFd(mOwn.get()) {}
+  explicit OpenedFile(int held) noexcept : mFd(held) {}
+  int get() const noexcept { return mFd; }
+  explicit operator bool() const noexcept { return mFd >= 0; }
+
+ private:
+  UniqueFd mOwn;
+  int mFd = -1;
+};
+
+/// The file that operations opened last, of one kind of access, so that a stream
+/// of them opens it once. Each looks at its path all the same: what is open is
+/// used only for the very file that was looked at.
+class HeldFile {
+ public:
+  /// The descriptor for the file that `status` describes, or -1: the operation
+  /// has to open it itself. Only from the second operation in a row on is `open`
+  /// called, for a descriptor to hold.
+  template <class Open>
+  int find(const struct stat& status, Open open) {
+    const FileIdentity wanted{status.st_dev, status.st_ino};
+    if (wanted != mIdentity) {
+      mFd.reset();
+      mIdentity = wanted;
+    } else if (!mFd) {
+      struct stat opened {};
+      mFd = open();
+      // A neighbour may have put another one in its place.
+      if (mFd && (::fstat(mFd.get(), &opened) != 0 ||
+                  FileIdentity{opened.st_dev, opened.st_ino} != wanted)) {
+        mFd.reset();
+      }
+    }
+    return mFd.get();
+  }
+  void forget() noexcept {
+    mFd.reset();
+    mIdentity = {};
+  }
+
+ private:
+  FileIdentity mIdentity;
+  UniqueFd mFd;
 };
 
 /// One thread at a time. Opened for a request, or a few that arrived together,
@@ -43,7 +95,7 @@ class DiskRoot {
   int error() const noexcept { return mError; }
   void refuse(int error) noexcept { mError = error; }
 
-  const MountIdentity& identity() const noexcept { return mIdentity; }
+  const FileIdentity& identity() const noexcept { return mIdentity; }
   int fd() const noexcept { return mFd.get(); }
 
   /// The local path as it is written in log lines: both texts, nothing between.
@@ -60,10 +112,12 @@ class DiskRoot {
   /// A descriptor for use with the *at calls. It stays valid until the second
   /// next call: two places may be in use at a time.
   int openParent(std::string_view parent);
-  /// The directories that are open no longer stand for their paths.
-  void forgetParents() noexcept;
+  /// The file opened last for `accessMode`, O_RDONLY or O_WRONLY.
+  HeldFile& held(int accessMode) noexcept { return mHeld[accessMode == O_RDONLY ? 0 : 1]; }
+  /// What is open no longer stands for its path.
+  void forgetOpened() noexcept;
 
-  /// More operations will follow: it pays to keep parent directories open.
+  /// More operations will follow: it pays to keep directories and files open.
   void expectMore() noexcept { mExpectsMore = true; }
   bool expectsMore() const noexcept { return mExpectsMore; }
 
@@ -81,10 +135,11 @@ class DiskRoot {
   char mMountPoint[256] = {};
   std::size_t mMountPointLength = 0;
   UniqueFd mFd;
-  MountIdentity mIdentity;
+  FileIdentity mIdentity;
   int mError = 0;
   std::array<Parent, 2> mParents;
   std::size_t mNextParent = 0;
+  std::array<HeldFile, 2> mHeld;
   bool mExpectsMore = false;
 };
 

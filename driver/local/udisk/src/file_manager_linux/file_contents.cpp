@@ -34,14 +34,14 @@ UniqueFd openThroughLink(const Location& file, int flags, struct stat& status, m
   return file.open(flags | kNeverBlock, mode);
 }
 
-UniqueFd openRegular(const Location& file, int flags, struct stat& status, mode_t mode = 0) {
-  if (!file.confined()) return openThroughLink(file, flags, status, mode);
+OpenedFile openRegular(const Location& file, int flags, struct stat& status, mode_t mode = 0) {
+  if (!file.confined()) return OpenedFile(openThroughLink(file, flags, status, mode));
   const Location::Entry entry = file.entry();
   if (!entry) return {};
   if (::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno != ENOENT || (flags & O_CREAT) == 0) return {};
   } else if (S_ISLNK(status.st_mode)) {
-    return openThroughLink(file, flags, status, mode);
+    return OpenedFile(openThroughLink(file, flags, status, mode));
   } else if (!isRegular(status)) {
     return {};
   }
@@ -49,11 +49,18 @@ UniqueFd openRegular(const Location& file, int flags, struct stat& status, mode_
     errno = EISDIR;
     return {};
   }
-  return UniqueFd(retryOnInterrupt(
-      [&] { return ::openat(entry.dirFd, entry.name, flags | O_NOFOLLOW | kNeverBlock, mode); }));
+  const auto open = [&] {
+    return UniqueFd(retryOnInterrupt(
+        [&] { return ::openat(entry.dirFd, entry.name, flags | O_NOFOLLOW | kNeverBlock, mode); }));
+  };
+  if (DiskRoot& root = *file.root();
+      root.expectsMore() && (flags == O_RDONLY || flags == O_WRONLY)) {
+    if (const int held = root.held(flags).find(status, open); held >= 0) return OpenedFile(held);
+  }
+  return OpenedFile(open());
 }
 
-UniqueFd create(const Location& file, int mode) {
+OpenedFile create(const Location& file, int mode) {
   struct stat status {};
   return openRegular(file, O_WRONLY | O_CREAT | O_TRUNC, status,
                      static_cast<mode_t>(mode & 0xffff));
@@ -61,7 +68,7 @@ UniqueFd create(const Location& file, int mode) {
 
 int synchronise(const Location& file) {
   struct stat status {};
-  const UniqueFd fd = openRegular(file, O_RDWR, status);
+  const OpenedFile fd = openRegular(file, O_RDWR, status);
   return fd ? retryOnInterrupt([&] { return ::fsync(fd.get()); }) : -1;
 }
 
@@ -72,10 +79,10 @@ int FileManagerLinux::UdiskCreateFile(char* path, int flags, int mode) {
 }
 
 int FileManagerLinux::UdiskCreateFile(const Location& file, int /*flags*/, int mode) {
-  UniqueFd fd = create(file, mode);
+  OpenedFile fd = create(file, mode);
   if (!fd) {
     UdiskMakeDir(file, 0777, 0);
-    if (DiskRoot* root = file.root()) root->forgetParents();
+    if (DiskRoot* root = file.root()) root->forgetOpened();
     fd = create(file, mode);
   }
   return fd.get();
@@ -89,7 +96,7 @@ int FileManagerLinux::UdiskFlush(char* /*path*/) { return 0; }
 
 int FileManagerLinux::UdiskReadFile(const char* path, char* buf, long long offset, int size) {
   struct stat status {};
-  const UniqueFd fd = openRegular(Location(path), O_RDONLY, status);
+  const OpenedFile fd = openRegular(Location(path), O_RDONLY, status);
   if (!fd) {
     MORVEL_ERROR("file_read failed res:%d errno: %s\n", 0, std::strerror(errno));
     return 0;
@@ -104,7 +111,7 @@ int FileManagerLinux::UdiskReadFile(const char* path, char* buf, long long offse
 int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, std::uint32_t size,
                                     ReadTarget& target) {
   struct stat status {};
-  const UniqueFd fd = openRegular(file, O_RDONLY, status);
+  const OpenedFile fd = openRegular(file, O_RDONLY, status);
   if (!fd) {
     MORVEL_ERROR("file_read failed res:%d errno: %s\n", 0, std::strerror(errno));
     return -1;
@@ -129,16 +136,17 @@ int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, s
 
 FileWriter::FileWriter(const Location& file) {
   struct stat status {};
-  mFd = openRegular(file, O_WRONLY, status);
-  if (!mFd) MORVEL_ERROR("write file fail errno:%s \n", std::strerror(errno));
+  mFile = openRegular(file, O_WRONLY, status);
+  if (!mFile) MORVEL_ERROR("write file fail errno:%s \n", std::strerror(errno));
 }
 
 int FileWriter::write(std::span<const std::byte> data, std::int64_t offset) noexcept {
-  if (!mFd) return 0;
+  if (!mFile) return 0;
   const ssize_t count =
-      retryOnInterrupt([&] { return ::pwrite(mFd.get(), data.data(), data.size(), offset); });
+      retryOnInterrupt([&] { return ::pwrite(mFile.get(), data.data(), data.size(), offset); });
   if (count < 0) {
-    MORVEL_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", -1, mFd.get(), std::strerror(errno));
+    MORVEL_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", -1, mFile.get(),
+                 std::strerror(errno));
   }
   return static_cast<int>(count);
 }
@@ -154,7 +162,7 @@ int FileManagerLinux::UdiskTruncate(char* path, long long length) {
 
 int FileManagerLinux::UdiskTruncate(const Location& file, long long length) {
   struct stat status {};
-  const UniqueFd fd = openRegular(file, O_WRONLY, status);
+  const OpenedFile fd = openRegular(file, O_WRONLY, status);
   return fd ? retryOnInterrupt([&] { return ::ftruncate(fd.get(), length); }) : -1;
 }
 

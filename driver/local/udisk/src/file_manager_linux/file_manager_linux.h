@@ -43,7 +43,7 @@ class FileWriter {
   int write(std::span<const std::byte> data, std::int64_t offset) noexcept;
 
  private:
-  UniqueFd mFd;
+  OpenedFile mFile;
 };
 
 /// Stateless: one short sequence of system calls per method, nothing stays

@@ -81,7 +81,7 @@ void UDiskOperator::EventHandle(std::unique_ptr<ZorPacket> packet) noexcept {
   if (!mInBurst || mDisk->error() != 0) {
     closeDisk();
   } else if (operation->turnsPaths) {
-    mDisk->forgetParents();
+    mDisk->forgetOpened();
   }
 }
 

@@ -204,7 +204,7 @@ class UDiskOperator : public UdiskOperatorInf {
   /// Guards mMountPoint, mMountDrive, mStatvfsList and the two below; never
   /// held over a file-system call.
   std::mutex mMountMutex;
-  std::optional<MountIdentity> mMountIdentity;  ///< of the mount point's first use
+  std::optional<FileIdentity> mMountIdentity;  ///< of the mount point's first use
   std::uint64_t mMountGeneration = 0;           ///< counts the settings of mMountPoint
 };
 
