@@ -136,12 +136,33 @@ std::chrono::nanoseconds Drive::kernelValidity(const Node& directory, const Entr
   return std::max(std::chrono::nanoseconds(0), validity(directory, entry));
 }
 
+/// How many names of the same file were removed, but are still open. Those that
+/// the host has removed as well are no longer in the tree.
+std::uint64_t Drive::hiddenNames(const Entry& entry) const {
+  if (entry.attributes.st_nlink <= 1) return 1;
+  std::uint64_t count = 0;
+  for (const auto& [directory, name] : mHiddenPlaces) {
+    const Entry* hidden = findHidden(directory, name);
+    if (hidden != nullptr && hidden->attributes.st_ino == entry.attributes.st_ino) ++count;
+  }
+  return count;
+}
+
+const Entry* Drive::findHidden(NodeId directory, const std::string& name) const {
+  const Node* node = mTree.find(directory);
+  if (node == nullptr || !node->directory) return nullptr;
+  const auto at = node->directory->entries.find(name);
+  return at != node->directory->entries.end() && at->second.hidden ? &at->second : nullptr;
+}
+
 udisk_stat Drive::visible(const Entry& entry) const {
   udisk_stat attributes = entry.attributes;
-  if (entry.hidden && attributes.st_nlink > 0) --attributes.st_nlink;
+  if (attributes.st_nlink > 1 || entry.hidden) {
+    attributes.st_nlink -= std::min<std::uint64_t>(attributes.st_nlink, hiddenNames(entry));
+  }
   // Programs take a file whose number changes for another one. Names of one file
   // must have the same number, though.
-  if (entry.node != nullptr && entry.node->ownNumber && attributes.st_nlink == 1) {
+  if (entry.node != nullptr && entry.node->ownNumber && entry.attributes.st_nlink == 1) {
     attributes.st_ino = kOwnNumbers | entry.node->id;
   }
   if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) {

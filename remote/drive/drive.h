@@ -164,6 +164,8 @@ class Drive {
   bool isDoubtful(const Entry& entry) const;
   std::chrono::nanoseconds validity(const Node& directory, const Entry& entry) const;
   std::chrono::nanoseconds kernelValidity(const Node& directory, const Entry& entry) const;
+  std::uint64_t hiddenNames(const Entry& entry) const;
+  const Entry* findHidden(NodeId directory, const std::string& name) const;
   udisk_stat visible(const Entry& entry) const;
   NodeEntry enterLocked(Node& directory, Entries::value_type& place);
   Outcome<NodeEntry> enterByName(NodeId directory, const std::string& name);
@@ -236,6 +238,7 @@ class Drive {
   std::size_t mBytesInFlight = 0;                ///< of writes
   std::vector<std::string> mLost;                ///< files that lost data
   std::uint64_t mHiddenNames = 0;
+  std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;
   DriveCounters mCounters;
   bool mStop = false;

@@ -98,6 +98,10 @@ Outcome<Unit> Drive::hide(Lock& lock, NodeId directory, const std::string& name,
   if (at == node->directory->entries.end()) return Unit{};
   at->second.hidden = true;
   node->directory->snapshot = nullptr;
+  std::erase_if(mHiddenPlaces, [&](const auto& place) {
+    return findHidden(place.first, place.second) == nullptr;
+  });
+  mHiddenPlaces.emplace_back(directory, hidden);
   // It may have been closed meanwhile.
   if (at->second.node == nullptr || !at->second.node->file) {
     return removeName(lock, directory, hidden, false);

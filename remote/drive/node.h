@@ -107,6 +107,7 @@ class NodeTree {
 
   Node& root() noexcept { return *mRoot; }
   Node* find(NodeId id);
+  const Node* find(NodeId id) const;
 
   /// The node of a name, made if it has none.
   Node& nodeAt(Node& directory, Entries::value_type& place);

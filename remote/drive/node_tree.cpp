@@ -39,6 +39,11 @@ Node* NodeTree::find(NodeId id) {
   return at == mNodes.end() ? nullptr : at->second.get();
 }
 
+const Node* NodeTree::find(NodeId id) const {
+  const auto at = mNodes.find(id);
+  return at == mNodes.end() ? nullptr : at->second.get();
+}
+
 Node& NodeTree::nodeAt(Node& directory, Entries::value_type& place) {
   Entry& entry = place.second;
   if (entry.node == nullptr) {

@@ -152,7 +152,8 @@ const Program kPrograms[] = {
      "e; "
      "perl -e 'rename \"a\", \"b\"'; test -e a -a -e b; "
      "test $(stat -c %s a) = 94; exec 3>&-; echo four >> b; grep -aq four a; "
-     "exec 3<>a; rm a b; echo five >&3; exec 3>&-; "
+     "ln b c; exec 4<b; rm b; test $(stat -c %h a) = 2; exec 4>&-; test $(stat -c %h a) = 2; rm c; "
+     "test $(stat -c %h a) = 1; exec 3<>a; rm a; echo five >&3; exec 3>&-; "
      // The kernel tells of the last close a little later.
      "for i in $(seq 1000); do test -z \"$(ls -A $DISK)\" && exit; sleep 0.01; done; exit 1"},
     {"Offsets",
