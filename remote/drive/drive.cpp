@@ -115,7 +115,8 @@ bool Drive::isDoubtful(const Entry& entry) const {
 }
 
 std::chrono::nanoseconds Drive::validity(const Node& directory, const Entry& entry) const {
-  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) {
+  if (entry.attributes.st_nlink <= 1 && entry.node != nullptr && entry.node->file &&
+      entry.node->file->ahead) {
     // Nobody knows better than we do; the kernel asks again all the same, as
     // the truth will come from the host.
     return std::chrono::milliseconds(1);
@@ -165,7 +166,9 @@ udisk_stat Drive::visible(const Entry& entry) const {
   if (entry.node != nullptr && entry.node->ownNumber && entry.attributes.st_nlink == 1) {
     attributes.st_ino = kOwnNumbers | entry.node->id;
   }
-  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) {
+  // What was written under one of several names is known from the host, once it was asked.
+  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead &&
+      (entry.attributes.st_nlink <= 1 || isDoubtful(entry))) {
     const FileState& file = *entry.node->file;
     attributes.st_size = std::max(attributes.st_size, file.end);
     attributes.st_mtim = file.lastWrite;
@@ -189,7 +192,8 @@ Outcome<NodeEntry> Drive::enterByName(NodeId directory, const std::string& name)
   return enterLocked(**parent, *at);
 }
 
-void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result) {
+void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result,
+                  std::uint64_t epoch) {
   Node* parent = mTree.find(directory);
   if (parent == nullptr || !parent->directory) return;
   Entries& entries = parent->directory->entries;
@@ -219,7 +223,7 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
   entry.attributes = *result;
   entry.confirmed = Clock::now();
   entry.stale = false;
-  entry.linkEpoch = mLinkEpoch;
+  entry.linkEpoch = epoch;
   if (entry.node == nullptr) return;
   if (entry.node->directory) {
     entry.node->directory->self = *result;
@@ -249,9 +253,10 @@ void Drive::learnSelf(NodeId directory, const Result<udisk_stat>& result) {
 }
 
 void Drive::Burst::queryFile(const std::string& path, NodeId directory, const std::string& name) {
-  add<udisk_stat>(
-      [&](auto done) { mDrive.mDisk.attributes(path, std::move(done)); },
-      [&drive = mDrive, directory, name](auto& result) { drive.learn(directory, name, result); });
+  add<udisk_stat>([&](auto done) { mDrive.mDisk.attributes(path, std::move(done)); },
+                  [&drive = mDrive, directory, name, epoch = mDrive.mLinkEpoch](auto& result) {
+                    drive.learn(directory, name, result, epoch);
+                  });
 }
 
 void Drive::Burst::queryDirectory(NodeId directory) {
@@ -270,7 +275,9 @@ Result<udisk_stat> Drive::look(Lock& lock, NodeId directory, const std::string& 
   if (!path) return Error{ErrorKind::kFailed, "the directory is gone"};
   return ask<udisk_stat>(
       lock, [&](auto done) { mDisk.attributes(joinPath(*path, name), std::move(done)); },
-      [this, directory, name](auto& result) { learn(directory, name, result); });
+      [this, directory, name, epoch = mLinkEpoch](auto& result) {
+        learn(directory, name, result, epoch);
+      });
 }
 
 /// The host gives no reasons; some can be found out.

@@ -169,7 +169,8 @@ class Drive {
   udisk_stat visible(const Entry& entry) const;
   NodeEntry enterLocked(Node& directory, Entries::value_type& place);
   Outcome<NodeEntry> enterByName(NodeId directory, const std::string& name);
-  void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result);
+  void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result,
+             std::uint64_t epoch);
   void learnSelf(NodeId directory, const Result<udisk_stat>& result);
   Result<udisk_stat> look(Lock& lock, NodeId directory, const std::string& name);
   int refusal(Lock& lock, int otherwise);
@@ -211,7 +212,8 @@ class Drive {
   OpenResult openNode(Node& node, bool writable);
 
   // drive_writing.cpp
-  bool lookBeforeWriting(Lock& lock, NodeId id);
+  void lookBeforeWriting(Lock& lock, NodeId id);
+  bool lookBeforeAppending(Lock& lock, NodeId id);
   bool mayWrite(const FileState& file) const;
   void waitToWrite(Lock& lock, NodeId node);
   void sendGathered(Node& node);
@@ -233,10 +235,13 @@ class Drive {
   NodeTree mTree;
   bool mRenaming = false;                        ///< paths may not be used for requests now
   std::vector<std::function<void()>> mDeferred;  ///< reads that wait for the rename's end
-  std::uint64_t mLinkEpoch = 0;                  ///< changes when a file with several names changes
-  std::size_t mOutstanding = 0;                  ///< answers that will use this object
-  std::size_t mBytesInFlight = 0;                ///< of writes
-  std::vector<std::string> mLost;                ///< files that lost data
+  /// Changes with each request that may change a file which has several names.
+  /// The host serves in order, so what was asked for since the last one is true.
+  std::uint64_t mLinkEpoch = 0;
+  bool mAppendingToLinked = false;  ///< somebody is about to append to such a file
+  std::size_t mOutstanding = 0;     ///< answers that will use this object
+  std::size_t mBytesInFlight = 0;   ///< of writes
+  std::vector<std::string> mLost;   ///< files that lost data
   std::uint64_t mHiddenNames = 0;
   std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;

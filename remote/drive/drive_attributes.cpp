@@ -33,14 +33,12 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   const NodeId directory = node->parent->id;
   const std::string name = node->place->first;
   node->place->second.stale = true;
+  ++mLinkEpoch;
   Status status = Unit{};
   if (length <= kTruncateLimit) {
     Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.truncate(*path, length, std::move(done)); },
-                    [this, &status](Status& answer) {
-                      status = answer;
-                      ++mLinkEpoch;
-                    });
+                    [&status](Status& answer) { status = answer; });
     burst.queryFile(*path, directory, name);
     burst.wait(lock);
   } else {
@@ -74,12 +72,10 @@ Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
   const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
   if (!path) return Errno{ESTALE};
   Status status = Unit{};
+  ++mLinkEpoch;
   Burst burst(*this);
   burst.add<Unit>([&](auto done) { start(*path, std::move(done)); },
-                  [this, &status](Status& answer) {
-                    status = answer;
-                    ++mLinkEpoch;
-                  });
+                  [&status](Status& answer) { status = answer; });
   if (node->parent != nullptr) {
     burst.queryFile(*path, node->parent->id, node->place->first);
   } else {

@@ -226,16 +226,14 @@ Outcome<bool> Drive::linkOnce(Lock& lock, NodeId existing, NodeId directory,
   const std::uint64_t inode = node->place->second.attributes.st_ino;
   Status linked = Unit{};
   std::uint64_t made = 0;
+  const std::uint64_t epoch = ++mLinkEpoch;
   Burst burst(*this);
   burst.add<Unit>([&](auto done) { mDisk.link(*from, to, std::move(done)); },
-                  [this, &linked](Status& status) {
-                    linked = status;
-                    ++mLinkEpoch;
-                  });
+                  [&linked](Status& status) { linked = status; });
   burst.queryFile(*from, oldDirectory, oldName);
   burst.add<udisk_stat>([&](auto done) { mDisk.attributes(to, std::move(done)); },
-                        [this, directory, &key, &made](Result<udisk_stat>& result) {
-                          learn(directory, key, result);
+                        [this, directory, epoch, &key, &made](Result<udisk_stat>& result) {
+                          learn(directory, key, result, epoch);
                           if (result) made = result->st_ino;
                         });
   burst.queryDirectory(directory);

@@ -64,9 +64,10 @@ Outcome<Unit> Drive::refreshDirectory(Lock& lock, NodeId id) {
 }
 
 Outcome<Unit> Drive::load(Lock& lock, NodeId id, const std::string& path) {
-  const auto take = [this, id](const Listing& listing) {
+  std::uint64_t epoch = mLinkEpoch;
+  const auto take = [this, id, &epoch](const Listing& listing) {
     Node& node = *mTree.find(id);
-    mTree.merge(node, listing, Clock::now(), mLinkEpoch);
+    mTree.merge(node, listing, Clock::now(), epoch);
     node.directory->recent = changedRecently(node.directory->entries);
   };
   Directory& known = *mTree.find(id)->directory;
@@ -103,6 +104,7 @@ Outcome<Unit> Drive::load(Lock& lock, NodeId id, const std::string& path) {
   waitForNames(lock);
   const std::optional<std::string> present = mTree.path(*mTree.find(id));
   if (!present) return Errno{ENOENT};
+  epoch = mLinkEpoch;
   const Result<Listing> listing = ask<Listing>(
       lock, [&](auto done) { mDisk.list(*present, std::move(done)); },
       [this, id, &take](Result<Listing>& result) {

@@ -151,8 +151,11 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
       }
     }
     file.mSmall = nullptr;
-    if (file.mReadStamp != stamp || file.mReadWrites != node->file->writes) {
+    // Disks may give two changes the same time.
+    const bool linked = entry.attributes.st_nlink > 1 && file.mReadEpoch != mLinkEpoch;
+    if (file.mReadStamp != stamp || file.mReadWrites != node->file->writes || linked) {
       file.mAhead.drop();
+      file.mReadEpoch = mLinkEpoch;
       file.mReadStamp = stamp;
       file.mReadWrites = node->file->writes;
     }

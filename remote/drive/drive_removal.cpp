@@ -50,6 +50,7 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
     if (!parent) return parent.error();
     const std::string path = joinPath(*mTree.path(**parent), name);
     Status removed = Unit{};
+    ++mLinkEpoch;
     Burst burst(*this);
     burst.add<Unit>(
         [&](auto done) {
@@ -62,7 +63,6 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
         [this, directory, &name, &removed](Status& status) {
           removed = status;
           if (!status) return;
-          ++mLinkEpoch;
           if (Node* node = mTree.find(directory)) mTree.remove(*node, name);
         });
     burst.queryDirectory(directory);
@@ -214,13 +214,12 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     };
     mark(true);
     Status renamed = Unit{};
+    ++mLinkEpoch;
     Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.rename(oldPath, newPath, std::move(done)); },
                     [this, &moved, &renamed](Status& status) {
                       renamed = status;
-                      if (!status) return;
-                      ++mLinkEpoch;
-                      moved();
+                      if (status) moved();
                     });
     burst.queryFile(newPath, to, newName);
     burst.queryDirectory(from);
@@ -242,7 +241,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
       return Unit{};
     }
     if (!here) {
-      learn(from, name, here);
+      learn(from, name, here, mLinkEpoch);
       return Errno{ENOENT};
     }
     if (lost && attempt < kMostAttempts) continue;

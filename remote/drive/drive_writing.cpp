@@ -17,6 +17,9 @@ constexpr std::chrono::milliseconds kGatherTime{500};
 /// Of data that was written and is not acknowledged, over all files.
 constexpr std::size_t kMostInFlight = std::size_t{16} << 20;
 
+/// For the end of a file that others write to all the time.
+constexpr int kMostLooks = 100;
+
 }  // namespace
 
 Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends) {
@@ -24,8 +27,29 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   Lock lock(mMutex);
   if (Outcome<Unit> failure = unseenFailure(lock, file); !failure) return failure;
   const std::size_t limit = mWriteWindow.chunkSize();
-  const bool known = lookBeforeWriting(lock, file.mNode);
-  if (appends && !known) return Errno{EIO};
+  const auto isLinked = [&] {
+    const Node& node = *mTree.find(file.mNode);
+    return node.place != nullptr && node.place->second.attributes.st_nlink > 1;
+  };
+  // Two that append under different names must not take the same end for theirs.
+  struct Turn {
+    Drive& drive;
+    bool taken = false;
+    ~Turn() {
+      if (!taken) return;
+      drive.mAppendingToLinked = false;
+      drive.mSettled.notify_all();
+    }
+  } turn{*this};
+  if (appends && isLinked()) {
+    mSettled.wait(lock, [this] { return !mAppendingToLinked; });
+    mAppendingToLinked = turn.taken = true;
+  }
+  if (!appends) {
+    lookBeforeWriting(lock, file.mNode);
+  } else if (!lookBeforeAppending(lock, file.mNode)) {
+    return Errno{EIO};
+  }
   Node* node = mTree.find(file.mNode);
   if (appends && node->place != nullptr) offset = visible(node->place->second).st_size;
   if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
@@ -53,7 +77,8 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   }
   mCounters.bytesWritten += data.size();
   file.mAhead.drop();
-  if (state.gather.size() >= limit) {
+  // Whoever uses another name of the file is to see it, so it goes at once.
+  if (state.gather.size() >= limit || isLinked()) {
     waitToWrite(lock, file.mNode);
   } else if (first) {
     mGathered.notify_one();
@@ -63,18 +88,39 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
 }
 
 /// From a write on, the size is told from what was known before; another name of
-/// the file may have been used to change it. False when it cannot be learnt.
-bool Drive::lookBeforeWriting(Lock& lock, NodeId id) {
+/// the file may have been used to change it.
+void Drive::lookBeforeWriting(Lock& lock, NodeId id) {
   const auto isUnsure = [&] {
     const Node& node = *mTree.find(id);
     return !node.file->ahead && node.place != nullptr && isDoubtful(node.place->second);
   };
-  if (!isUnsure()) return true;
+  if (!isUnsure()) return;
   waitForNames(lock);
-  if (!isUnsure()) return true;
+  if (!isUnsure()) return;
   const Node& node = *mTree.find(id);
   const std::string name = node.place->first;
-  return look(lock, node.parent->id, name).ok();
+  static_cast<void>(look(lock, node.parent->id, name));
+}
+
+/// Learns where the file ends. False when the host does not tell.
+bool Drive::lookBeforeAppending(Lock& lock, NodeId id) {
+  for (int attempt = 0; attempt < kMostLooks; ++attempt) {
+    const auto isKnown = [&] {
+      const Node& node = *mTree.find(id);
+      if (node.place == nullptr) return true;  // what is written is refused
+      const Entry& entry = node.place->second;
+      if (entry.attributes.st_nlink > 1) return node.file->gather.empty() && !isDoubtful(entry);
+      return node.file->ahead || validity(*node.parent, entry).count() > 0;
+    };
+    if (isKnown()) return true;
+    waitToWrite(lock, id);
+    waitForNames(lock);
+    if (isKnown()) return true;
+    const Node& node = *mTree.find(id);
+    const std::string name = node.place->first;
+    if (!look(lock, node.parent->id, name).ok()) return false;
+  }
+  return false;
 }
 
 bool Drive::mayWrite(const FileState& file) const {
@@ -108,20 +154,17 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   const std::size_t size = file.gather.size();
   // Of a file that is gone: the request is refused on this side.
   const std::string path = mTree.path(node).value_or("a file that is gone");
+  if (node.place == nullptr || node.place->second.attributes.st_nlink > 1) ++mLinkEpoch;
   ++file.inFlight;
   mBytesInFlight += size;
-  file.gather.submit(
-      mDisk, path, whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
-        mWriteWindow.finished(ticket, status ? size : 0);
-        mBytesInFlight -= size;
-        Node& written = *mTree.find(id);
-        if (!status) writeFailed(written, path);
-        // Only now do the file's other names show it.
-        if (written.place == nullptr || written.place->second.attributes.st_nlink > 1) {
-          ++mLinkEpoch;
-        }
-        answered(written);
-      }));
+  file.gather.submit(mDisk, path,
+                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
+                       mWriteWindow.finished(ticket, status ? size : 0);
+                       mBytesInFlight -= size;
+                       Node& written = *mTree.find(id);
+                       if (!status) writeFailed(written, path);
+                       answered(written);
+                     }));
 }
 
 /// One of the requests that a close waits for is done.

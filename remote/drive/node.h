@@ -36,7 +36,7 @@ struct Entry {
   bool stale = false;             ///< changed by us in a way that only the host can tell
   bool hidden = false;            ///< removed by a program, but still open
   bool changing = false;          ///< being made or renamed: answers without it are older
-  std::uint64_t linkEpoch = 0;    ///< of the drive, when the attributes were learnt
+  std::uint64_t linkEpoch = 0;    ///< of the drive, when the attributes were asked for
   Node* node = nullptr;           ///< null when nobody refers to it
 };
 

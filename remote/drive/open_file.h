@@ -33,6 +33,7 @@ class OpenFile {
   bool mRead = false;             ///< the program has begun to read
   ContentStamp mReadStamp;        ///< of the contents that mAhead may hold
   std::uint64_t mReadWrites = 0;  ///< the file's writes then
+  std::uint64_t mReadEpoch = 0;   ///< of the drive, then
   ContentStamp mSmallStamp;       ///< of what is in mSmall
   std::shared_ptr<const SmallFile> mSmall;
 };
