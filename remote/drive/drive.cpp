@@ -166,6 +166,9 @@ udisk_stat Drive::visible(const Entry& entry) const {
   if (entry.node != nullptr && entry.node->ownNumber && entry.attributes.st_nlink == 1) {
     attributes.st_ino = kOwnNumbers | entry.node->id;
   }
+  if (entry.node != nullptr && entry.node->file && entry.node->file->lateMode) {
+    attributes.st_mode = (attributes.st_mode & S_IFMT) | *entry.node->file->lateMode;
+  }
   // What was written under one of several names is known from the host, once it was asked.
   if (entry.node != nullptr && entry.node->file && entry.node->file->ahead &&
       (entry.attributes.st_nlink <= 1 || isDoubtful(entry))) {

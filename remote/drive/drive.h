@@ -213,6 +213,7 @@ class Drive {
 
   // drive_writing.cpp
   void lookBeforeWriting(Lock& lock, NodeId id);
+  void setLateMode(Lock& lock, NodeId id);
   bool lookBeforeAppending(Lock& lock, NodeId id);
   bool mayWrite(const FileState& file) const;
   void waitToWrite(Lock& lock, NodeId node);

@@ -89,9 +89,43 @@ Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
 }
 
 Outcome<Unit> Drive::setMode(NodeId node, std::uint32_t mode) {
-  return changeInode(node, [&](const std::string& path, auto done) {
-    mDisk.chmod(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+  const std::uint32_t wanted = mode & 07777U;
+  std::uint32_t now = wanted;
+  {
+    const Lock lock(mMutex);
+    if (const Node* file = mTree.find(node);
+        file != nullptr && file->file && file->file->handles > 0) {
+      now |= kOpenMode;
+    }
+  }
+  const Outcome<Unit> done = changeInode(node, [&](const std::string& path, auto answered) {
+    mDisk.chmod(path, static_cast<std::uint16_t>(now), std::move(answered));
   });
+  if (!done) return done;
+  Lock lock(mMutex);
+  Node* file = mTree.find(node);
+  if (file != nullptr && file->file && file->file->handles > 0) {
+    file->file->lateMode = now == wanted ? std::nullopt : std::optional(wanted);
+    return done;
+  }
+  lock.unlock();
+  return now == wanted ? done : setMode(node, mode);  // it was closed meanwhile
+}
+
+/// When nobody has the file open any more, or will not for long.
+void Drive::setLateMode(Lock& lock, NodeId id) {
+  waitForNames(lock);
+  Node* node = mTree.find(id);
+  if (node == nullptr || !node->file || !node->file->lateMode) return;
+  const std::optional<std::string> path = mTree.path(*node);
+  if (!path || node->place->second.hidden) return;
+  const auto mode = static_cast<std::uint16_t>(*std::exchange(node->file->lateMode, std::nullopt));
+  ++mLinkEpoch;
+  Burst burst(*this);
+  // Disks without permissions refuse it.
+  burst.add<Unit>([&](auto done) { mDisk.chmod(*path, mode, std::move(done)); }, [](auto&) {});
+  burst.queryFile(*path, node->parent->id, node->place->first);
+  burst.wait(lock);
 }
 
 Outcome<Unit> Drive::setOwner(NodeId node, std::uint32_t uid, std::uint32_t gid) {

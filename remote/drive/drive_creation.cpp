@@ -44,7 +44,7 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
     waitForNames(lock);
     // Only who writes is told by the close.
     const bool writes = (flags & O_ACCMODE) != O_RDONLY;
-    const Outcome<Unit> made = createFile(lock, directory, key, mode, writes);
+    const Outcome<Unit> made = createFile(lock, directory, key, mode | kOpenMode, writes);
     if (!made) return made.error();
   }
   const Outcome<NodeEntry> entry = enterByName(directory, key);
@@ -53,7 +53,13 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   result.entry = *entry;
   Node& node = *mTree.find(result.entry.node);
   result.open = openNode(node, (flags & O_ACCMODE) != O_RDONLY);
-  if (!seen) node.file->created = Clock::now();
+  if (!seen) {
+    node.file->created = Clock::now();
+    if ((mode & kOpenMode) != kOpenMode) {
+      node.file->lateMode = mode & 07777U;
+      result.entry.attributes = visible(node.place->second);
+    }
+  }
   if (seen && (flags & O_TRUNC) != 0) {
     lock.unlock();
     const Outcome<Unit> emptied = setLength(result.entry.node, 0);

@@ -256,8 +256,11 @@ Outcome<Unit> Drive::flush(OpenFile& file, bool sync) {
 void Drive::release(OpenFile& file) {
   Lock lock(mMutex);
   Node* node = mTree.find(file.mNode);
-  // What was written through a mapping after the last close.
-  if (node->file->handles == 1) static_cast<void>(settle(lock, file.mNode, mOptions.syncOnClose));
+  if (node->file->handles == 1) {
+    // What was written through a mapping after the last close.
+    static_cast<void>(settle(lock, file.mNode, mOptions.syncOnClose));
+    setLateMode(lock, file.mNode);
+  }
   const bool last = --node->file->handles == 0;
   const bool hidden = last && node->place != nullptr && node->place->second.hidden;
   const NodeId directory = hidden ? node->parent->id : 0;
@@ -313,7 +316,10 @@ std::vector<std::string> Drive::finish() {
       hidden.emplace_back(node.parent->id, node.place->first);
     }
   });
-  for (const NodeId id : open) static_cast<void>(settle(lock, id, true));
+  for (const NodeId id : open) {
+    static_cast<void>(settle(lock, id, true));
+    setLateMode(lock, id);
+  }
   for (const auto& [directory, name] : hidden) {
     static_cast<void>(removeName(lock, directory, name, false));
   }

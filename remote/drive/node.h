@@ -3,6 +3,8 @@
 // Nothing here locks or waits: everything is guarded by the drive's mutex.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstdint>
 #include <future>
@@ -26,6 +28,9 @@ using Clock = std::chrono::steady_clock;
 /// Names a file for as long as the kernel, or an open file, refers to it.
 using NodeId = std::uint64_t;
 inline constexpr NodeId kRootNode = 1;
+
+/// The permissions without which a host that is not root cannot read and write.
+inline constexpr std::uint32_t kOpenMode = S_IRUSR | S_IWUSR;
 
 struct Node;
 
@@ -71,6 +76,9 @@ struct FileState {
   bool ahead = false;            ///< written since the attributes were learnt
   std::int64_t end = 0;          ///< of what was written since then
   udisk_timespec lastWrite{};
+  /// The permissions that it gets when it is closed: until then the host, which
+  /// opens it for every request, must be let in.
+  std::optional<std::uint32_t> lateMode;
   std::uint64_t writes = 0;    ///< by programs, ever
   std::uint64_t failures = 0;  ///< failed writes, ever
 };

@@ -156,6 +156,19 @@ const Program kPrograms[] = {
      "test $(stat -c %h a) = 1; exec 3<>a; rm a; echo five >&3; exec 3>&-; "
      // The kernel tells of the last close a little later.
      "for i in $(seq 1000); do test -z \"$(ls -A $DISK)\" && exit; sleep 0.01; done; exit 1"},
+    {"Names",
+     "cd $DRIVE; printf 0000000000 > a; ln a b; exec 3>>b; printf xxxxx >&3; grep -q xxxxx a; "
+     "truncate -s 3 a; printf y >&3; exec 3>&-; test $(cat $DISK/a) = 000y; "
+     "(for i in $(seq 50); do echo one >> a; done) & for i in $(seq 50); do echo two >> b; done; "
+     "wait; test $(wc -l < $DISK/a) = 100; rm b; exec 3>>a; echo own >&3; echo other >> $DISK/a; "
+     "sleep 1.1; echo own >&3; exec 3>&-; test $(tail -n 3 a | tr '\\n' ,) = own,other,own,"},
+    // What a host that is not root could not open for the next request.
+    {"Permissions",
+     "cd $DRIVE; umask 0; perl -e 'sysopen(F, \"f\", 0301, 0444); -w F; print F \"abc\"; "
+     "chmod 0040, \"f\"; print F \"def\"; exit((stat F)[2] != 0100040 || !close F)'; "
+     "for i in $(seq 1000); do test $(stat -c %a $DISK/f) = 40 && break; sleep 0.01; done; "
+     "chmod 400 f; test $(stat -c %a $DISK/f) = 400; test $(cat f) = abcdef; "
+     "perl -e 'sysopen(F, \"g\", 0301, 0400); exit((stat F)[2] != 0100400)'; sync g"},
     {"Offsets",
      "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
      "for i in $(seq 0 299 | shuf); do dd if=$OLDPWD/r of=f bs=10000 skip=$i seek=$i "
