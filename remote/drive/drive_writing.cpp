@@ -104,13 +104,13 @@ void Drive::lookBeforeWriting(Lock& lock, NodeId id) {
 
 /// Learns where the file ends. False when the host does not tell.
 bool Drive::lookBeforeAppending(Lock& lock, NodeId id) {
-  for (int attempt = 0; attempt < kMostLooks; ++attempt) {
+  for (int looks = 0; looks < kMostLooks; ++looks) {
     const auto isKnown = [&] {
       const Node& node = *mTree.find(id);
       if (node.place == nullptr) return true;  // what is written is refused
       const Entry& entry = node.place->second;
       if (entry.attributes.st_nlink > 1) return node.file->gather.empty() && !isDoubtful(entry);
-      return node.file->ahead || validity(*node.parent, entry).count() > 0;
+      return node.file->ahead || looks > 0 || validity(*node.parent, entry).count() > 0;
     };
     if (isKnown()) return true;
     waitToWrite(lock, id);

@@ -321,6 +321,7 @@ TEST_F(MountTest, ACopyOutlivesItsHost) {
 TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingTellsWhatIsLost) {
   writeFile(mDisk / "f", "text");
   mount({"-o", "timeout=0.5,attr_timeout=0"});
+  EXPECT_EQ(run("echo more >> $DRIVE/f; test $(cat $DISK/f) = textmore"), "");
   const int fd = ::open((mDrive / "f").c_str(), O_RDWR | O_CLOEXEC);
   mDisk.stop(SIGKILL);
   EXPECT_EQ(::pwrite(fd, "TEXT", 4, 0), 4);
