@@ -1,5 +1,7 @@
 #include "system_call_filter.h"
 
+#include <asm/sockios.h>
+#include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -53,12 +55,33 @@ constexpr std::uint32_t kNeverCalled[] = {
     SYS_pidfd_open,
     SYS_pidfd_getfd,
     SYS_pidfd_send_signal,
+    SYS_setpriority,
+    SYS_ioprio_set,
+    SYS_sched_setparam,
+    SYS_sched_setscheduler,
+    SYS_sched_setaffinity,
+    SYS_sched_setattr,
+    SYS_migrate_pages,
+    SYS_move_pages,
+    // what is shared by a number or a name that is no file's; the numbers can be guessed
     SYS_shmget,
     SYS_shmat,
+    SYS_shmdt,
     SYS_shmctl,
     SYS_semget,
+    SYS_semop,
+    SYS_semtimedop,
+    SYS_semctl,
     SYS_msgget,
+    SYS_msgsnd,
+    SYS_msgrcv,
+    SYS_msgctl,
     SYS_mq_open,
+    SYS_mq_unlink,
+    SYS_mq_timedsend,
+    SYS_mq_timedreceive,
+    SYS_mq_notify,
+    SYS_mq_getsetattr,
     // ways to files past the served directory, and new ways out
     SYS_name_to_handle_at,
     SYS_open_by_handle_at,
@@ -67,9 +90,18 @@ constexpr std::uint32_t kNeverCalled[] = {
 #endif
     SYS_mknodat,
     SYS_socket,
+    SYS_socketpair,  // of datagrams: without a peer that is fixed
     SYS_connect,
     SYS_bind,
     SYS_listen,
+// who uses which files
+#ifdef SYS_inotify_init
+    SYS_inotify_init,
+#endif
+    SYS_inotify_init1,
+    SYS_inotify_add_watch,
+    SYS_fanotify_init,
+    SYS_fanotify_mark,
     // mounts and namespaces
     SYS_mount,
     SYS_umount2,
@@ -89,7 +121,6 @@ constexpr std::uint32_t kNeverCalled[] = {
     SYS_quotactl,
     SYS_quotactl_fd,
     SYS_acct,
-    SYS_fanotify_init,
     // the kernel and the machine
     SYS_init_module,
     SYS_finit_module,
@@ -145,6 +176,8 @@ class Filter {
     constexpr std::uint32_t kX32 = 0x4000'0000;
     ifAtLeast(kX32, end(refusal(EPERM)));
 #endif
+    // The filter runs for these each time, so they come before the long list.
+    judgeByArguments();
     ifAtLeast(kYoungestCall + 1, end(refusal(ENOSYS)));
     for (const std::uint32_t call : kNeverCalled) ifEqual(call, {end(refusal(EPERM))});
 #ifndef UDISK_LEAK_CHECKER
@@ -154,12 +187,6 @@ class Filter {
     ifEqual(SYS_clone, {argument(0), statement(BPF_ALU | BPF_AND | BPF_K, kThread),
                         jump(BPF_JEQ, kThread, 0, 1), end(kAllow), end(refusal(EPERM))});
 #endif
-    // The abort of this process, and nobody else's.
-    ifEqual(SYS_tgkill, {argument(0), jump(BPF_JEQ, static_cast<std::uint32_t>(::getpid()), 0, 1),
-                         end(kAllow), end(refusal(EPERM))});
-    // Typing into the terminal that the log goes to.
-    ifEqual(SYS_ioctl, {argument(1), jump(BPF_JEQ, TIOCSTI, 1, 0), jump(BPF_JEQ, TIOCLINUX, 0, 1),
-                        end(refusal(EPERM)), end(kAllow)});
     mCode.push_back(end(kAllow));
   }
 
@@ -171,6 +198,25 @@ class Filter {
   }
 
  private:
+  void judgeByArguments() {
+    const auto self = static_cast<std::uint32_t>(::getpid());
+    // The abort of this process, and nobody else's.
+    ifEqual(SYS_tgkill, {argument(0), jump(BPF_JEQ, self, 0, 1), end(kAllow), end(refusal(EPERM))});
+    // The C library's way to the limits of this process; another could be killed by them.
+    ifEqual(SYS_prlimit64, {argument(0), jump(BPF_JEQ, 0, 1, 0), jump(BPF_JEQ, self, 0, 1),
+                            end(kAllow), end(refusal(EPERM))});
+    // send() is this with no address.
+    ifEqual(SYS_sendto, {upperHalf(4), jump(BPF_JEQ, 0, 0, 2), argument(4), jump(BPF_JEQ, 0, 1, 0),
+                         end(refusal(EPERM)), end(kAllow)});
+    // Typing into the terminal that the log goes to, and signals to others by
+    // way of a descriptor.
+    ifEqual(SYS_ioctl, {argument(1), jump(BPF_JEQ, TIOCSTI, 3, 0), jump(BPF_JEQ, TIOCLINUX, 2, 0),
+                        jump(BPF_JEQ, FIOSETOWN, 1, 0), jump(BPF_JEQ, SIOCSPGRP, 0, 1),
+                        end(refusal(EPERM)), end(kAllow)});
+    ifEqual(SYS_fcntl, {argument(1), jump(BPF_JEQ, F_SETOWN, 1, 0),
+                        jump(BPF_JEQ, F_SETOWN_EX, 0, 1), end(refusal(EPERM)), end(kAllow)});
+  }
+
   static sock_filter statement(int code, std::uint32_t value) noexcept {
     return {static_cast<std::uint16_t>(code), 0, 0, value};
   }
@@ -181,17 +227,20 @@ class Filter {
   static sock_filter end(std::uint32_t verdict) noexcept {
     return statement(BPF_RET | BPF_K, verdict);
   }
-  // The lower half: the upper one means nothing for the calls in question.
+  static sock_filter word(std::size_t offset) noexcept {
+    return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
+  }
+  // The lower half: the upper one means nothing for an int.
   static sock_filter argument(std::size_t index) noexcept {
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-    return statement(
-        BPF_LD | BPF_W | BPF_ABS,
-        static_cast<std::uint32_t>(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t)));
+    return word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
+  }
+  static sock_filter upperHalf(std::size_t index) noexcept {
+    return word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t) +
+                sizeof(std::uint32_t));
   }
 
-  void load(std::size_t offset) {
-    mCode.push_back(statement(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset)));
-  }
+  void load(std::size_t offset) { mCode.push_back(word(offset)); }
   void ifEqual(std::uint32_t value, std::initializer_list<sock_filter> then) {
     mCode.push_back(jump(BPF_JEQ, value, 0, static_cast<int>(then.size())));
     mCode.insert(mCode.end(), then);
