@@ -1,10 +1,12 @@
 // What a host has given up before it serves.
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/msg.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include "host_process.h"
+#include "support/unique_fd.h"
 
 namespace host_test {
 namespace {
@@ -24,13 +26,21 @@ class SandboxTest : public HostTest {
 
 TEST_F(SandboxTest, AModuleThatWasTakenOverStaysInTheDisk) {
   ::setenv("ESCAPE", mDirectory.c_str(), 1);
+  const zor::UniqueFd mail(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  (mDirectory + "/mail").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(mail.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int queue = ::msgget(IPC_PRIVATE, 0600);
+  msgbuf message{1, {'x'}};
+  ASSERT_EQ(::msgsnd(queue, &message, 1, 0), 0);
+  ::setenv("ESCAPE_QUEUE", std::to_string(queue).c_str(), 1);
   fs::create_directories(mDirectory + "/disk/sub");
   for (const auto& [option, inside, outside] :  // what is possible
-       {std::tuple{"--sandbox=required", 2, 0}, {"--read-only", 0, 0}, {"--sandbox=off", 2, 7}}) {
+       {std::tuple{"--sandbox=required", 3, 0}, {"--read-only", 1, 0}, {"--sandbox=off", 3, 14}}) {
     for (const char* name : {"disk/f", "kept"}) write(name, "canary");
     serve({option, "--module", HOST_MODULES "escape_module.so"});
     EXPECT_TRUE(Remote(mSocket).closedByHost());
-    EXPECT_EQ(logged("escape "), 9);
+    EXPECT_EQ(logged("escape "), 17);
     EXPECT_EQ(logged("inside: possible"), inside);
     EXPECT_EQ(logged("possible"), inside + outside);
     EXPECT_EQ(logged("confined to"), outside == 0);
@@ -38,6 +48,10 @@ TEST_F(SandboxTest, AModuleThatWasTakenOverStaysInTheDisk) {
     EXPECT_EQ(exitCode(), 0);
     if (!HasFailure()) fs::remove(mLog);
   }
+  EXPECT_EQ(::recv(mail.get(), message.mtext, 1, MSG_DONTWAIT), 1);  // where it was possible
+  EXPECT_EQ(::recv(mail.get(), message.mtext, 1, MSG_DONTWAIT), -1);
+  EXPECT_EQ(::msgrcv(queue, &message, 1, 0, IPC_NOWAIT), -1);
+  ::msgctl(queue, IPC_RMID, nullptr);
 }
 
 // A kernel without Landlock, for this thread and the programs that it starts.
