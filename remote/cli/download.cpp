@@ -20,11 +20,24 @@ constexpr unsigned kEnoughDirs = 256;       ///< open on this machine: the same
 Download::Download(Context& context, DownloadOptions options)
     : TransferRun(context, "fetched"), mOptions(options) {}
 
+const std::string& Download::Source::resolve() {
+  if (above) {
+    path = above->pathOf(name);
+    above.reset();
+  }
+  return path;
+}
+
 void Download::add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
                    std::string name) {
-  Source source{std::move(path), attributes, std::move(dir), std::move(name)};
-  if (attributes.st_mode == 0) return examine(std::move(source));
-  if (S_ISREG(attributes.st_mode) && attributes.st_size >= 0) {
+  sort({std::move(path), attributes, std::move(dir), std::move(name), nullptr});
+}
+
+void Download::sort(Source source) {
+  const udisk_stat& attributes = source.attributes;
+  if (attributes.st_mode == 0) {
+    mUnknown.push_back(std::move(source));
+  } else if (S_ISREG(attributes.st_mode) && attributes.st_size >= 0) {
     mProgress.expect(1, static_cast<std::uint64_t>(attributes.st_size));
     const bool batched = mOptions.batches && attributes.st_size <= kSmallFile;
     (batched ? mSmallFiles : mFiles).push_back(std::move(source));
@@ -33,7 +46,7 @@ void Download::add(std::string path, const udisk_stat& attributes, std::shared_p
   } else {
     ++mFailures;
     mContext.console.message(
-        "'" + source.path + "' is left out: " +
+        "'" + source.resolve() + "' is left out: " +
         (S_ISDIR(attributes.st_mode)
              ? "it is a directory; use -r to fetch it"
              : "a " + std::string(typeName(attributes.st_mode)) + " cannot be carried"));
@@ -41,20 +54,22 @@ void Download::add(std::string path, const udisk_stat& attributes, std::shared_p
 }
 
 void Download::addContents(std::string path, std::shared_ptr<LocalDir> dir) {
-  mDirectories.push_back({{std::move(path), {}, nullptr, {}}, std::move(dir)});
+  mDirectories.push_back({{std::move(path), {}, nullptr, {}, nullptr}, std::move(dir)});
 }
 
-bool Download::makeRequest() { return read() || list(); }
+bool Download::makeRequest() { return read() || examine() || list(); }
 
 bool Download::list() {
   const std::size_t waiting = mFiles.size() + mSmallFiles.size();
-  const bool enough = waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs;
+  const bool enough =
+      waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs || WalkedDirectory::crowded();
   if (mDirectories.empty() || mListings >= kMaxListings || (enough && !mWindow.empty())) {
     return false;
   }
   Directory directory = std::move(mDirectories.back());
   mDirectories.pop_back();
   Source& source = directory.source;
+  source.resolve();
   if (!directory.local) {
     auto made = LocalDir::make(std::move(source.dir), source.name, source.attributes);
     if (!made) {
@@ -66,36 +81,46 @@ bool Download::list() {
   ++mListings;
   mContext.disk.list(source.path,
                      entered<Listing>(0, [this, path = source.path,
-                                          local = directory.local](Result<Listing> listing) {
+                                          local = directory.local](const Result<Listing>& listing) {
                        --mListings;
-                       listed(path, local, std::move(listing));
+                       listed(path, local, listing);
                      }));
   return true;
 }
 
 void Download::listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
-                      Result<Listing> listing) {
+                      const Result<Listing>& listing) {
   if (!listing) return fail("list", path, listing.error());
+  const auto directory = std::make_shared<WalkedDirectory>(path);
+  const Status held = directory->hold(*listing, sizeof(Directory));
+  if (!held) return fail("fetch all in", path, held.error());
   for (const wire::DirEntry& entry : listing->entries()) {
     if (isDotEntry(entry.name)) continue;
-    add(joinPath(path, entry.name), entry.attributes, dir, std::string(entry.name));
+    if (directory->reaches(entry.name)) {
+      sort({{}, entry.attributes, dir, std::string(entry.name), directory});
+    } else {
+      fail("fetch", directory->pathOf(entry.name), pathTooLong());
+    }
   }
 }
 
 /// For a listed name whose attributes did not come with the listing.
-void Download::examine(Source source) {
+bool Download::examine() {
+  if (mUnknown.empty() || !mWindow.fits(0)) return false;
+  Source source = std::move(mUnknown.back());
+  mUnknown.pop_back();
   ++mListings;
-  const std::string path = source.path;
+  const std::string path = source.resolve();
   mContext.disk.attributes(
-      path, onLoop<udisk_stat>(
-                mContext.loop, [this, source = std::move(source)](Result<udisk_stat> found) {
-                  --mListings;
-                  if (found && found->st_mode == 0) {
-                    found = Error{ErrorKind::kFailed, "the host does not tell what it is"};
-                  }
-                  if (!found) return fail("fetch", source.path, found.error());
-                  add(source.path, *found, source.dir, source.name);
-                }));
+      path, entered<udisk_stat>(0, [this, source = std::move(source)](Result<udisk_stat> found) {
+        --mListings;
+        if (found && found->st_mode == 0) {
+          found = Error{ErrorKind::kFailed, "the host does not tell what it is"};
+        }
+        if (!found) return fail("fetch", source.path, found.error());
+        add(source.path, *found, source.dir, source.name);
+      }));
+  return true;
 }
 
 bool Download::read() {
@@ -122,7 +147,7 @@ bool Download::read() {
 /// Whether a batch is full, or will not become fuller by itself.
 bool Download::batchReady() const {
   return mSmallFiles.size() >= kBatchFiles ||
-         (!mSmallFiles.empty() && mListings == 0 &&
+         (!mSmallFiles.empty() && mListings == 0 && mUnknown.empty() &&
           (mDirectories.empty() || LocalDir::count() >= kEnoughDirs));
 }
 

@@ -10,6 +10,7 @@
 
 #include "local_tree.h"
 #include "transfer_run.h"
+#include "walked_directory.h"
 
 namespace zor::remote::cli {
 
@@ -31,10 +32,14 @@ class Download final : public TransferRun {
 
  private:
   struct Source {
-    std::string path;
+    std::string path;  ///< empty while it waits in a listed directory
     udisk_stat attributes{};
     std::shared_ptr<LocalDir> dir;
     std::string name;
+    std::shared_ptr<WalkedDirectory> above;  ///< that directory
+
+    /// Fills in `path`: its turn has come.
+    const std::string& resolve();
   };
 
   /// A directory that is to be listed.
@@ -68,10 +73,11 @@ class Download final : public TransferRun {
   bool makeRequest() override;
   bool read();
   bool batchReady() const;
+  void sort(Source source);
   bool list();
   void listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
-              Result<Listing> listing);
-  void examine(Source source);
+              const Result<Listing>& listing);
+  bool examine();
 
   // download_files.cpp
   static TransferPtr begin(std::deque<Source>& queue);
@@ -91,6 +97,7 @@ class Download final : public TransferRun {
   const DownloadOptions mOptions;
   unsigned mListings = 0;  ///< requests in flight whose answers may bring more files
   std::vector<Directory> mDirectories;
+  std::vector<Source> mUnknown;  ///< their attributes are to be asked for
   std::deque<Source> mFiles;
   std::deque<Source> mSmallFiles;   ///< those that are fetched in batches
   std::vector<TransferPtr> mAgain;  ///< changed while they were read

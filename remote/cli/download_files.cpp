@@ -21,6 +21,7 @@ Download::TransferPtr Download::begin(std::deque<Source>& queue) {
   auto transfer = std::make_shared<Transfer>();
   transfer->source = std::move(queue.front());
   queue.pop_front();
+  transfer->source.resolve();
   return transfer;
 }
 
@@ -55,9 +56,9 @@ void Download::askBatch() {
   std::vector<FilePiece> pieces;
   std::uint64_t cost = 0;
   while (!mSmallFiles.empty() && batch.size() < kBatchFiles) {
-    const Source& source = mSmallFiles.front();
+    Source& source = mSmallFiles.front();
     const auto size = static_cast<std::uint32_t>(source.attributes.st_size + 1);
-    FilePiece piece{source.path, 0, size};
+    FilePiece piece{source.resolve(), 0, size};
     if (!batch.empty() && cost + batchCost(piece) > kBatchBytes) break;
     cost += batchCost(piece);
     pieces.push_back(std::move(piece));

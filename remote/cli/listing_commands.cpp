@@ -8,6 +8,7 @@
 
 #include "command.h"
 #include "text.h"
+#include "walked_directory.h"
 
 namespace zor::remote::cli {
 
@@ -57,11 +58,18 @@ void printEntries(Context& context, const LsOptions& options,
 bool listDirectory(Context& context, const LsOptions& options, const std::string& path,
                    bool heading) {
   // Depth first with a stack of its own: a disk may be nested deeper than ours.
-  std::vector<std::string> waiting{path};
+  struct Waiting {
+    std::shared_ptr<WalkedDirectory> parent;
+    std::string name;
+  };
+  std::vector<Waiting> waiting;
   bool ok = true;
-  for (bool first = true; !waiting.empty(); first = false) {
-    const std::string current = std::move(waiting.back());
-    waiting.pop_back();
+  for (bool first = true; first || !waiting.empty(); first = false) {
+    std::string current = path;
+    if (!first) {
+      current = waiting.back().parent->pathOf(waiting.back().name);
+      waiting.pop_back();
+    }
     Result<Listing> listing = context.disk.list(current);
     if (!listing) {
       ok = report(context, "list", current, listing.error());
@@ -79,9 +87,17 @@ bool listDirectory(Context& context, const LsOptions& options, const std::string
               [](const auto& a, const auto& b) { return a.name < b.name; });
     printEntries(context, options, entries);
     if (!options.recursive) continue;
+    const auto directory = std::make_shared<WalkedDirectory>(current);
+    if (const Status held = directory->hold(*listing, sizeof(Waiting)); !held) {
+      ok = report(context, "list all in", current, held.error());
+      continue;
+    }
     for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-      if (S_ISDIR(entry->attributes.st_mode) && !isDotEntry(entry->name)) {
-        waiting.push_back(joinPath(current, entry->name));
+      if (!S_ISDIR(entry->attributes.st_mode) || isDotEntry(entry->name)) continue;
+      if (directory->reaches(entry->name)) {
+        waiting.push_back({directory, std::string(entry->name)});
+      } else {
+        ok = report(context, "list", directory->pathOf(entry->name), pathTooLong());
       }
     }
   }

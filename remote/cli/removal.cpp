@@ -8,6 +8,7 @@
 #include "command.h"
 #include "text.h"
 #include "transfer_run.h"
+#include "walked_directory.h"
 
 namespace zor::remote::cli {
 
@@ -24,71 +25,124 @@ class Removal final : public TransferRun {
  public:
   explicit Removal(Context& context) : TransferRun(context, "removed") {}
 
-  void add(const std::string& path, std::uint32_t mode) { add(path, mode, nullptr); }
+  void add(const std::string& path, std::uint32_t mode) {
+    mNames.push_back({nullptr, path, S_ISDIR(mode)});
+  }
 
  private:
-  struct Directory {
-    std::string path;
+  struct Directory : WalkedDirectory {
+    Directory(std::string path, std::shared_ptr<Directory> above)
+        : WalkedDirectory(std::move(path)), parent(std::move(above)) {}
     std::shared_ptr<Directory> parent;
-    std::size_t left = 0;  ///< entries that are still there
-    bool stays = false;    ///< because something in it does
+    std::size_t left = 0;    ///< entries that are still there
+    bool stays = false;      ///< because something in it does
+    bool postponed = false;  ///< too much was waiting when it was listed first
   };
   using DirectoryPtr = std::shared_ptr<Directory>;
 
-  void add(const std::string& path, std::uint32_t mode, const DirectoryPtr& parent) {
-    if (S_ISDIR(mode)) {
-      auto directory = std::make_shared<Directory>(Directory{path, parent});
-      mWork.emplace_back([this, directory] { list(directory); });
-    } else {
-      mWork.emplace_back([this, path, parent] {
-        mContext.disk.unlink(path, entered<Unit>(0, [this, path, parent](const Status& status) {
-                               removed(path, parent, status);
-                             }));
-      });
-    }
-  }
+  /// A name that waits for its turn.
+  struct Name {
+    DirectoryPtr parent;
+    std::string name;  ///< the whole path when there is no parent
+    bool directory = false;
+    std::string path() const { return parent ? parent->pathOf(name) : name; }
+  };
 
   bool makeRequest() override {
-    if (mWork.empty() || !mWindow.fits(0)) return false;
-    const auto work = std::move(mWork.back());
-    mWork.pop_back();
-    work();
+    if (!mWindow.fits(0)) return false;
+    if (!mEmpty.empty()) {
+      removeEmpty();
+    } else if (!mNames.empty()) {
+      if (mNames.back().directory && !mayList()) return false;
+      const Name next = std::move(mNames.back());
+      mNames.pop_back();
+      if (next.directory) {
+        list(std::make_shared<Directory>(next.path(), next.parent));
+      } else {
+        unlink(next);
+      }
+    } else if (!mPostponed.empty() && mWindow.empty()) {
+      const DirectoryPtr directory = std::move(mPostponed.back());
+      mPostponed.pop_back();
+      list(directory);
+    } else {
+      return false;
+    }
     return true;
   }
 
-  void list(const DirectoryPtr& directory) {
-    mContext.disk.list(
-        directory->path, entered<Listing>(0, [this, directory](const Result<Listing>& listing) {
-          if (!listing) return removed(directory->path, directory->parent, listing.error());
-          for (const wire::DirEntry& entry : listing->entries()) {
-            if (isDotEntry(entry.name)) continue;
-            ++directory->left;
-            add(joinPath(directory->path, entry.name), entry.attributes.st_mode, directory);
-          }
-          if (directory->left == 0) removeEmpty(directory);
-        }));
+  bool mayList() const { return mListings == 0 || !WalkedDirectory::crowded(); }
+
+  void unlink(const Name& next) {
+    std::string path = next.path();
+    mContext.disk.unlink(path,
+                         entered<Unit>(0, [this, path, parent = next.parent](const Status& status) {
+                           removed(path, parent, status);
+                         }));
   }
 
-  void removeEmpty(const DirectoryPtr& directory) {
-    mWork.emplace_back([this, directory] {
-      mContext.disk.removeDir(directory->path,
-                              entered<Unit>(0, [this, directory](const Status& status) {
-                                removed(directory->path, directory->parent, status);
-                              }));
-    });
+  void list(const DirectoryPtr& directory) {
+    ++mListings;
+    mContext.disk.list(directory->path(),
+                       entered<Listing>(0, [this, directory](const Result<Listing>& listing) {
+                         --mListings;
+                         listed(directory, listing);
+                       }));
+  }
+
+  void listed(const DirectoryPtr& directory, const Result<Listing>& listing) {
+    Status usable = Unit{};
+    if (!listing) {
+      usable = listing.error();
+    } else if (usable = directory->hold(*listing, sizeof(Name)); !usable && !directory->postponed) {
+      directory->postponed = true;
+      mPostponed.push_back(directory);
+      return;
+    }
+    if (!usable) return removed(directory->path(), directory->parent, usable.error());
+    for (const wire::DirEntry& entry : listing->entries()) {
+      if (isDotEntry(entry.name)) continue;
+      if (directory->reaches(entry.name)) {
+        ++directory->left;
+        mNames.push_back({directory, std::string(entry.name), S_ISDIR(entry.attributes.st_mode)});
+      } else {
+        fail("remove", directory->pathOf(entry.name), pathTooLong());
+        directory->stays = true;
+      }
+    }
+    if (directory->left > 0) return;
+    if (!directory->stays) {
+      mEmpty.push_back(directory);
+    } else {
+      settled(directory->parent, true);
+    }
+  }
+
+  void removeEmpty() {
+    const DirectoryPtr directory = std::move(mEmpty.back());
+    mEmpty.pop_back();
+    mContext.disk.removeDir(directory->path(),
+                            entered<Unit>(0, [this, directory](const Status& status) {
+                              removed(directory->path(), directory->parent, status);
+                            }));
   }
 
   /// A name is gone, or could not be removed.
-  void removed(const std::string& path, DirectoryPtr parent, const Status& status) {
+  void removed(const std::string& path, const DirectoryPtr& parent, const Status& status) {
     if (status) {
       ++mRemoved;
     } else {
       fail("remove", path, status.error());
     }
-    for (bool stays = !status; parent; parent = parent->parent) {
+    settled(parent, !status);
+  }
+
+  /// One name in `parent` needs no more work.
+  void settled(DirectoryPtr parent, bool stays) {
+    for (; parent; parent = parent->parent) {
       parent->stays = parent->stays || stays;
       if (--parent->left > 0) return;
-      if (!parent->stays) return removeEmpty(parent);
+      if (!parent->stays) return mEmpty.push_back(parent);
       stays = true;
     }
   }
@@ -101,7 +155,10 @@ class Removal final : public TransferRun {
     }
   }
 
-  std::vector<std::function<void()>> mWork;
+  std::vector<Name> mNames;
+  std::vector<DirectoryPtr> mEmpty;      ///< to be removed
+  std::vector<DirectoryPtr> mPostponed;  ///< to be listed when nothing else is waiting
+  unsigned mListings = 0;                ///< in flight
   std::uint64_t mRemoved = 0;
 };
 

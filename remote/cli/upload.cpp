@@ -11,6 +11,7 @@
 #include "local_names.h"
 #include "local_tree.h"
 #include "text.h"
+#include "walked_directory.h"
 
 namespace zor::remote::cli {
 
@@ -46,7 +47,9 @@ void Upload::sort(std::string localPath, std::string remotePath, const struct st
     ++mFailures;
     mContext.console.message("'" + item.localPath + "' is left out: " + why);
   };
-  if (S_ISREG(status.st_mode)) {
+  if (item.remotePath.size() > kLongestPath) {
+    fail("send to", item.remotePath, pathTooLong());
+  } else if (S_ISREG(status.st_mode)) {
     mProgress.expect(1, static_cast<std::uint64_t>(status.st_size));
     mFiles.push_back(std::move(item));
   } else if (!S_ISDIR(status.st_mode)) {
