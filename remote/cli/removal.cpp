@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -71,7 +72,9 @@ class Removal final : public TransferRun {
     return true;
   }
 
-  bool mayList() const { return mListings == 0 || !WalkedDirectory::crowded(); }
+  bool mayList() const {
+    return mListings == 0 || (!WalkedDirectory::crowded() && mWindow.fits(mListingSize));
+  }
 
   void unlink(const Name& next) {
     std::string path = next.path();
@@ -83,23 +86,27 @@ class Removal final : public TransferRun {
 
   void list(const DirectoryPtr& directory) {
     ++mListings;
-    mContext.disk.list(directory->path(),
-                       entered<Listing>(0, [this, directory](const Result<Listing>& listing) {
-                         --mListings;
-                         listed(directory, listing);
-                       }));
+    mContext.disk.list(
+        directory->path(),
+        entered<Listing>(mListingSize, [this, directory](const Result<Listing>& listing) {
+          --mListings;
+          listed(directory, listing);
+        }));
+  }
+
+  /// A listing had this size: most likely the next ones are like the last few.
+  void expectListings(std::uint64_t size) {
+    mListingSize = std::min((3 * mListingSize + size) / 4, Window::kMaxBytes);
   }
 
   void listed(const DirectoryPtr& directory, const Result<Listing>& listing) {
-    Status usable = Unit{};
-    if (!listing) {
-      usable = listing.error();
-    } else if (usable = directory->hold(*listing, sizeof(Name)); !usable && !directory->postponed) {
+    if (!listing) return removed(directory->path(), directory->parent, listing.error());
+    expectListings(listing->entries().size() * sizeof(wire::DirEntry));
+    if (const Status held = directory->hold(*listing, sizeof(Name)); !held) {
+      if (directory->postponed) return removed(directory->path(), directory->parent, held);
       directory->postponed = true;
-      mPostponed.push_back(directory);
-      return;
+      return mPostponed.push_back(directory);
     }
-    if (!usable) return removed(directory->path(), directory->parent, usable.error());
     for (const wire::DirEntry& entry : listing->entries()) {
       if (isDotEntry(entry.name)) continue;
       if (directory->reaches(entry.name)) {
@@ -159,6 +166,7 @@ class Removal final : public TransferRun {
   std::vector<DirectoryPtr> mEmpty;      ///< to be removed
   std::vector<DirectoryPtr> mPostponed;  ///< to be listed when nothing else is waiting
   unsigned mListings = 0;                ///< in flight
+  std::uint64_t mListingSize = std::uint64_t{512} << 10;  ///< expected of each
   std::uint64_t mRemoved = 0;
 };
 

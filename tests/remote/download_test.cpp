@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "host_packets.h"
+#include "program.h"
 #include "protocol/records.h"
 #include "temporary_directory.h"
 
@@ -26,13 +27,15 @@ struct PlayedFile {
   std::function<std::optional<std::string>(std::uint64_t offset, std::uint32_t size)> read;
 };
 
-/// Serves one directory of such files until the client goes. A read without a
-/// value ends the connection.
+/// Serves such files in each directory that it is asked for until the client
+/// goes. A read without a value ends the connection.
 class PlayedHost {
  public:
-  explicit PlayedHost(std::map<std::string, PlayedFile> files) : mFiles(std::move(files)) {
-    std::tie(mClientEnd, mSocket) = test::socketPair();
-    mThread = std::thread([this] { serve(); });
+  /// On a socket pair, or with the first client of `listener`.
+  explicit PlayedHost(std::map<std::string, PlayedFile> files, UniqueFd listener = {})
+      : mFiles(std::move(files)) {
+    if (!listener) std::tie(mClientEnd, mSocket) = test::socketPair();
+    mThread = std::thread(&PlayedHost::serve, this, std::move(listener));
   }
   ~PlayedHost() { mThread.join(); }
 
@@ -54,26 +57,30 @@ class PlayedHost {
       for (auto& [name, file] : mFiles) {
         listing += version(file) + le(name.size() + 1, 2) + name + '\0';
       }
-      return le(0, 8) + le(listing.size() + 1, 4) + le(1, 2) + le(mFiles.size(), 2) + '/' +
-             listing + '\0';
+      const std::string path = request.bytes.substr(32);
+      return le(0, 8) + le(listing.size() + 1, 4) + le(path.size(), 2) + le(mFiles.size(), 2) +
+             path + listing + '\0';
     }
+    if (request.cmd == 117) return request.bytes.substr(16);
     if (request.cmd == 102) {
       const std::string path = request.bytes.substr(20);
-      const std::string found = version(mFiles.at(path.substr(1)));
+      const std::string found = version(mFiles.at(std::string(baseName(path))));
       return le(path.size(), 2) + le(found.size(), 2) + path + found;
     }
     wire::FileReadRecord record{};
     wire::Cursor(std::as_bytes(std::span(request.bytes)).subspan(16)).get(record);
     const std::string path = request.bytes.substr(40);
     const auto offset = static_cast<std::uint64_t>(record.offset);
-    const auto data = mFiles.at(path.substr(1)).read(offset, record.size);
+    const auto data = mFiles.at(std::string(baseName(path))).read(offset, record.size);
     if (!data) return std::nullopt;
     return le(offset, 8) + le(0, 4) + le(data->size(), 4) + le(path.size(), 4) + le(0, 4) + path +
            *data;
   }
 
-  void serve() {
-    test::sendBytes(mSocket.get(), test::hex(test::kAnnouncement));
+  void serve(const UniqueFd& listener) {
+    if (listener) mSocket = UniqueFd(::accept(listener.get(), nullptr, nullptr));
+    // Of a disk that may be changed.
+    test::sendBytes(mSocket.get(), test::hex(test::kAnnouncement).substr(0, 22) + '\0');
     for (auto request = test::takePacket(mSocket.get()); request.cmd != 0;
          request = test::takePacket(mSocket.get())) {
       const auto payload = request.cmd == 200 ? "" : answer(request);
@@ -210,6 +217,27 @@ TEST_F(DownloadTest, WritesNothingOutside) {
   EXPECT_EQ(fetched("f"), "new");
   EXPECT_EQ(test::readFile(elsewhere / "victim"), "untouched");
   EXPECT_THAT(mMessages, HasSubstr("cannot make a directory for '/sub'"));
+}
+
+TEST_F(DownloadTest, AChainOfDirectoriesEndsWherePathsGetTooLong) {
+  std::string name(250, 'd'), longest;
+  for (int depth = 0; depth < 17; ++depth) longest += '/' + name;
+  const std::pair<std::vector<std::string>, std::string> kCases[] = {
+      {{"ls", "-R", "/" + name}, ""},
+      {{"rm", "-r", "/" + name}, "udisk-remote: removed 16 names; 1 failure\n"},
+      {{"get", "-r", "/" + name, mDirectory / "got"}, "udisk-remote: fetched 16 files"}};
+  for (auto [arguments, end] : kCases) {
+    arguments.insert(arguments.begin(), {"udisk-remote", "--socket", mDirectory / "socket"});
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    PlayedHost host(
+        {{name, {{attributes(0, 1, 040755)}, {}}}, {"f", {{attributes(1)}, reading("x")}}},
+        test::listenAt(mDirectory / "socket"));
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(runProgram(static_cast<int>(argv.size()), argv.data()), 1) << arguments[3];
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                HasSubstr(" '" + longest + "': the path is too long\n" + end));
+  }
 }
 
 }  // namespace
