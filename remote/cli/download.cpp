@@ -63,11 +63,11 @@ bool Download::list() {
   const std::size_t waiting = mFiles.size() + mSmallFiles.size();
   const bool enough =
       waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs || WalkedDirectory::crowded();
-  if (mDirectories.empty() || mListings >= kMaxListings || (enough && !mWindow.empty())) {
-    return false;
-  }
-  Directory directory = std::move(mDirectories.back());
-  mDirectories.pop_back();
+  std::vector<Directory>& queue = mDirectories.empty() ? mPostponed : mDirectories;
+  if (queue.empty() || mListings >= kMaxListings) return false;
+  if ((enough || &queue == &mPostponed) && !mWindow.empty()) return false;
+  Directory directory = std::move(queue.back());
+  queue.pop_back();
   Source& source = directory.source;
   source.resolve();
   if (!directory.local) {
@@ -79,21 +79,27 @@ bool Download::list() {
     directory.local = std::move(*made);
   }
   ++mListings;
-  mContext.disk.list(source.path,
-                     entered<Listing>(0, [this, path = source.path,
-                                          local = directory.local](const Result<Listing>& listing) {
-                       --mListings;
-                       listed(path, local, listing);
-                     }));
+  const std::string path = source.path;
+  mContext.disk.list(
+      path,
+      entered<Listing>(0, [this, directory = std::move(directory)](const Result<Listing>& listing) {
+        --mListings;
+        listed(directory, listing);
+      }));
   return true;
 }
 
-void Download::listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
-                      const Result<Listing>& listing) {
+void Download::listed(Directory from, const Result<Listing>& listing) {
+  const std::string& path = from.source.path;
+  const std::shared_ptr<LocalDir>& dir = from.local;
   if (!listing) return fail("list", path, listing.error());
   const auto directory = std::make_shared<WalkedDirectory>(path);
   const Status held = directory->hold(*listing, sizeof(Directory));
-  if (!held) return fail("fetch all in", path, held.error());
+  if (!held && from.postponed) return fail("fetch all in", path, held.error());
+  if (!held) {
+    from.postponed = true;
+    return mPostponed.push_back(std::move(from));
+  }
   for (const wire::DirEntry& entry : listing->entries()) {
     if (isDotEntry(entry.name)) continue;
     if (directory->reaches(entry.name)) {

@@ -46,6 +46,7 @@ class Download final : public TransferRun {
   struct Directory {
     Source source;                    ///< what to make for it, or only its path
     std::shared_ptr<LocalDir> local;  ///< null until it is made
+    bool postponed = false;           ///< too much was waiting when it was listed first
   };
 
   /// A file on its way.
@@ -75,8 +76,7 @@ class Download final : public TransferRun {
   bool batchReady() const;
   void sort(Source source);
   bool list();
-  void listed(const std::string& path, const std::shared_ptr<LocalDir>& dir,
-              const Result<Listing>& listing);
+  void listed(Directory directory, const Result<Listing>& listing);
   bool examine();
 
   // download_files.cpp
@@ -97,7 +97,8 @@ class Download final : public TransferRun {
   const DownloadOptions mOptions;
   unsigned mListings = 0;  ///< requests in flight whose answers may bring more files
   std::vector<Directory> mDirectories;
-  std::vector<Source> mUnknown;  ///< their attributes are to be asked for
+  std::vector<Directory> mPostponed;  ///< to be listed when nothing else is waiting
+  std::vector<Source> mUnknown;       ///< their attributes are to be asked for
   std::deque<Source> mFiles;
   std::deque<Source> mSmallFiles;   ///< those that are fetched in batches
   std::vector<TransferPtr> mAgain;  ///< changed while they were read
