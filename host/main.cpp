@@ -20,10 +20,11 @@ void keepStandardDescriptors() {
 }
 
 // Packets come and go all the time: memory that was given back to the system
-// after each of them would have to be faulted in again for the next.
+// after each of them would have to be faulted in again for the next. It goes back
+// when the remote has gone.
 void keepFreedMemory() noexcept {
-  constexpr int kKept = 4 << 20;
-  ::mallopt(M_MMAP_THRESHOLD, kKept);
+  constexpr int kLargestKept = 4 << 20, kKept = 16 << 20;
+  ::mallopt(M_MMAP_THRESHOLD, kLargestKept);
   ::mallopt(M_TRIM_THRESHOLD, kKept);
 }
 

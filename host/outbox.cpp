@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kSmallPacket = std::size_t{16} << 10;
 // Writing less is over sooner than another thread has woken up.
-constexpr std::size_t kLargePacket = std::size_t{256} << 10;
+constexpr std::size_t kLargePacket = std::size_t{128} << 10;
 constexpr std::size_t kMostGathered = std::size_t{64} << 10;
 constexpr std::size_t kMostParts = 64;
 constexpr std::size_t kMostTogether = 12;
