@@ -217,7 +217,7 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     ++mLinkEpoch;
     Burst burst(*this);
     burst.add<Unit>([&](auto done) { mDisk.rename(oldPath, newPath, std::move(done)); },
-                    [this, &moved, &renamed](Status& status) {
+                    [&moved, &renamed](Status& status) {
                       renamed = status;
                       if (status) moved();
                     });
