@@ -118,7 +118,7 @@ void Drive::setLateMode(Lock& lock, NodeId id) {
   Node* node = mTree.find(id);
   if (node == nullptr || !node->file || !node->file->lateMode) return;
   const std::optional<std::string> path = mTree.path(*node);
-  if (!path || node->place->second.hidden) return;
+  if (!path) return;  // under a hidden name, too: the file may have another one
   const auto mode = static_cast<std::uint16_t>(*std::exchange(node->file->lateMode, std::nullopt));
   ++mLinkEpoch;
   Burst burst(*this);

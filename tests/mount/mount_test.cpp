@@ -169,7 +169,9 @@ const Program kPrograms[] = {
      "printf abc >&3; chmod 40 f; test $(stat -c %a f) = 40; test $(stat -c %a $DISK/f) = 640; "
      "printf def >&3); "
      "for i in $(seq 1000); do test $(stat -c %a $DISK/f) = 40 && break; sleep 0.01; done; "
-     "chmod 400 f; test $(stat -c %a $DISK/f) = 400; test $(cat f) = abcdef"},
+     "chmod 400 f; test $(stat -c %a $DISK/f) = 400; test $(cat f) = abcdef; "
+     "(umask 222; exec 3>g; ln g h; rm g); "
+     "for i in $(seq 1000); do test $(stat -c %a $DISK/h) = 444 && exit; sleep 0.01; done; exit 1"},
     {"Offsets",
      "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
      "for i in $(seq 0 299 | shuf); do dd if=$OLDPWD/r of=f bs=10000 skip=$i seek=$i "
