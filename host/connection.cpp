@@ -3,11 +3,9 @@
 #include <spdlog/spdlog.h>
 
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <utility>
 
-#include "protocol/commands.h"
 #include "signals_blocked.h"
 
 namespace zor::host {
@@ -71,62 +69,8 @@ void Connection::serve(ZorDriver& driver) {
     if (!mLink.ended()) spdlog::error("the driver does not announce its disk; giving it up");
     return;
   }
-  receiveAll(driver);
+  mReception.run(driver);
   if (mLink.budget().waitIdle()) mLink.drain();
-}
-
-void Connection::receiveAll(ZorDriver& driver) {
-  FrameReader frames(mLink.budget());
-  while (deliver(driver, frames)) {
-    const ssize_t received = mLink.receive(frames.space());
-    if (received > 0) {
-      frames.commit(static_cast<std::size_t>(received));
-      continue;
-    }
-    if (received < 0) {
-      spdlog::error("receiving failed: {}", std::strerror(static_cast<int>(-received)));
-    } else if (mLink.ended()) {
-      spdlog::info("the connection to the remote has ended");
-    } else {
-      spdlog::info("the remote left{}", frames.insidePacket() ? " in the middle of a packet" : "");
-    }
-    return;
-  }
-}
-
-// Hands over every packet that is there whole. False when the stream is over.
-bool Connection::deliver(ZorDriver& driver, FrameReader& frames) {
-  using Status = FrameReader::Status;
-  for (std::unique_ptr<ZorPacket> packet;;) {
-    const Status status = frames.next(packet);
-    switch (status) {
-      case Status::kPacket:
-        if (packet->GetCmd() >= wire::kFirstBusEvent) {
-          driver.onBusEvent(std::move(packet));
-        } else {
-          driver.onEvent(std::move(packet), 0);
-        }
-        continue;
-      case Status::kMore:
-        return true;
-      case Status::kBadMagic:
-        spdlog::warn("ended the connection: a packet began with {:#04x}", frames.header().magic);
-        break;
-      case Status::kBadLength:
-        spdlog::warn("ended the connection: a packet declared a length of {} bytes",
-                     frames.header().length);
-        break;
-      case Status::kNoMemory:
-        spdlog::error("ended the connection: no memory for a packet of {} bytes",
-                      frames.header().length);
-        break;
-      case Status::kStopped:
-        spdlog::info("the connection to the remote has ended");
-        break;
-    }
-    mLink.end();
-    return false;
-  }
 }
 
 }  // namespace zor::host

@@ -5,9 +5,9 @@
 #include <memory>
 #include <thread>
 
-#include "frame_reader.h"
 #include "host_device.h"
 #include "module_loader.h"
+#include "reception.h"
 #include "remote_link.h"
 #include "support/unique_fd.h"
 
@@ -25,7 +25,10 @@ class Connection {
  public:
   /// `module` must outlive the connection.
   Connection(UniqueFd socket, const DriverModule& module, std::shared_ptr<HostDevBase> base)
-      : mModule(module), mLink(std::move(socket)), mDevice(mLink, std::move(base)) {}
+      : mModule(module),
+        mLink(std::move(socket)),
+        mReception(mLink),
+        mDevice(mLink, mReception, std::move(base)) {}
   /// Ends the connection and waits for its thread.
   ~Connection();
   Connection(const Connection&) = delete;
@@ -44,11 +47,10 @@ class Connection {
  private:
   void run() noexcept;
   void serve(ZorDriver& driver);
-  void receiveAll(ZorDriver& driver);
-  bool deliver(ZorDriver& driver, FrameReader& frames);
 
   const DriverModule& mModule;
   RemoteLink mLink;
+  Reception mReception;
   HostDevice mDevice;
   std::thread mThread;
 };

@@ -46,9 +46,9 @@ void FrameReader::commit(std::size_t count) noexcept {
   mEnd += count;
 }
 
-FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet) {
+FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet, Patience patience) {
   if (!mPending) {
-    const Status status = begin();
+    const Status status = begin(patience);
     if (status != Status::kPacket) return status;
   }
   if (mFilled < mHeader.length) return Status::kMore;
@@ -58,7 +58,7 @@ FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet) {
 
 // Makes the packet whose header lies at mBegin and moves over to it what is
 // there of its payload.
-FrameReader::Status FrameReader::begin() {
+FrameReader::Status FrameReader::begin(Patience patience) {
   const std::size_t available = mEnd - mBegin;
   if (available == 0) return Status::kMore;
   const std::uint8_t* bytes = mBuffer.get() + mBegin;
@@ -76,6 +76,7 @@ FrameReader::Status FrameReader::begin() {
   }
 
   const std::size_t charge = mHeader.length + ReceiveBudget::kPacketOverhead;
+  if (patience == Patience::kNone && !mBudget.hasRoom(charge)) return Status::kNoRoom;
   if (!mBudget.acquire(charge)) return Status::kStopped;
   mPending.reset(new (std::nothrow) ZorPacket(mHeader.length));
   if (!mPending || !mPending->mBuffer) {

@@ -29,6 +29,7 @@ class FrameReader {
     kBadMagic,   ///< the stream is not made of packets; `header` tells
     kBadLength,  ///< a length below the header's size or above the maximum
     kNoMemory,
+    kNoRoom,   ///< in the budget, for who does not wait
     kStopped,  ///< the budget was stopped
   };
 
@@ -41,9 +42,10 @@ class FrameReader {
   /// The first `count` bytes of `space` are filled.
   void commit(std::size_t count) noexcept;
 
-  /// The next packet, its header in the host's byte order. Waits for the
-  /// budget. After anything but kPacket and kMore the stream is at its end.
-  Status next(std::unique_ptr<ZorPacket>& packet);
+  /// The next packet, its header in the host's byte order. Waits for the budget,
+  /// with patience. After anything but kPacket, kMore and kNoRoom the stream is at
+  /// its end, which asking again tells again.
+  Status next(std::unique_ptr<ZorPacket>& packet, Patience patience = Patience::kWait);
 
   /// The header that was read last, in the host's byte order.
   const PacketHeader& header() const noexcept { return mHeader; }
@@ -52,7 +54,7 @@ class FrameReader {
   bool insidePacket() const noexcept { return mPending != nullptr || mBegin != mEnd; }
 
  private:
-  Status begin();
+  Status begin(Patience patience);
   std::size_t window() const noexcept;
 
   ReceiveBudget& mBudget;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "remote_link.h"
+#include "support/request_source.h"
 #include "trace_file.h"
 #include "zor_dev_base.h"
 #include "zor_device.h"
@@ -33,13 +34,13 @@ class HostDevBase final : public ZorDevBase {
 };
 
 /// The device as one remote sees it.
-class HostDevice final : public ZorDevice {
+class HostDevice final : public ZorDevice, public RequestSource {
  public:
   static constexpr std::uint8_t kDeviceId = 1;
 
-  /// `link` must outlive the device.
-  HostDevice(RemoteLink& link, std::shared_ptr<HostDevBase> base) noexcept
-      : mLink(link), mBase(std::move(base)) {}
+  /// `link` and `requests` must outlive the device.
+  HostDevice(RemoteLink& link, RequestSource& requests, std::shared_ptr<HostDevBase> base) noexcept
+      : mLink(link), mRequests(requests), mBase(std::move(base)) {}
 
   std::shared_ptr<ZorDevBase> GetDevBase() override { return mBase; }
   std::uint8_t GetDevId() override { return kDeviceId; }
@@ -50,8 +51,12 @@ class HostDevice final : public ZorDevice {
   int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override;
   void NotifyReadFailure(const std::string& path) override;
 
+  void poll() noexcept override { mRequests.poll(); }
+  bool await() noexcept override { return mRequests.await(); }
+
  private:
   RemoteLink& mLink;
+  RequestSource& mRequests;
   const std::shared_ptr<HostDevBase> mBase;
 };
 

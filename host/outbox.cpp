@@ -71,8 +71,9 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   mWaiting.push_back(std::move(item));
   mWaitingBytes += charge;
   if (mWriting) return true;  // whoever writes takes it along
-  if (mWaitingBytes <= kMostWaiting && mBudget.packets() > 1) {
-    if (size >= kLargePacket) {
+  const bool more = mBudget.packets() > 1;
+  if (mWaitingBytes <= kMostWaiting && (more || mHeld)) {
+    if (more && size >= kLargePacket) {
       mHandedOver = true;
       mWake.notify_one();
       return true;

@@ -49,6 +49,13 @@ class Outbox {
   /// Writes what was gathered. Cheap when there is nothing.
   void flush();
 
+  /// Says whether somebody is about to look for more requests and to call
+  /// `flushUnlessHeld` then: until then a reply to the last one is gathered as well.
+  void hold(bool on) noexcept { mHeld = on; }
+  void flushUnlessHeld() {
+    if (!mHeld) flush();
+  }
+
   /// Waits until everything is written, or the outbox has ended.
   void drain();
 
@@ -83,6 +90,7 @@ class Outbox {
   bool mGathering = false;   ///< the own thread looks after what was gathered
   bool mEnded = false;
   std::atomic<bool> mAnyGathered{false};  ///< for a look without the lock
+  std::atomic<bool> mHeld{false};
   std::thread mThread;
 };
 

@@ -4,10 +4,14 @@
 
 namespace zor::host {
 
+bool ReceiveBudget::hasRoom(std::size_t bytes) const noexcept {
+  return mInFlight.load() <= static_cast<std::int64_t>(mLimit) - static_cast<std::int64_t>(bytes);
+}
+
 bool ReceiveBudget::acquire(std::size_t bytes) {
   const auto count = static_cast<std::int64_t>(bytes);
-  const auto limit = static_cast<std::int64_t>(mLimit);
-  if (mInFlight.load() > limit - count) {
+  if (!hasRoom(bytes)) {
+    const auto limit = static_cast<std::int64_t>(mLimit);
     // Waiting for a good deal more than is needed now keeps the receiver from
     // being woken for every single packet of a remote that is always ahead.
     if (!waitFor(std::max<std::int64_t>(0, std::min(limit - count, limit / 2)))) return false;

@@ -13,6 +13,9 @@
 
 namespace zor::host {
 
+/// What to do when something is not to be had now.
+enum class Patience { kWait, kNone };
+
 /// Counts the memory of the packets that were received and are not yet done
 /// with. The one thread that receives calls `acquire` before it makes a packet
 /// and waits there while too much is in flight; any thread gives back by
@@ -36,6 +39,9 @@ class ReceiveBudget final : public PacketBudget {
 
   /// How many packets are in flight.
   std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
+
+  /// Whether `bytes` more may be in flight now.
+  bool hasRoom(std::size_t bytes) const noexcept;
 
   /// Waits until `bytes` more may be in flight, and counts them. False when
   /// the budget was stopped; nothing is counted then.

@@ -29,7 +29,7 @@ bool isAnnouncement(const ZorPacket& packet) noexcept {
 
 RemoteLink::RemoteLink(UniqueFd socket)
     : mSocket(std::move(socket)),
-      mBudget([this] { mOutbox.flush(); }),
+      mBudget([this] { mOutbox.flushUnlessHeld(); }),
       mOutbox(mSocket.get(), mBudget, [this] { end(); }) {
   enlargeSendBuffer(mSocket.get());
 }
@@ -54,17 +54,23 @@ int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
   return -1;
 }
 
-ssize_t RemoteLink::receive(std::span<iovec> space) noexcept {
+ssize_t RemoteLink::receive(std::span<iovec> space, Patience patience) noexcept {
+  const int flags = MSG_CMSG_CLOEXEC | (patience == Patience::kNone ? MSG_DONTWAIT : 0);
   msghdr message{};
   message.msg_iov = space.data();
   message.msg_iovlen = space.size();
   while (!ended()) {
-    const ssize_t received = ::recvmsg(mSocket.get(), &message, MSG_CMSG_CLOEXEC);
+    const ssize_t received = ::recvmsg(mSocket.get(), &message, flags);
     if (received >= 0) return received;
     if (errno == ECONNRESET) return 0;  // it left without reading everything
     if (errno != EINTR) return -errno;
   }
   return 0;
+}
+
+bool RemoteLink::waitReadable(std::chrono::milliseconds limit) const noexcept {
+  pollfd state{mSocket.get(), POLLIN, 0};
+  return ::poll(&state, 1, static_cast<int>(limit.count())) != 0;
 }
 
 void RemoteLink::end() noexcept {

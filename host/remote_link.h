@@ -18,7 +18,7 @@
 namespace zor::host {
 
 /// A connected stream socket with packets back to back in both directions.
-/// `receive` belongs to one thread; everything else may be called on any.
+/// `receive` belongs to one thread at a time; everything else may be called on any.
 class RemoteLink {
  public:
   /// Throws std::system_error when there is no thread to be had.
@@ -32,9 +32,18 @@ class RemoteLink {
   /// Waits until everything has been written, or the link has ended.
   void drain() { mOutbox.drain(); }
 
+  /// See Outbox.
+  void hold(bool on) noexcept { mOutbox.hold(on); }
+  void flushUnlessHeld() { mOutbox.flushUnlessHeld(); }
+
   /// Receives into `space`. The number of bytes; 0 when the remote has closed
-  /// its side or the link has ended; a negative errno value on failure.
-  ssize_t receive(std::span<iovec> space) noexcept;
+  /// its side or the link has ended; a negative errno value on failure, -EAGAIN
+  /// when there is nothing to receive and `patience` is kNone.
+  ssize_t receive(std::span<iovec> space, Patience patience) noexcept;
+
+  /// Waits until there is something to receive, or the end. False when the time
+  /// ran out before.
+  bool waitReadable(std::chrono::milliseconds limit) const noexcept;
 
   /// Ends both directions: whoever waits in any operation returns.
   void end() noexcept;

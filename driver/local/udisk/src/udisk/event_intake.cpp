@@ -58,6 +58,20 @@ bool UDiskDriver::takeQueue(GQueue& taken) {
   return !mStop;
 }
 
+// Until there is a request, or it is time to wait for the intake to be called.
+void UDiskDriver::lookOut() noexcept {
+  const auto queued = [this] { return mQueued.load(std::memory_order_relaxed) != 0; };
+  const auto ready = [&] {
+    if (!queued() && mRequests != nullptr) mRequests->poll();
+    return queued() || mStop;
+  };
+  // What can be had by asking cost nobody a wake-up, and tells nothing of the next time.
+  if (mRequests != nullptr && ready()) return;
+  if (mLookOut.until(ready) || mRequests == nullptr) return;
+  while (mRequests->await() && !queued() && !mStop) {
+  }
+}
+
 void UDiskDriver::DataEventHandle() {
   bool served = false;
   GQueue taken = G_QUEUE_INIT;
@@ -66,9 +80,7 @@ void UDiskDriver::DataEventHandle() {
     return std::unique_ptr<ZorPacket>(link ? static_cast<ZorPacket*>(link->data) : nullptr);
   };
   for (bool going = true; going;) {
-    if (served) {
-      mLookOut.until([this] { return mQueued.load(std::memory_order_relaxed) != 0 || mStop; });
-    }
+    if (served) lookOut();
     going = takeQueue(taken);
     served = !g_queue_is_empty(&taken);
     std::optional<UDiskOperator::Burst> burst;

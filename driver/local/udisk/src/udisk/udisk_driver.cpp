@@ -10,7 +10,8 @@
 
 namespace zor {
 
-UDiskDriver::UDiskDriver(ZorDevice* device, const char* params) : mDevice(device) {
+UDiskDriver::UDiskDriver(ZorDevice* device, const char* params)
+    : mDevice(device), mRequests(dynamic_cast<RequestSource*>(device)) {
   if (params != nullptr) storePolicy(params);
 }
 

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/look_out.h"
+#include "support/request_source.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
@@ -52,6 +53,7 @@ class UDiskDriver : public ZorRawDriver {
   friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
 
   bool takeQueue(GQueue& taken);
+  void lookOut() noexcept;
   void storePolicy(const char* policy) noexcept;
   void stopServing();
   void stopDataThread();
@@ -65,6 +67,7 @@ class UDiskDriver : public ZorRawDriver {
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
   ZorDevice* mDevice;
+  RequestSource* mRequests;  ///< the device again, when it is one
   char mPolicy[128] = {};
   std::unique_ptr<std::thread> mDataThread;
   std::unique_ptr<UDiskService> mService;
