@@ -72,6 +72,35 @@ TEST_F(DriverTest, AnnouncesServesInOrderAndCloses) {
                                  "LOCAL_UDISK_DRIVER_CLOSE success - udisk driver close success"}));
 }
 
+// One request is brought, the next ones are only there for who asks, or waits.
+TEST_F(DriverTest, AsksADeviceThatCanBeAsked) {
+  struct AskedDevice : RecordingDevice, RequestSource {
+    void poll() noexcept override { give(1); }
+    bool await() noexcept override {
+      give(2);
+      return ++awaited < 5;
+    }
+    void give(int number) noexcept {
+      if (given != number) return;
+      ++given;
+      const std::string path = "/" + std::to_string(number);
+      driver->onEvent(requestOf(119, le(2, 4) + le(0, 4) + path, 200), 0);
+    }
+    ZorDriver* driver = nullptr;
+    int given = 1, awaited = 0;
+  } asked;
+  asked.id = 200;
+  asked.params = device.params;
+  UDiskDriver askingDriver(&asked, "");
+  asked.driver = &askingDriver;
+  ASSERT_EQ(askingDriver.Init(), 0);
+  ASSERT_TRUE(asked.waitForSent(2));
+  askingDriver.onEvent(requestOf(119, le(2, 4) + le(0, 4) + "/0", 200), 0);
+  ASSERT_TRUE(asked.waitForSent(5));
+  EXPECT_EQ(asked.sent()[4].substr(24), "/2");
+  askingDriver.Close(0);
+}
+
 // What is open for one request of a burst must be right for the next one, and
 // must not be closed while it is in use.
 TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {

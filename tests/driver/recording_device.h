@@ -14,7 +14,7 @@
 
 namespace zor::test {
 
-class RecordingDevice final : public ZorDevice, public ZorDevBase {
+class RecordingDevice : public ZorDevice, public ZorDevBase {
  public:
   using Lock = std::lock_guard<std::mutex>;
 

@@ -1,0 +1,185 @@
+// Who reads what a remote sends: this thread plays a driver's data-event thread.
+#include "reception.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "driver/wire_text.h"
+#include "remote/host_packets.h"
+#include "support/process.h"
+
+namespace zor::host {
+namespace {
+
+using namespace std::chrono_literals;
+using remote::test::sendBytes;
+using remote::test::socketPair;
+using test::eventually;
+using test::le;
+
+std::string packetOf(unsigned cmd, std::uint32_t id, std::size_t payload = 0) {
+  return "\x27\1" + le(cmd, 2) + le(id, 4) + le(16 + payload, 4) + le(0, 4) +
+         std::string(payload, 'x');
+}
+
+class Intake final : public ZorRawDriver {
+ public:
+  int onEvent(std::unique_ptr<ZorPacket> packet, int) override { return add(*packet); }
+  int onBusEvent(std::shared_ptr<ZorPacket> packet) override {
+    if (packet->GetRequestId() == kRefused) throw std::runtime_error("refused");
+    return add(*packet);
+  }
+  int onPolicyChange(const std::string&) override { return 0; }
+  int Close(signed char) override { return 0; }
+
+  static constexpr std::uint32_t kRefused = 4711;
+  std::vector<std::uint32_t> ids;  ///< below count
+  std::atomic<std::size_t> count{0}, here{0};
+
+ private:
+  int add(const ZorPacket& packet) {
+    ids.push_back(packet.GetRequestId());
+    here += std::this_thread::get_id() == mHome;
+    ++count;
+    return 0;
+  }
+  const std::thread::id mHome = std::this_thread::get_id();
+};
+
+/// A remote, and a reception that runs on a thread of its own.
+struct Reading {
+  Reading() {
+    std::tie(mNear, remote) = socketPair();
+    mLink.emplace(std::move(mNear));
+    reception.emplace(*mLink);
+    mThread = std::thread([this] {
+      try {
+        reception->run(intake);
+      } catch (const std::exception& error) {
+        failure = error.what();
+      }
+      over = true;
+    });
+  }
+  ~Reading() {
+    mLink->end();
+    mThread.join();
+  }
+
+  void end() { mLink->end(); }
+  void send(const std::string& bytes) const { sendBytes(remote.get(), bytes); }
+  bool arrived(std::size_t count) const {
+    return eventually([&] { return intake.count == count; });
+  }
+  /// Sends one request after the other and asks for each until the reading is lent.
+  void takeOver() {
+    const auto limit = std::chrono::steady_clock::now() + 20s;
+    for (const std::size_t before = intake.here; intake.here == before;) {
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "never lent";
+      const std::size_t next = intake.count + 1;
+      send(packetOf(119, 0));
+      while (intake.count < next) reception->poll();
+    }
+  }
+
+  UniqueFd remote;
+  Intake intake;
+  std::string failure;  ///< once over
+  std::atomic<bool> over{false};
+  std::optional<Reception> reception;
+
+ private:
+  UniqueFd mNear;
+  std::optional<RemoteLink> mLink;
+  std::thread mThread;
+};
+
+TEST(Reception, ADriverThatDoesNotAskGetsEverythingAllTheSame) {
+  Reading reading;
+  for (std::uint32_t id = 1; id <= 100; ++id) reading.send(packetOf(119, id));
+  EXPECT_TRUE(reading.arrived(100));
+  EXPECT_EQ(reading.intake.here, 0U);
+}
+
+TEST(Reception, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
+  Reading reading;
+  const Intake& intake = reading.intake;
+  constexpr std::uint32_t kCount = 3000;
+  std::string stream;
+  for (std::uint32_t id = 1; id <= kCount; ++id) {
+    stream += packetOf(id % 17 == 0 ? 513 : 119, id, id % 50 == 0 ? 100000 : id % 7);
+  }
+  std::thread sender([&] {
+    // Pieces of all sizes, and pauses long enough for the reading to be taken back.
+    for (std::size_t at = 0, i = 0; at < stream.size(); ++i) {
+      const std::string piece = stream.substr(at, 1 + i * i % 9973);
+      reading.send(piece);
+      at += piece.size();
+      if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(i % 3 * 12));
+    }
+  });
+  while (intake.count < kCount) {
+    reading.reception->poll();
+    if (intake.count % 5 == 0) reading.reception->await();
+    if (intake.count % 101 == 0) std::this_thread::sleep_for(10ms);
+  }
+  sender.join();
+  for (std::uint32_t id = 1; id <= kCount; ++id) ASSERT_EQ(intake.ids[id - 1], id);
+  EXPECT_GT(intake.here, 0U);
+  EXPECT_LT(intake.here, kCount);
+}
+
+TEST(Reception, TheOtherThreadGoesOnWhereThisOneStops) {
+  Reading reading;
+  const std::string split = packetOf(119, 3, 1000);
+  const std::function<void()> stops[] = {
+      [&] { reading.send(packetOf(513, 1)); },  // it is busy and does not ask
+      [&] {
+        while (reading.reception->await()) {  // until nothing has come for long
+        }
+        reading.send(packetOf(119, 2));
+      },
+      [&] {
+        reading.send(split.substr(0, 500));
+        reading.reception->await();
+        reading.send(split.substr(500));
+      },
+  };
+  for (const auto& stop : stops) {
+    reading.takeOver();
+    const std::size_t count = reading.intake.count;
+    stop();
+    EXPECT_TRUE(reading.arrived(count + 1)) << &stop - stops;
+  }
+}
+
+TEST(Reception, TheEndIsTheEndWhoeverMeetsIt) {
+  const struct {
+    std::function<void(Reading&)> end;
+    std::string failure;
+  } table[] = {
+      {[](Reading& reading) { ::shutdown(reading.remote.get(), SHUT_WR); }, ""},
+      {[](Reading& reading) { reading.send("GET / HTTP/1.1"); }, ""},
+      {[](Reading& reading) { reading.end(); }, ""},
+      {[](Reading& reading) { reading.send(packetOf(513, Intake::kRefused)); }, "refused"},
+  };
+  for (const auto& row : table) {
+    Reading reading;
+    reading.takeOver();
+    row.end(reading);
+    reading.reception->await();
+    EXPECT_TRUE(eventually([&] { return reading.over.load(); })) << &row - table;
+    EXPECT_FALSE(reading.reception->await());
+    EXPECT_EQ(reading.failure, row.failure);
+  }
+}
+
+}  // namespace
+}  // namespace zor::host
