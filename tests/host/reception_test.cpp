@@ -112,17 +112,15 @@ TEST(Reception, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
   Reading reading;
   const Intake& intake = reading.intake;
   constexpr std::uint32_t kCount = 3000;
-  std::string stream;
-  for (std::uint32_t id = 1; id <= kCount; ++id) {
-    stream += packetOf(id % 17 == 0 ? 513 : 119, id, id % 50 == 0 ? 100000 : id % 7);
-  }
   std::thread sender([&] {
-    // Pieces of all sizes, and pauses long enough for the reading to be taken back.
-    for (std::size_t at = 0, i = 0; at < stream.size(); ++i) {
-      const std::string piece = stream.substr(at, 1 + i * i % 9973);
-      reading.send(piece);
-      at += piece.size();
-      if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(i % 3 * 12));
+    for (std::uint32_t id = 1; id <= kCount; ++id) {
+      const std::size_t payload = id % 50 == 0 ? 100000 : id % 7;
+      const std::string packet = packetOf(id % 17 == 0 ? 513 : 119, id, payload);
+      const std::size_t cut = id % 10 == 0 ? id * 37 % packet.size() : 0;
+      reading.send(packet.substr(0, cut));
+      // Long enough for the reading to be taken back, sometimes.
+      if (id % 64 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(id % 3 * 12));
+      reading.send(packet.substr(cut));
     }
   });
   while (intake.count < kCount) {
