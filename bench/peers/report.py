@@ -11,7 +11,7 @@ WORKS = {
     "file-1": ("whole 4 KiB file, one in flight", 2.5, None),
     "file-32": ("whole 4 KiB file, 32 in flight", 5, None),
     "batch-1": ("batch of 32 files, one in flight", None, 0.6),
-    "batch-4": ("batch of 32 files, 4 in flight", None, None),
+    "batch-4": ("batch of 32 files, 4 in flight", None, 0.6),
     "read-64k": ("64 KiB reads, 8 in flight", 2, None),
     "read-1m": ("1 MiB reads, 4 in flight", 2, 0.5),
     "write-64k": ("64 KiB writes, 8 in flight", 2, None),
@@ -26,7 +26,8 @@ NAMES = {HOST: "udisk-host", PEER: "sftp-server", LIMIT: "POSIX calls",
 
 def describe(results):
     return (f"Medians of {results['rounds']} rounds of {results['seconds']:g} s, in turns; "
-            f"{results['machine']['cores']} processors; everything in the page cache")
+            f"{results['machine']['cores']} processors"
+            f"{', kept awake' if results.get('awake') else ''}; everything in the page cache")
 
 
 def sections(results):
