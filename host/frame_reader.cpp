@@ -11,8 +11,8 @@ namespace zor::host {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{256} << 10;
-constexpr std::size_t kLargePacket = std::size_t{16} << 10;
-constexpr std::size_t kBehindLarge = std::size_t{2} << 10;
+constexpr std::size_t kBulkyPacket = std::size_t{16} << 10;
+constexpr std::size_t kBehindBulky = std::size_t{2} << 10;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ std::span<iovec> FrameReader::space() noexcept {
 // What goes through the buffer is copied, so behind a large packet, which is
 // likely to be followed by another one, little is taken in.
 std::size_t FrameReader::window() const noexcept {
-  return mHeader.length > kLargePacket ? kBehindLarge : kBufferSize;
+  return mHeader.length > kBulkyPacket ? kBehindBulky : kBufferSize;
 }
 
 void FrameReader::commit(std::size_t count) noexcept {
