@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -31,7 +32,12 @@ std::string packetOf(unsigned cmd, std::uint32_t id, std::size_t payload = 0) {
 
 class Intake final : public ZorRawDriver {
  public:
-  int onEvent(std::unique_ptr<ZorPacket> packet, int) override { return add(*packet); }
+  int onEvent(std::unique_ptr<ZorPacket> packet, int) override {
+    const std::lock_guard lock(mMutex);
+    add(*packet);
+    if (keeps) mKept.push_back(std::move(packet));
+    return 0;
+  }
   int onBusEvent(std::shared_ptr<ZorPacket> packet) override {
     if (packet->GetRequestId() == kRefused) throw std::runtime_error("refused");
     return add(*packet);
@@ -39,7 +45,15 @@ class Intake final : public ZorRawDriver {
   int onPolicyChange(const std::string&) override { return 0; }
   int Close(signed char) override { return 0; }
 
+  void letGo() {
+    std::vector<std::unique_ptr<ZorPacket>> kept;
+    const std::lock_guard lock(mMutex);
+    keeps = false;
+    kept.swap(mKept);
+  }
+
   static constexpr std::uint32_t kRefused = 4711;
+  std::atomic<bool> keeps{false};
   std::vector<std::uint32_t> ids;  ///< below count
   std::atomic<std::size_t> count{0}, here{0};
 
@@ -51,6 +65,8 @@ class Intake final : public ZorRawDriver {
     return 0;
   }
   const std::thread::id mHome = std::this_thread::get_id();
+  std::mutex mMutex;
+  std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by mMutex
 };
 
 /// A remote, and a reception that runs on a thread of its own.
@@ -156,6 +172,29 @@ TEST(Reception, TheOtherThreadGoesOnWhereThisOneStops) {
     stop();
     EXPECT_TRUE(reading.arrived(count + 1)) << &stop - stops;
   }
+}
+
+// Who serves must not wait for memory that only serving gives back.
+TEST(Reception, AFullBudgetIsWaitedForByTheOtherThread) {
+  Reading reading;
+  reading.takeOver();
+  reading.intake.keeps = true;
+  const std::size_t before = reading.intake.count;
+  constexpr std::size_t kCount = 3000, kPayload = 16000;  // more than the budget holds
+  std::thread sender([&] {
+    for (std::uint32_t id = 0; id < kCount; ++id) reading.send(packetOf(119, id, kPayload));
+  });
+  const auto held = [&] { return reading.intake.count - before; };
+  const auto serve = [&] {
+    if (!reading.reception->await()) std::this_thread::sleep_for(1ms);
+    return held() * (kPayload + 512) > ReceiveBudget::kDefaultLimit;
+  };
+  EXPECT_TRUE(eventually(serve));
+  for (int i = 0; i < 20; ++i) serve();
+  EXPECT_LE(held() * kPayload, ReceiveBudget::kDefaultLimit);
+  reading.intake.letGo();
+  EXPECT_TRUE(reading.arrived(before + kCount));
+  sender.join();
 }
 
 TEST(Reception, TheEndIsTheEndWhoeverMeetsIt) {
