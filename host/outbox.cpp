@@ -71,14 +71,17 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   mWaiting.push_back(std::move(item));
   mWaitingBytes += charge;
   if (mWriting) return true;  // whoever writes takes it along
-  const bool more = mBudget.packets() > 1;
+  const std::size_t packets = mBudget.packets();
+  const bool more = packets > 1;
   if (mWaitingBytes <= kMostWaiting && (more || mHeld)) {
     if (more && size >= kLargePacket) {
       mHandedOver = true;
       mWake.notify_one();
       return true;
     }
-    if (size <= kSmallPacket && mWaitingBytes < kMostGathered && mWaiting.size() < kMostTogether) {
+    // Who sends much in each request makes the next one while this one is served.
+    const bool smallOnes = size <= kSmallPacket && mBudget.bytes() <= packets * kSmallPacket;
+    if (smallOnes && mWaitingBytes < kMostGathered && mWaiting.size() < kMostTogether) {
       mAnyGathered.store(true, std::memory_order_relaxed);
       if (!std::exchange(mGathering, true)) mWake.notify_one();
       return true;

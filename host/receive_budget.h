@@ -37,8 +37,11 @@ class ReceiveBudget final : public PacketBudget {
   explicit ReceiveBudget(std::function<void()> idle = {}, std::size_t limit = kDefaultLimit)
       : mIdle(std::move(idle)), mLimit(limit) {}
 
-  /// How many packets are in flight.
+  /// How many packets are in flight, and their bytes.
   std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
+  std::size_t bytes() const noexcept {
+    return static_cast<std::size_t>(mInFlight.load(std::memory_order_relaxed));
+  }
 
   /// Whether `bytes` more may be in flight now.
   bool hasRoom(std::size_t bytes) const noexcept;
