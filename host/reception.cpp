@@ -64,6 +64,7 @@ Reception::Delivered Reception::deliver(Patience patience) {
     if (packet->GetCmd() >= wire::kFirstBusEvent) {
       mDriver->onBusEvent(std::move(packet));
     } else {
+      if (patience == Patience::kWait) mAsleep = false;  // nor will it sleep before it asks
       mDriver->onEvent(std::move(packet), 0);
     }
   }
@@ -93,12 +94,12 @@ void Reception::endBadStream(FrameReader::Status status) {
 
 bool Reception::worthLending() noexcept {
   return !mFrames->insidePacket() && mFrames->header().length <= kMostWhileLent &&
-         mAsked.exchange(false, std::memory_order_relaxed);
+         mAsked.load(std::memory_order_relaxed);
 }
 
 void Reception::lend() {
   Lock lock(mMutex);
-  mLent = true;
+  mLent = !mAsleep && mAsked.exchange(false);
   for (std::uint64_t before = ~mTurns; mLent && (mAwaiting || before != mTurns);) {
     before = mTurns;
     mTurn.wait_for(lock, kTick, [this] { return !mLent; });
@@ -124,19 +125,26 @@ void Reception::poll() noexcept {
 }
 
 bool Reception::await() noexcept {
-  if (!mLent.load(std::memory_order_relaxed)) return false;
   Lock lock(mMutex);
-  if (!mLent) return false;
-  mAwaiting = true;
-  lock.unlock();
-  const bool any = mLink.waitReadable(kMoment);
-  lock.lock();
-  mAwaiting = false;
-  if (any) {
-    receiveLent();
-  } else {
-    takeBack();
+  if (mLent) {
+    lock.unlock();
+    mLink.hold(false);
+    mLink.flushUnlessHeld();
+    lock.lock();
   }
+  if (mLent) {
+    mAwaiting = true;
+    lock.unlock();
+    const bool any = mLink.waitReadable(kMoment);
+    lock.lock();
+    mAwaiting = false;
+    if (any) {
+      receiveLent();
+    } else {
+      takeBack();
+    }
+  }
+  mAsleep = !mLent;
   return mLent;
 }
 

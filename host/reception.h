@@ -51,7 +51,8 @@ class Reception final : public RequestSource {
   // Both during `run`, and of its thread; while mLent guarded by mMutex.
   FrameReader* mFrames = nullptr;
   ZorDriver* mDriver = nullptr;
-  std::atomic<bool> mAsked{false};  ///< the driver does ask
+  std::atomic<bool> mAsked{false};   ///< the driver does ask
+  std::atomic<bool> mAsleep{false};  ///< its thread waits to be called; set under mMutex
 
   std::mutex mMutex;  ///< guards what follows
   std::condition_variable mTurn;

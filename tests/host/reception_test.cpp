@@ -33,7 +33,8 @@ std::string packetOf(unsigned cmd, std::uint32_t id, std::size_t payload = 0) {
 class Intake final : public ZorRawDriver {
  public:
   int onEvent(std::unique_ptr<ZorPacket> packet, int) override {
-    const std::lock_guard lock(mMutex);
+    ++begun;
+    const std::lock_guard lock(gate);
     add(*packet);
     if (keeps) mKept.push_back(std::move(packet));
     return 0;
@@ -47,15 +48,16 @@ class Intake final : public ZorRawDriver {
 
   void letGo() {
     std::vector<std::unique_ptr<ZorPacket>> kept;
-    const std::lock_guard lock(mMutex);
+    const std::lock_guard lock(gate);
     keeps = false;
     kept.swap(mKept);
   }
 
   static constexpr std::uint32_t kRefused = 4711;
   std::atomic<bool> keeps{false};
+  std::mutex gate;                 ///< whoever brings a request goes through
   std::vector<std::uint32_t> ids;  ///< below count
-  std::atomic<std::size_t> count{0}, here{0};
+  std::atomic<std::size_t> begun{0}, count{0}, here{0};
 
  private:
   int add(const ZorPacket& packet) {
@@ -65,8 +67,7 @@ class Intake final : public ZorRawDriver {
     return 0;
   }
   const std::thread::id mHome = std::this_thread::get_id();
-  std::mutex mMutex;
-  std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by mMutex
+  std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by the gate
 };
 
 /// A remote, and a reception that runs on a thread of its own.
@@ -172,6 +173,26 @@ TEST(Reception, TheOtherThreadGoesOnWhereThisOneStops) {
     stop();
     EXPECT_TRUE(reading.arrived(count + 1)) << &stop - stops;
   }
+}
+
+// A request would lie there until the reading is taken back.
+TEST(Reception, NothingIsLentToWhoWentToSleepMeanwhile) {
+  Reading reading;
+  reading.takeOver();
+  while (reading.reception->await()) {
+  }
+  const std::size_t count = reading.intake.count, here = reading.intake.here;
+  {
+    const std::lock_guard lock(reading.intake.gate);
+    reading.send(packetOf(119, 1));
+    ASSERT_TRUE(eventually([&] { return reading.intake.begun == count + 1; }));
+    reading.reception->poll();
+    EXPECT_FALSE(reading.reception->await());
+  }
+  while (reading.intake.count == count) std::this_thread::yield();
+  reading.send(packetOf(119, 2));
+  while (reading.intake.count < count + 2) reading.reception->await();
+  EXPECT_EQ(reading.intake.here, here);
 }
 
 // Who serves must not wait for memory that only serving gives back.
