@@ -13,10 +13,9 @@
 
 namespace zor::host {
 
-/// Opens a driver for a remote and delivers the remote's packets to it, on a
-/// thread of its own; replies go out on the driver's threads. When the remote
-/// leaves, sends a malformed packet, or `end` is called, the driver is closed
-/// and destroyed.
+/// Opens a driver for a remote on a thread of its own, and has its packets
+/// delivered to it. When the remote leaves, sends a malformed packet, or `end` is
+/// called, the driver is closed and destroyed.
 ///
 /// What a remote sent whole before it closed its side is served before the
 /// driver is closed, as long as replies can still be delivered: it may have

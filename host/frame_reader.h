@@ -19,8 +19,8 @@ namespace zor::host {
 /// it has nothing more to give.
 ///
 /// Each byte is copied at most once: a fixed buffer takes in many small packets
-/// at a time, and most of a large one goes straight to its place. One thread at a time. The packets
-/// may live on any thread, but not longer than the budget.
+/// at a time, and most of a large one goes straight to its place. One thread at a
+/// time. The packets may live on any thread, but not longer than the budget.
 class FrameReader {
  public:
   enum class Status {

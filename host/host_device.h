@@ -45,9 +45,8 @@ class HostDevice final : public ZorDevice, public RequestSource {
   std::shared_ptr<ZorDevBase> GetDevBase() override { return mBase; }
   std::uint8_t GetDevId() override { return kDeviceId; }
 
-  /// Writes to the socket on the calling thread. Waits until the packet is
-  /// written or the connection has ended, whatever `timeoutMs` says: a packet
-  /// cannot be given up half-way without losing the stream.
+  /// See RemoteLink::send. Waits as long as it takes, whatever `timeoutMs` says: a
+  /// packet cannot be given up half-way without losing the stream.
   int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override;
   void NotifyReadFailure(const std::string& path) override;
 

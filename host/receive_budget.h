@@ -17,9 +17,9 @@ namespace zor::host {
 enum class Patience { kWait, kNone };
 
 /// Counts the memory of the packets that were received and are not yet done
-/// with. The one thread that receives calls `acquire` before it makes a packet
-/// and waits there while too much is in flight; any thread gives back by
-/// destroying the packet.
+/// with. One thread at a time receives; it calls `acquire` before it makes a packet
+/// and waits there while too much is in flight, unless it looks for room first. Any
+/// thread gives back by destroying the packet.
 ///
 /// The bound: packets in flight never take more than `limit` bytes, or one
 /// packet by itself when that is larger. With kDefaultLimit and the largest

@@ -1,4 +1,4 @@
-// From the framework's threads to the data-event thread.
+// From whoever brings events to the data-event thread.
 #include <chrono>
 #include <new>
 #include <optional>

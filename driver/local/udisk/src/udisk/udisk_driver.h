@@ -23,8 +23,9 @@ class UDiskOperator;
 class UDiskService;
 
 /// Init, Close, the destructor and the policy operations run on the
-/// framework's thread; the event callbacks on any of its threads. `Close` must
-/// precede the destruction of a driver that `Init` started.
+/// framework's thread; the event callbacks on any of its threads, and on the data-event
+/// thread when that asks a device for requests. `Close` must precede the destruction of
+/// a driver that `Init` started.
 class UDiskDriver : public ZorRawDriver {
  public:
   /// `device` is not owned; of `params` the first 127 characters are kept.
