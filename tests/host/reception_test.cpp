@@ -34,7 +34,8 @@ class Intake final : public ZorRawDriver {
  public:
   int onEvent(std::unique_ptr<ZorPacket> packet, int) override {
     ++begun;
-    const std::lock_guard lock(gate);
+    while (shut) std::this_thread::yield();
+    const std::lock_guard lock(mMutex);
     add(*packet);
     if (keeps) mKept.push_back(std::move(packet));
     return 0;
@@ -48,14 +49,14 @@ class Intake final : public ZorRawDriver {
 
   void letGo() {
     std::vector<std::unique_ptr<ZorPacket>> kept;
-    const std::lock_guard lock(gate);
+    const std::lock_guard lock(mMutex);
     keeps = false;
     kept.swap(mKept);
   }
 
   static constexpr std::uint32_t kRefused = 4711;
   std::atomic<bool> keeps{false};
-  std::mutex gate;                 ///< whoever brings a request goes through
+  std::atomic<bool> shut{false};   ///< whoever brings a request waits
   std::vector<std::uint32_t> ids;  ///< below count
   std::atomic<std::size_t> begun{0}, count{0}, here{0};
 
@@ -67,7 +68,8 @@ class Intake final : public ZorRawDriver {
     return 0;
   }
   const std::thread::id mHome = std::this_thread::get_id();
-  std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by the gate
+  std::mutex mMutex;
+  std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by mMutex
 };
 
 /// A remote, and a reception that runs on a thread of its own.
@@ -182,13 +184,12 @@ TEST(Reception, NothingIsLentToWhoWentToSleepMeanwhile) {
   while (reading.reception->await()) {
   }
   const std::size_t count = reading.intake.count, here = reading.intake.here;
-  {
-    const std::lock_guard lock(reading.intake.gate);
-    reading.send(packetOf(119, 1));
-    ASSERT_TRUE(eventually([&] { return reading.intake.begun == count + 1; }));
-    reading.reception->poll();
-    EXPECT_FALSE(reading.reception->await());
-  }
+  reading.intake.shut = true;
+  reading.send(packetOf(119, 1));
+  EXPECT_TRUE(eventually([&] { return reading.intake.begun == count + 1; }));
+  reading.reception->poll();
+  EXPECT_FALSE(reading.reception->await());
+  reading.intake.shut = false;
   while (reading.intake.count == count) std::this_thread::yield();
   reading.send(packetOf(119, 2));
   while (reading.intake.count < count + 2) reading.reception->await();
