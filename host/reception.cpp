@@ -127,6 +127,7 @@ void Reception::poll() noexcept {
 bool Reception::await() noexcept {
   Lock lock(mMutex);
   if (mLent) {
+    // Not under the mutex, nor as one who waits: from that one nothing is taken back.
     lock.unlock();
     mLink.hold(false);
     mLink.flushUnlessHeld();
