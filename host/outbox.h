@@ -21,8 +21,8 @@ namespace zor::host {
 ///
 /// - A packet is written by the thread that brings it, as long as nobody waits
 ///   for that thread.
-/// - While more requests are in flight, all of them small, small packets are gathered, to be
-///   written together: when there are enough of them, when the last request is
+/// - While more requests are in flight, small ones for the most part, small packets
+///   are gathered, to be written together: when there are enough of them, when the last request is
 ///   done with, or when they have waited for a moment.
 /// - While more requests are in flight, a large packet is left to a thread of
 ///   the outbox, so that the next request is served meanwhile.

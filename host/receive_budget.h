@@ -37,7 +37,7 @@ class ReceiveBudget final : public PacketBudget {
   explicit ReceiveBudget(std::function<void()> idle = {}, std::size_t limit = kDefaultLimit)
       : mIdle(std::move(idle)), mLimit(limit) {}
 
-  /// How many packets are in flight, and their bytes.
+  /// How many packets are in flight, and what they count together, in bytes.
   std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
   std::size_t bytes() const noexcept {
     return static_cast<std::size_t>(mInFlight.load(std::memory_order_relaxed));

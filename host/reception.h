@@ -52,7 +52,7 @@ class Reception final : public RequestSource {
   FrameReader* mFrames = nullptr;
   ZorDriver* mDriver = nullptr;
   std::atomic<bool> mAsked{false};   ///< the driver does ask
-  std::atomic<bool> mAsleep{false};  ///< its thread waits to be called; set under mMutex
+  std::atomic<bool> mAsleep{false};  ///< its thread waits to be called; becomes true under mMutex
 
   std::mutex mMutex;  ///< guards what follows
   std::condition_variable mTurn;
