@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz faults overload soak bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz mutants faults overload soak bench bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -41,6 +41,12 @@ $(FUZZ:%=fuzz-%): fuzz-%: build-fuzz
 	$(FIXED_LAYOUT) build/fuzz/bin/udisk_fuzz_$* build/fuzz/found/$* fuzz/corpus/$* \
 	  -max_total_time=$(SECONDS) -timeout=30 -rss_limit_mb=4096 -print_final_stats=1 -print_funcs=0 \
 	  -artifact_prefix=build/fuzz/found/$*-
+
+# Puts one fault at a time into a copy of the code; the tests of its layer have to notice.
+# `make mutants MUTANTS='drive --name fsync'` for some.
+mutants:
+	@scripts/setup.sh mutants
+	mutants/mutants $(MUTANTS)
 
 bench: setup
 	cmake --preset release -DUDISK_BUILD_BENCH=ON

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what building, testing and the demo need and what is not there yet;
 # with the argument `drives` also what the comparison of drives needs, and with
-# `coverage` or `faults` what those targets need.
+# `coverage`, `mutants` or `faults` what those targets need.
 set -eu
 
 packages="
@@ -14,6 +14,8 @@ if [ "${1:-}" = drives ]; then
   packages="$packages python3 sshfs openssh-sftp-server"
 elif [ "${1:-}" = coverage ]; then
   packages="$packages python3 llvm"
+elif [ "${1:-}" = mutants ]; then
+  packages="$packages python3"
 elif [ "${1:-}" = faults ]; then
   packages="$packages python3 strace e2fsprogs"
 fi

@@ -1,0 +1,134 @@
+// What the drive asks the host for, and when: promises that the contents alone do not show.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <future>
+#include <optional>
+
+#include "drive/drive.h"
+#include "durable_link.h"
+#include "support/served_disk.h"
+#include "watched_transport.h"
+
+namespace zor::remote {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using test::readFile;
+using test::writeFile;
+using wire::Command;
+
+class RequestsTest : public ::testing::Test {
+ protected:
+  void connect(DriveOptions options = {.attributeTimeout = 60s}) {
+    mDrive.reset();
+    mLink.reset();
+    DurableLinkOptions link;
+    link.connection.socketPath = mDisk.socket();
+    mLink = std::move(*DurableLink::open(std::move(link)));
+    mRequests.emplace(*mLink);
+    mDrive.emplace(*mRequests, std::move(options));
+  }
+  ~RequestsTest() override {
+    mDrive.reset();
+    mLink.reset();
+  }
+  NodeId node(const std::string& name, NodeId directory = kRootNode) {
+    return mDrive->lookup(directory, name)->node;
+  }
+  OpenFile& create(const std::string& name) {
+    return *mDrive->create(kRootNode, name, 0644, O_CREAT | O_RDWR)->open.file;
+  }
+  int write(OpenFile& file, std::int64_t offset, const std::string& text) {
+    const auto written = mDrive->write(file, offset, std::as_bytes(std::span(text)));
+    return written ? 0 : written.error().value;
+  }
+  int flush(OpenFile& file) {
+    const auto flushed = mDrive->flush(file);
+    return flushed ? 0 : flushed.error().value;
+  }
+
+  zor::test::ServedDisk mDisk;
+  std::unique_ptr<DurableLink> mLink;
+  std::optional<test::WatchedTransport> mRequests;
+  std::optional<Drive> mDrive;
+};
+
+TEST_F(RequestsTest, ACloseSynchronisesWhatWasWrittenUnlessToldNotTo) {
+  for (const bool sync : {true, false}) {
+    connect({.attributeTimeout = 60s, .syncOnClose = sync});
+    OpenFile& file = create(sync ? "synced" : "unsynced");
+    EXPECT_EQ(write(file, 0, "text"), 0);
+    EXPECT_EQ(flush(file), 0);
+    EXPECT_EQ(mRequests->count(Command::kFileFsync), sync ? 1 : 0);
+    EXPECT_EQ(flush(file), 0);
+    EXPECT_EQ(mRequests->count(Command::kFileFsync), sync ? 1 : 0) << "nothing new to synchronise";
+    mDrive->release(file);
+  }
+}
+
+TEST_F(RequestsTest, WhileADirectoryIsRenamedNothingIsAskedForByItsOldName) {
+  fs::create_directory(mDisk / "old");
+  const std::string contents(4 << 20, 'r');
+  for (const char* name : {"old/read", "old/written"}) writeFile(mDisk / name, contents);
+  connect();
+  const NodeId directory = node("old");
+  OpenFile& reading = *mDrive->open(node("read", directory), O_RDONLY)->file;
+  OpenFile& writing = *mDrive->open(node("written", directory), O_RDWR)->file;
+  mRequests->hold(Command::kSetRename);
+  auto renamed = std::async(std::launch::async, [&] {
+    return mDrive->rename(kRootNode, "old", kRootNode, "new", 0).ok();
+  });
+  mRequests->await(Command::kSetRename);
+  mRequests->forget();
+  auto read = std::async(std::launch::async,
+                         [&] { return mDrive->read(reading, 1 << 20, 128 << 10).ok(); });
+  auto written =
+      std::async(std::launch::async, [&] { return write(writing, 0, std::string(2 << 20, 'w')); });
+  auto listed = std::async(std::launch::async, [&] { return mDrive->lookup(directory, "x").ok(); });
+  EXPECT_EQ(read.wait_for(100ms), std::future_status::timeout);
+  EXPECT_EQ(mRequests->countNaming("/old/"), 0);
+  mRequests->goOn();
+  EXPECT_TRUE(renamed.get());
+  EXPECT_TRUE(read.get());
+  EXPECT_EQ(written.get(), 0);
+  EXPECT_TRUE(listed.get());
+  EXPECT_EQ(flush(writing), 0);
+  EXPECT_EQ(mRequests->countNaming("/old/"), 0);
+  EXPECT_GT(mRequests->count(Command::kFileRead, "/new/read"), 0);
+  EXPECT_GT(mRequests->count(Command::kFileWrite, "/new/written"), 0);
+  mDrive->release(reading);
+  mDrive->release(writing);
+  EXPECT_EQ(readFile(mDisk / "new/written").substr(0, 2 << 20), std::string(2 << 20, 'w'));
+}
+
+TEST_F(RequestsTest, ACreationThatIsNotWaitedForIsReportedByTheCloseAndAtTheEnd) {
+  connect();
+  OpenFile& first = create("first");
+  mDrive->release(first);
+  mRequests->fail(Command::kFileCreate);
+  OpenFile& second = create("second");
+  EXPECT_NE(flush(second), 0);
+  mDrive->release(second);
+  EXPECT_THAT(mDrive->finish(), ::testing::ElementsAre("/second"));
+}
+
+TEST_F(RequestsTest, ADirectoryThatChangedJustNowIsListedAndAnOldOneChecked) {
+  writeFile(mDisk / "file", "text");
+  connect({.attributeTimeout = 0ms});
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+  EXPECT_EQ(mRequests->count(Command::kDirRead), 2) << "a check compares whole seconds";
+  const timespec past[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
+  ::utimensat(AT_FDCWD, (mDisk / "file").c_str(), past, 0);
+  ::utimensat(AT_FDCWD, mDisk.root().c_str(), past, 0);
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+  mRequests->forget();
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+  EXPECT_EQ(mRequests->count(Command::kDirRead), 0);
+  EXPECT_EQ(mRequests->count(Command::kCheckDir), 1);
+}
+
+}  // namespace
+}  // namespace zor::remote
