@@ -7,7 +7,7 @@ JOBS ?= $(shell nproc)
 # The sanitizers' shadow memory does not fit every randomised address layout.
 FIXED_LAYOUT := $(shell setarch $$(uname -m) -R true 2>/dev/null && echo setarch $$(uname -m) -R)
 
-.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz mutants faults overload soak bench bench-peers bench-drives setup format tidy clean
+.PHONY: demo test $(PRESETS:%=test-%) coverage fuzz mutants faults overload soak bench-peers bench-drives setup format tidy clean
 
 demo: build-release
 	scripts/demo.sh build/release/bin
@@ -47,11 +47,6 @@ $(FUZZ:%=fuzz-%): fuzz-%: build-fuzz
 mutants:
 	@scripts/setup.sh mutants
 	mutants/mutants $(MUTANTS)
-
-bench: setup
-	cmake --preset release -DUDISK_BUILD_BENCH=ON
-	cmake --build --preset release -j $(JOBS) --target udisk_bench
-	build/release/bin/udisk_bench
 
 # The host beside OpenSSH's sftp-server and the bare system calls. Options for the
 # script as in `make bench-peers PEERS='--rounds 3 --works listing'`.

@@ -21,15 +21,6 @@ def seconds_text(seconds):
     return f"{seconds:.3g} s" if seconds < 999.5 else f"{seconds:.0f} s"
 
 
-def text_lines(table):
-    """A list of rows, the heading first, in columns."""
-    widths = [max(map(len, column)) for column in zip(*table)]
-    for row in table:
-        cells = [row[0].ljust(widths[0])]
-        cells += [cell.rjust(width) for cell, width in zip(row[1:], widths[1:])]
-        yield "  " + "  ".join(cells).rstrip()
-
-
 def markdown_lines(table):
     heading, *rows = table
     yield "| " + " | ".join(heading) + " |"

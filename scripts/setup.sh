@@ -7,7 +7,7 @@ set -eu
 packages="
   g++ clang libclang-rt-14-dev cmake ninja-build make pkg-config git
   libglib2.0-dev libjsoncpp-dev libspdlog-dev libcli11-dev libasio-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev
   libfuse3-dev fuse3 ntfs-3g util-linux mount rsync sqlite3
 "
 if [ "${1:-}" = drives ]; then

@@ -2,7 +2,7 @@
 
 import statistics
 
-from tables import markdown_lines, seconds_text, text_lines
+from tables import markdown_lines, seconds_text
 
 from .work import DIRECTORIES, FILE_SIZE, WORKS
 
@@ -44,13 +44,6 @@ def rows(results, delay):
         if compared:
             cells.append(f"{medians[1] / medians[0]:.3g}" if all(medians) else "-")
         yield cells
-
-
-def as_text(results):
-    lines = [describe(results)]
-    for delay in results["seconds"]:
-        lines += ["", link_name(delay) + ":", *text_lines(list(rows(results, delay)))]
-    return "\n".join(lines)
 
 
 def as_markdown(results):

@@ -33,7 +33,6 @@ class Bench {
     mSides.push_back(makeUdiskSide(options.programs, mTree));
     mSides.push_back(makeSftpSide(options.programs, mTree));
     mSides.push_back(makePosixSide(mTree));
-    mSides.push_back(makeLibrarySide(options.programs, mTree));
   }
 
   Json::Value run() {

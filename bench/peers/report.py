@@ -19,9 +19,8 @@ WORKS = {
     "listing": ("listing of 2,000 entries", 3, 0.8),
     "unchanged": ("unchanged check of 10,000 entries", None, 1 / 1.5),
 }
-HOST, PEER, LIMIT, LIBRARY = "udisk", "peer", "posix", "library"
-NAMES = {HOST: "udisk-host", PEER: "sftp-server", LIMIT: "POSIX calls",
-         LIBRARY: "client library"}
+HOST, PEER, LIMIT = "udisk", "peer", "posix"
+NAMES = {HOST: "udisk-host", PEER: "sftp-server", LIMIT: "POSIX calls"}
 
 
 def describe(results):
@@ -40,14 +39,13 @@ def sections(results):
 
 def rate_rows(works):
     yield ["Work", "udisk-host", "sftp-server", "POSIX calls", "x peer", "at least", "x limit",
-           "at least", "client library"]
+           "at least"]
     for work in works:
         name, peer_goal, limit_goal = WORKS[work["key"]]
         rates = {side: median(sums["rates"]) for side, sums in work["sides"].items()}
         yield [name, *(rate_text(rates[side], work["unit"]) for side in (HOST, PEER, LIMIT)),
                *against(rates[HOST] / rates[PEER], peer_goal),
-               *against(rates[HOST] / rates[LIMIT], limit_goal),
-               rate_text(rates[LIBRARY], work["unit"])]
+               *against(rates[HOST] / rates[LIMIT], limit_goal)]
 
 
 def against(ratio, goal):
@@ -79,13 +77,3 @@ def memory_rows(works):
             cells += [f"{of[key] / 1024:.1f}"
                       for key in ("rest_kib", "peak_kib", "after_anonymous_kib")]
         yield cells
-
-
-def picture(results):
-    """Title, note, names and panels of the picture."""
-    sides = (HOST, PEER, LIMIT)
-    rows = [(f"{WORKS[work['key']][0]}: {work['unit']}",
-             [[1 / rate for rate in work["sides"][side]["rates"]] for side in sides])
-            for work in results["works"]]
-    return ("The same work by each server: time of each unit, shorter is better",
-            describe(results), [NAMES[side] for side in sides], [("Over a local socket", rows)])

@@ -70,8 +70,6 @@ struct Programs {
 std::unique_ptr<Side> makeUdiskSide(const Programs& programs, const Tree& tree);
 /// The peer, spoken to by the same client in the peer's language.
 std::unique_ptr<Side> makeSftpSide(const Programs& programs, const Tree& tree);
-/// The host, spoken to by the client library.
-std::unique_ptr<Side> makeLibrarySide(const Programs& programs, const Tree& tree);
 /// The same system calls without a server.
 std::unique_ptr<Side> makePosixSide(const Tree& tree);
 

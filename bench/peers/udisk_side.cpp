@@ -1,5 +1,6 @@
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "connection.h"
@@ -9,7 +10,6 @@
 #include "protocol/disk_records.h"
 #include "protocol/records.h"
 #include "side.h"
-#include "udisk_host.h"
 
 namespace zor::bench {
 
@@ -42,8 +42,10 @@ struct PacketFormat {
 class UdiskSide final : public Side {
  public:
   UdiskSide(const Programs& programs, const Tree& tree)
-      : mHost(startHost(programs.host, tree, "bench")),
-        mStream(connectHost(*mHost, tree, "bench")),
+      : mSocket(tree.beside("host.sock")),
+        mHost(std::vector<std::string>{programs.host, "serve", tree.root(), "--socket", mSocket},
+              UniqueFd(), tree.beside("host.log")),
+        mStream(connect()),
         mData(kMiB) {
     for (unsigned i = 0; i < kFiles; ++i) mFiles.push_back("/" + Tree::fileName(i));
     fillContents(mData, writtenSeed(), 0);
@@ -51,7 +53,7 @@ class UdiskSide final : public Side {
   }
 
   std::string_view name() const override { return "udisk"; }
-  const Server* server() const override { return mHost.get(); }
+  const Server* server() const override { return &mHost; }
   std::uint64_t writtenSeed() const override { return 2'000'000; }
 
   double run(const WorkTraits& work, const Until& until, bool checked) override {
@@ -340,11 +342,21 @@ class UdiskSide final : public Side {
     expect(answered, "the answer for a changed directory");
   }
 
+  UniqueFd connect() const {
+    for (int i = 0; i < 4000 && mHost.running(); ++i) {
+      auto socket = remote::connectUnix(mSocket);
+      if (socket) return std::move(*socket);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    throw std::runtime_error("the host cannot be reached; its log:\n" + mHost.log());
+  }
+
   static double mebibytes(std::uint64_t count, std::uint64_t size) {
     return static_cast<double>(count * size) / static_cast<double>(kMiB);
   }
 
-  std::unique_ptr<Server> mHost;
+  const std::string mSocket;
+  Server mHost;
   FramedStream<PacketFormat> mStream;
   std::vector<std::byte> mData;
   std::vector<std::string> mFiles;
