@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "delay_relay.h"
+#include "support/standard_descriptors.h"
 
 namespace {
 
@@ -130,6 +131,7 @@ int relaySocket(const Arguments& arguments) {
 }  // namespace
 
 int main(int, char** argv) {
+  zor::fillStandardDescriptors();
   const std::optional<Arguments> arguments = parse(argv);
   if (!arguments) {
     std::fputs(kHelp, stderr);

@@ -1,23 +1,14 @@
-#include <fcntl.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
 
 #include "program.h"
+#include "support/standard_descriptors.h"
 
 namespace {
 
 constexpr int kFailure = 1;
-
-// A descriptor below 3 that is closed would be given to a socket, and a line
-// on standard output would then end up in the packet stream.
-void keepStandardDescriptors() {
-  for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
-    if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) < 0) ::_exit(kFailure);
-  }
-}
 
 // Packets come and go all the time: memory that was given back to the system
 // after each of them would have to be faulted in again for the next. It goes back
@@ -31,7 +22,7 @@ void keepFreedMemory() noexcept {
 }  // namespace
 
 int main(int argc, char** argv) {
-  keepStandardDescriptors();
+  zor::fillStandardDescriptors();
   keepFreedMemory();
   try {
     return zor::host::runProgram(argc, argv);

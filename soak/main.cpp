@@ -10,6 +10,7 @@
 #include <list>
 #include <thread>
 
+#include "support/standard_descriptors.h"
 #include "workers.h"
 
 namespace zor::soak {
@@ -164,4 +165,7 @@ int main(int argc, char** argv) {
 }  // namespace
 }  // namespace zor::soak
 
-int main(int argc, char** argv) { return zor::soak::main(argc, argv); }
+int main(int argc, char** argv) {
+  zor::fillStandardDescriptors();
+  return zor::soak::main(argc, argv);
+}

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "side.h"
+#include "support/standard_descriptors.h"
 
 namespace zor::bench {
 namespace {
@@ -145,6 +146,7 @@ class Bench {
 }  // namespace zor::bench
 
 int main(int argc, char** argv) {
+  zor::fillStandardDescriptors();
   using namespace zor::bench;
   Options options;
   CLI::App app{"Measures the host beside its peer and beside the bare system calls"};

@@ -3,8 +3,10 @@
 #include <exception>
 
 #include "program.h"
+#include "support/standard_descriptors.h"
 
 int main(int argc, char** argv) {
+  zor::fillStandardDescriptors();
   try {
     return zor::remote::cli::runProgram(argc, argv);
   } catch (const std::exception& error) {

@@ -3,8 +3,10 @@
 
 #include "mount/messages.h"
 #include "mount/program.h"
+#include "support/standard_descriptors.h"
 
 int main(int argc, char** argv) {
+  zor::fillStandardDescriptors();
   try {
     return zor::remote::mount::runProgram(argc, argv);
   } catch (const std::exception& error) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/served_disk.h"
+#include "test_bytes.h"
 
 namespace zor::remote::test {
 namespace {
@@ -60,8 +61,12 @@ class EndToEndTest : public ::testing::Test {
   }
 
   /// Runs a command to its end; the output is in mOut and mErr.
-  int run(const Arguments& arguments) {
-    const int status = waitFor(start(arguments));
+  int run(const Arguments& arguments) { return finish(start(arguments)); }
+  int runShell(const std::string& command) {
+    return finish(spawn({"sh", "-c", command}, mDisk.beside("out"), mDisk.beside("err")));
+  }
+  int finish(pid_t pid) {
+    const int status = waitFor(pid);
     mOut = readFile(mDisk.beside("out"));
     mErr = readFile(mDisk.beside("err"));
     return status;
@@ -319,6 +324,20 @@ TEST_F(EndToEndTest, InterruptedOrAbandonedFetchesLeaveNothingHalf) {
   EXPECT_EQ(waitFor(get), 1);
   EXPECT_TRUE(fs::is_empty(local()));
   EXPECT_THAT(readFile(mDisk.beside("err")), HasSubstr("stopped: the host closed the connection"));
+}
+
+TEST_F(EndToEndTest, AFileIsNeverSentAsRequests) {
+  // What is printed would be a request for removal if the socket were standard output.
+  writeFile(mDisk / "evil", hex("27 01 75 00  01 00 00 00  1B 00 00 00  00 00 00 00"
+                                "07 00 00 00 '/victim'"));
+  writeFile(mDisk / "victim", "stays");
+  const std::string cat =
+      std::string(REMOTE_PROGRAM) + " --socket " + mDisk.socket() + " cat /evil ";
+  for (const std::string closed : {"0<&- >&-", "0<&- >&- 2>&-", "2>&-"}) {
+    EXPECT_EQ(runShell("exec " + cat + closed), 0) << closed;
+    EXPECT_EQ(run({"ls"}), 0);
+    EXPECT_EQ(mOut, "evil\nvictim\n") << closed;
+  }
 }
 
 TEST_F(EndToEndTest, EndsQuietlyWhenNobodyReads) {
