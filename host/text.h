@@ -4,11 +4,11 @@
 #include <string>
 #include <string_view>
 
+#include "support/printable.h"
+
 namespace zor::host {
 
-/// `text` with its control characters written as \xNN, so that a file name
-/// can neither forge a log line nor drive a terminal.
-std::string printable(std::string_view text);
+using zor::printable;
 
 /// `text` as well-formed UTF-8: every byte that belongs to no well-formed
 /// sequence becomes U+FFFD.

@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
+#include <cstdlib>
 #include <string>
+
+#include "support/printable.h"
 
 namespace zor {
 namespace {
@@ -15,26 +17,6 @@ std::atomic<int> gLevel{kLogError};
 spdlog::level::level_enum spdlogLevel(int level) noexcept {
   if (level >= kLogError) return spdlog::level::err;
   return level >= kLogDebug ? spdlog::level::debug : spdlog::level::trace;
-}
-
-// File names come from the disk and from the peer: a line break or an escape
-// sequence in one must not forge a line or drive the reader's terminal.
-std::string visible(const char* text) {
-  std::string line;
-  bool behindC2 = false;  // the lead byte of U+0080 to U+009F, control characters as well
-  for (; *text != '\0'; ++text) {
-    const auto byte = static_cast<unsigned char>(*text);
-    const bool control = byte < 0x20 || byte == 0x7f || (behindC2 && byte < 0xa0);
-    behindC2 = byte == 0xc2;
-    if (control) {
-      char escaped[5];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-      line += escaped;
-    } else {
-      line += *text;
-    }
-  }
-  return line;
 }
 
 }  // namespace
@@ -54,8 +36,9 @@ void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* for
   va_end(arguments);
   if (length < 0) return;
   try {
+    // File names come from the disk and from the peer.
     spdlog::default_logger_raw()->log(
-        spdlogLevel(level), spdlog::string_view_t("[" + std::string(tag) + "] " + visible(text)));
+        spdlogLevel(level), spdlog::string_view_t("[" + std::string(tag) + "] " + printable(text)));
   } catch (...) {  // a line that cannot be written must not end the request
   }
   std::free(text);

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "text.h"
+#include "support/printable.h"
 
 namespace zor::remote::cli {
 
@@ -52,7 +52,7 @@ void Output::writeNow(std::string_view bytes) {
 }
 
 std::string Output::shown(std::string_view name) const {
-  return mTerminal ? escaped(name) : std::string(name);
+  return mTerminal ? printable(name) : std::string(name);
 }
 
 Console::Console() : mTerminal(::isatty(STDERR_FILENO) == 1) {}
@@ -61,7 +61,7 @@ Console::~Console() { status(""); }
 
 void Console::message(std::string_view text) {
   status("");
-  print("udisk-remote: " + escaped(text) + "\n");
+  print("udisk-remote: " + printable(text) + "\n");
 }
 
 void Console::status(std::string_view text) {

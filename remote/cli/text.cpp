@@ -8,60 +8,6 @@
 
 namespace zor::remote::cli {
 
-namespace {
-
-constexpr char32_t kInvalid = 0xffffffff;
-
-/// The character at the start of `text`, and in `length` the bytes it takes.
-char32_t decodeUtf8(std::string_view text, std::size_t& length) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  length = 1;
-  const unsigned char first = byte(0);
-  if (first < 0x80) return first;
-  const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-  if (first < 0xc2 || first > 0xf4 || text.size() < size) return kInvalid;
-  char32_t character = first & (0x7fU >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return kInvalid;
-    character = (character << 6) | (byte(i) & 0x3fU);
-  }
-  constexpr std::array<char32_t, 5> kSmallest{0, 0, 0x80, 0x800, 0x10000};
-  if (character < kSmallest[size] || character > 0x10ffff ||
-      (character >= 0xd800 && character <= 0xdfff)) {
-    return kInvalid;
-  }
-  length = size;
-  return character;
-}
-
-bool isHarmless(char32_t c) {
-  if (c < 0x20 || (c >= 0x7f && c <= 0x9f)) return false;
-  // Line separators and characters that reorder what stands around them.
-  return !(c >= 0x2028 && c <= 0x202e) && !(c >= 0x2066 && c <= 0x2069) && c != 0x200e &&
-         c != 0x200f && c != kInvalid;
-}
-
-}  // namespace
-
-std::string escaped(std::string_view text) {
-  std::string result;
-  while (!text.empty()) {
-    std::size_t length = 0;
-    const bool harmless = isHarmless(decodeUtf8(text, length));
-    if (harmless) {
-      result.append(text.substr(0, length));
-    } else {
-      for (const char c : text.substr(0, length)) {
-        std::array<char, 8> code;
-        std::snprintf(code.data(), code.size(), "\\x%02X", static_cast<unsigned char>(c));
-        result += code.data();
-      }
-    }
-    text.remove_prefix(length);
-  }
-  return result;
-}
-
 std::string humanSize(std::uint64_t bytes) {
   constexpr std::string_view kUnits = "KMGTPE";
   if (bytes < 1024) return std::to_string(bytes);

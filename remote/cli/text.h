@@ -7,10 +7,6 @@
 
 namespace zor::remote::cli {
 
-/// `text` with everything that could act on a terminal or mislead its reader
-/// (control and direction characters, bytes that are not UTF-8) as \xHH.
-std::string escaped(std::string_view text);
-
 /// A byte count with a binary unit and at most one decimal: "512", "1.5K".
 std::string humanSize(std::uint64_t bytes);
 

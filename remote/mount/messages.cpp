@@ -7,8 +7,8 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "cli/text.h"
 #include "mount/fuse.h"
+#include "support/printable.h"
 
 namespace zor::remote::mount {
 namespace {
@@ -38,7 +38,7 @@ __attribute__((format(printf, 2, 0))) void takeFuseMessage(fuse_log_level level,
 void report(std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = text.find('\n');
-    const std::string line = cli::escaped(text.substr(0, end));
+    const std::string line = printable(text.substr(0, end));
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     if (sSystemLog.load(std::memory_order_relaxed)) {
       ::syslog(LOG_NOTICE, "%s", line.c_str());

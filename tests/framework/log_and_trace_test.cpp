@@ -10,13 +10,13 @@ namespace {
 
 TEST(Log, ALineCarriesItsFrameAndNothingThatANameBringsAlong) {
   LogLines log;
-  const char* name = "a\nb\x1b[2J\x7f gr\xc3\xbc \xc2\x9b \xc2\xa0 %s";
+  const char* name = "a\nb\x1b[2J\x7f gr\xc3\xbc \xc2\x9b \xc2\xa0 \u202e %s";
   const int line = __LINE__ + 1;
   MORVEL_DEBUG(5, "%s is %d of %llu\n", name, -1, 1ULL << 40);
-  EXPECT_EQ(log.all().at(0),
-            "[ZOR_LOG] log_and_trace_test.cpp TestBody(" + std::to_string(line) +
-                "): \"Debug:\" \"a\\x0ab\\x1b[2J\\x7f gr\xc3\xbc \xc2\\x9b \xc2\xa0 %s is -1 of "
-                "1099511627776\\n\"");
+  EXPECT_EQ(log.all().at(0), "[ZOR_LOG] log_and_trace_test.cpp TestBody(" + std::to_string(line) +
+                                 "): \"Debug:\" \"a\\x0ab\\x1b[2J\\x7f gr\xc3\xbc \\xc2\\x9b "
+                                 "\xc2\xa0 \\xe2\\x80\\xae %s is -1 of "
+                                 "1099511627776\\n\"");
 }
 
 TEST(Log, TheLevelIsLookedAtBeforeAnyArgument) {
