@@ -23,7 +23,8 @@ void morvelLogSetLevel(int level) noexcept;
 bool morvelLogEnabled(int level) noexcept;
 
 /// Writes one line: `format` is filled in printf's manner, control characters
-/// are made visible, and the line goes to the default spdlog logger. Lines below the
+/// are made visible, and the line goes to the default spdlog logger. A text of more than
+/// 10,240 bytes is cut there. Lines below the
 /// level are dropped before anything is formatted. Never throws; thread-safe.
 void morvelLogPrint(int channel, int level, const char* tag, const char* format, ...) noexcept
     __attribute__((format(printf, 4, 5)));

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdlib>
+#include <cstdio>
 #include <string>
 
 #include "support/printable.h"
@@ -13,6 +13,9 @@ namespace zor {
 namespace {
 
 std::atomic<int> gLevel{kLogError};
+
+// Two paths of 4,096 bytes, and what is said of them.
+constexpr std::size_t kLongestText = 10'240;
 
 spdlog::level::level_enum spdlogLevel(int level) noexcept {
   if (level >= kLogError) return spdlog::level::err;
@@ -29,19 +32,21 @@ bool morvelLogEnabled(int level) noexcept {
 
 void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* format, ...) noexcept {
   if (!morvelLogEnabled(level)) return;
-  char* text = nullptr;
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int length = ::vasprintf(&text, format, arguments);
-  va_end(arguments);
-  if (length < 0) return;
   try {
+    char text[kLongestText + 1];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    if (length < 0) return;
     // File names come from the disk and from the peer.
-    spdlog::default_logger_raw()->log(
-        spdlogLevel(level), spdlog::string_view_t("[" + std::string(tag) + "] " + printable(text)));
+    std::string line = "[" + std::string(tag) + "] " + printable(text);
+    if (static_cast<std::size_t>(length) > kLongestText) {
+      line += " (cut, " + std::to_string(length) + " bytes)";
+    }
+    spdlog::default_logger_raw()->log(spdlogLevel(level), line);
   } catch (...) {  // a line that cannot be written must not end the request
   }
-  std::free(text);
 }
 
 }  // namespace zor

@@ -42,5 +42,13 @@ TEST(Trace, IdsAreSixteenHexDigitsAndIndependent) {
   }
 }
 
+TEST(Log, ALineHasItsBound) {
+  LogLines log;
+  const std::string path(60 << 20, 'x');
+  MORVEL_ERROR("a: %s, b: %s", path.c_str(), "b");
+  const std::string line = log.all().at(0);
+  EXPECT_EQ(line.find("x (cut, 62914"), 10240 + sizeof "[ZOR_LOG] " - 2) << line.size();
+}
+
 }  // namespace
 }  // namespace zor::test
