@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <spdlog/spdlog.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
@@ -47,14 +48,36 @@ std::string toLine(const std::string& traceId, const std::string& context,
 
 }  // namespace
 
+namespace {
+
+// What somebody else may have put there is not written to: a link, a file of his, or a
+// second name of a file that is no trace file.
+const char* whyNot(const struct stat& file) noexcept {
+  if (S_ISREG(file.st_mode)) {
+    if (file.st_uid != ::geteuid()) return "it belongs to another user";
+    return file.st_nlink > 1 ? "it has a second name" : nullptr;
+  }
+  if (!S_ISFIFO(file.st_mode) && !S_ISCHR(file.st_mode)) return "it is no file, pipe or terminal";
+  return file.st_uid == ::geteuid() || file.st_uid == 0 ? nullptr : "it belongs to another user";
+}
+
+}  // namespace
+
 // Non-blocking: a pipe that nobody reads loses events, it does not stop the disk.
 TraceFile::TraceFile(const std::string& path)
     : mPath(path),
-      mFile(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+      mFile(::open(path.c_str(),
+                   O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
                    0600)) {
-  if (!mFile) {
-    throw std::runtime_error("cannot open the trace file " + printable(path) + ": " +
-                             std::strerror(errno));
+  struct stat status {};
+  const char* reason = nullptr;
+  if (!mFile || ::fstat(mFile.get(), &status) != 0) {
+    reason = errno == ELOOP ? "it is a symbolic link" : std::strerror(errno);
+  } else {
+    reason = whyNot(status);
+  }
+  if (reason != nullptr) {
+    throw std::runtime_error("cannot use the trace file " + printable(path) + ": " + reason);
   }
 }
 

@@ -14,7 +14,8 @@ namespace zor::host {
 /// A line is in the file when `write` returns. Thread-safe.
 class TraceFile {
  public:
-  /// Opens `path` for appending; a new file is readable by its owner only.
+  /// Opens `path` for appending; a new file is readable by its owner only. A link is not
+  /// followed, and what belongs to somebody else is not written to.
   /// Throws std::runtime_error when that fails.
   explicit TraceFile(const std::string& path);
 
