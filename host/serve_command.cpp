@@ -18,9 +18,9 @@
 #include "cleanup_process.h"
 #include "device_parameters.h"
 #include "host_device.h"
-#include "local_disk.h"
 #include "module_loader.h"
 #include "morvel_log.h"
+#include "mounted_partition.h"
 #include "sandbox.h"
 #include "server.h"
 #include "signals_blocked.h"
@@ -160,7 +160,7 @@ void serve(const ServeOptions& options) {
   std::optional<MountedPartition> mounted;
   if (!options.partition.empty()) {
     blocked.emplace();
-    mounted.emplace(options.partition);
+    mounted.emplace(options.partition, options.readOnly);
   }
   const std::string directory = servedDirectory(mounted ? mounted->directory() : options.directory);
   const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
@@ -200,8 +200,9 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
 
   auto* served = command->add_option_group("what is served");
   served->add_option("directory", options->directory, "The directory to serve");
-  served->add_option("--partition", options->partition,
-                     "A partition to mount and serve, e.g. /dev/sdb1 (see `probe`)");
+  served->add_option(
+      "--partition", options->partition,
+      "A partition to mount and serve (as root), e.g. sdb1 or /dev/disk/by-label/X; see `probe`");
   served->require_option(1);
   command->add_option("--socket", options->socketPath, "Path of the Unix socket to listen on")
       ->required();

@@ -8,7 +8,7 @@ packages="
   g++ clang libclang-rt-14-dev cmake ninja-build make pkg-config git
   libglib2.0-dev libjsoncpp-dev libspdlog-dev libcli11-dev libasio-dev
   libgtest-dev libgmock-dev
-  libfuse3-dev fuse3 ntfs-3g util-linux mount rsync sqlite3
+  libfuse3-dev fuse3 ntfs-3g e2fsprogs util-linux mount rsync sqlite3
 "
 if [ "${1:-}" = drives ]; then
   packages="$packages python3 sshfs openssh-sftp-server"
@@ -17,7 +17,7 @@ elif [ "${1:-}" = coverage ]; then
 elif [ "${1:-}" = mutants ]; then
   packages="$packages python3"
 elif [ "${1:-}" = faults ]; then
-  packages="$packages python3 strace e2fsprogs"
+  packages="$packages python3 strace"
 fi
 
 missing=""

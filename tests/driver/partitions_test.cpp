@@ -5,6 +5,8 @@
 #include <sys/mount.h>
 #include <sys/wait.h>
 
+#include <functional>
+
 #include "disk_fixture.h"
 #include "service/command.h"
 #include "service/udisk_service.h"
@@ -79,6 +81,13 @@ class PartitionsTest : public DiskTest {
     return service.UmountLocal();
   }
 
+  /// Whether the process of which a program printed the number runs: killed ones may not be reaped.
+  static bool isRunning(const std::string& printed) {
+    const std::string status =
+        contentsOf("/proc/" + std::to_string(std::stoi(printed)) + "/status");
+    return !status.empty() && status.find("State:\tZ") == status.npos;
+  }
+
   const std::string pid = std::to_string(::getpid());
   UDiskService service{&device, &op};
 
@@ -143,7 +152,15 @@ TEST_F(PartitionsTest, AToolGetsItsTimeItsArgumentsAndThreeDescriptors) {
   EXPECT_EQ(hung.output, "begun\n");
   // One that closed its output is waited for no longer, either.
   EXPECT_FALSE(runCommand({"sh", "-c", "exec sleep 1000 > /dev/null"}, limits).succeeded());
+  const CommandResult parent = runCommand({"sh", "-c", "sleep 1000 & echo $!; wait"}, limits);
+  EXPECT_FALSE(isRunning(parent.output));          // neither is what it started
   EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);  // every one was reaped
+  limits.timeoutMs = kNoTimeLimit;
+  limits.reportMs = 10;
+  const CommandResult daemon = runCommand({"sh", "-c", "sleep 0.2; sleep 1000 & echo $!"}, limits);
+  EXPECT_TRUE(daemon.succeeded() && isRunning(daemon.output));
+  ::kill(std::stoi(daemon.output), SIGKILL);
+  EXPECT_GE(log.errors("still waiting for: sh -c sleep 0.2"), 1U);
   limits = {};
   limits.maxOutput = 1000;
   const CommandResult flood = runCommand({"sh", "-c", "yes | head -c 3000000"}, limits);
@@ -161,10 +178,23 @@ TEST_F(PartitionsTest, AToolGetsItsTimeItsArgumentsAndThreeDescriptors) {
   EXPECT_EQ(runCommand({"printf", "%s|", "a b", "$(id)", "", "-n"}).output, "a b|$(id)||-n|");
 }
 
+TEST_F(PartitionsTest, WithoutAPathNoToolOfTheCurrentDirectoryIsRun) {
+  fake("blkid", "");
+  const fs::path before = fs::current_path();
+  fs::current_path(base + "/bin");
+  ::unsetenv("PATH");
+  UdiskDevice none;
+  service.GetDeviceLabel("sdb1", &none);
+  std::free(none.parts);
+  fs::current_path(before);
+  EXPECT_TRUE(calls().empty());
+}
+
 TEST_F(PartitionsTest, NoLabelIsEverInterpreted) {
-  fake("mount", "exit 32");
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make a directory below /media";
+  fake("mount", "exit $(cat " + base + "/result)");
   fake("umount", "");
-  fake("rm", "");
+  fake("rm", "exec /bin/rm \"$@\"");
   const std::string dev = "/dev/sd" + pid, fits = pid + std::string(24 - pid.size(), 'x');
   for (const std::string& label :
        {"a b;$(id) `id`" + pid, "-rf" + pid, "a,b=c" + pid, "a\nb'\"\\" + pid, fits, fits + "x",
@@ -173,16 +203,20 @@ TEST_F(PartitionsTest, NoLabelIsEverInterpreted) {
     const bool plain =
         label.find(pid) != label.npos && label.size() < 25 && label.find('/') == label.npos;
     const std::string directory = "/media/" + (plain ? label : "sd" + pid);
-    UDiskInfo info = partition(dev, label);
-    EXPECT_EQ(service.MountLocal(&info), 32 << 8);
-    EXPECT_EQ(info.mountPath, directory);
-    EXPECT_EQ(calls(), (Calls{{"umount", directory},
-                              {"mount", dev, directory, "-o", "dmask=0000", "-o", "fmask=0000",
-                               "-o", "iocharset=utf8"}}));
-    EXPECT_EQ(unmount({info}), 0);
-    EXPECT_EQ(calls(), (Calls{{"umount", "-l", directory},
-                              {"rm", "-rf", "--one-file-system", "--", directory}}));
-    fs::remove(directory);
+    for (const int result : {0, 32}) {
+      put(base + "/result", std::to_string(result));
+      UDiskInfo info = partition(dev, label);
+      EXPECT_EQ(service.MountLocal(&info), result << 8);
+      EXPECT_EQ(info.mountPath, directory);
+      EXPECT_EQ(unmount({info}), 0);
+      Calls expected{{"umount", directory},
+                     {"mount", dev, directory, "-o", "dmask=0000", "-o", "fmask=0000", "-o",
+                      "iocharset=utf8"}};
+      if (result == 0) expected.push_back({"umount", "-l", directory});
+      expected.push_back({"rm", "-df", "--", directory});
+      EXPECT_EQ(calls(), expected);
+      EXPECT_FALSE(fs::exists(directory));
+    }
   }
   EXPECT_EQ(log.errors("udisk mount errno: "), 10U);
   for (const char* bad : {"", "sdb1", "-o", "/", "/dev/"}) {
@@ -192,34 +226,56 @@ TEST_F(PartitionsTest, NoLabelIsEverInterpreted) {
   EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(PartitionsTest, WhatStaysMountedIsNeverRemoved) {
+TEST_F(PartitionsTest, OnlyWhatIsFreeIsMountedOnAndOnlyWhatWasMadeIsRemoved) {
   EXPECT_EQ(service.UmountLocal(), -1);  // there is no disk
   EXPECT_EQ(op.GetLocalMountPoint(), disk);
-  const std::string busy = "/media/busy" + pid, free = "/media/free" + pid,
-                    link = "/media/ln" + pid;
-  if (::mkdir(busy.c_str(), 0700) != 0 ||
-      ::mount("tmpfs", busy.c_str(), "tmpfs", 0, nullptr) != 0) {
-    ::rmdir(busy.c_str());
-    GTEST_SKIP() << "nothing can be mounted here";
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make a directory below /media";
+  const std::string label = "/media/ud" + pid, named = "/media/sd" + pid;
+  const auto absent = [] {};
+  const auto empty = [&] { fs::create_directory(label); };
+  const auto full = [&] { put((empty(), label + "/precious"), "data"); };
+  const auto anothers = [&] { EXPECT_EQ((empty(), ::chown(label.c_str(), 65534, 0)), 0); };
+  const auto file = [&] { put(label, "data"); };
+  const auto link = [&] { fs::create_directory_symlink(outside + "/empty", label); };
+  const auto mounted = [&] {
+    EXPECT_EQ((empty(), ::mount("tmpfs", label.c_str(), "tmpfs", 0, nullptr)), 0);
+  };
+  fake("mount", "");
+  const struct {
+    std::function<void()> before;
+    bool used;
+    std::function<void()> meanwhile;
+    bool kept;
+  } rows[] = {{absent, true, absent, false},  {empty, true, absent, true},
+              {full, false, absent, true},    {anothers, false, absent, true},
+              {file, false, absent, true},    {link, false, absent, true},
+              {mounted, false, absent, true}, {absent, true, full, true},
+              {absent, true, mounted, true},  {absent, true, [&] { fs::remove(label); }, false}};
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    const auto& row = rows[i];
+    log.clear();
+    row.before();
+    UDiskInfo info = partition("/dev/sd" + pid, "ud" + pid);
+    EXPECT_EQ(service.MountLocal(&info), 0) << i;
+    EXPECT_EQ(info.mountPath, row.used ? label : named) << i;
+    row.meanwhile();
+    const bool mountedHere =
+        lstatOf(fs::exists(label) ? label : "/media").st_dev != lstatOf("/media").st_dev;
+    EXPECT_EQ(unmount({info}), 0);
+    EXPECT_EQ(fs::exists(fs::symlink_status(label)), row.kept) << i;
+    EXPECT_FALSE(fs::exists(named)) << i;
+    EXPECT_EQ(mountedHere, ::umount2(label.c_str(), 0) == 0) << i;
+    EXPECT_TRUE(!fs::exists(label + "/precious") || contentsOf(label + "/precious") == "data");
+    EXPECT_EQ(log.errors("still mounted"), 0U) << i;
+    fs::remove_all(label);
   }
-  put(busy + "/precious", "data");
-  fs::create_directory(free);
-  put(free + "/left over", "by nobody");
-  fs::create_directory_symlink(outside, link);
-  fake("umount", "exit 1");
-  EXPECT_EQ(unmount({partition("", "", busy), partition("", "", link), partition("", "", free),
-                     partition("", "")}),
-            0);
-  EXPECT_EQ(calls().size(), 3U);
-  EXPECT_EQ(contentsOf(busy + "/precious"), "data");
-  EXPECT_EQ(log.errors(busy + " is still mounted, its directory is kept"), 1U);
-  EXPECT_FALSE(fs::exists(free));
-  EXPECT_EQ(contentsOf(outside + "/inside.txt"), "canary");
   EXPECT_EQ(op.GetLocalMountPoint(), "");
-  EXPECT_EQ(service.UmountLocal(), -1);
-  EXPECT_EQ(::umount2(busy.c_str(), 0), 0);
-  fs::remove(busy);
-  fs::remove(link);
+  fs::create_directories(label + "/precious");
+  fs::create_directories(named + "/precious");
+  UDiskInfo info = partition("/dev/sd" + pid, "ud" + pid);
+  EXPECT_EQ(service.MountLocal(&info), -1);
+  EXPECT_TRUE(fs::exists(label + "/precious") && fs::exists(named + "/precious"));
+  for (const std::string& directory : {label, named}) fs::remove_all(directory);
 }
 
 TEST_F(PartitionsTest, ARealDiskIsProbedMountedServedAndUnmounted) {
@@ -227,7 +283,7 @@ TEST_F(PartitionsTest, ARealDiskIsProbedMountedServedAndUnmounted) {
   put(image, "");
   fs::resize_file(image, 16 << 20);
   CommandOptions quiet;
-  quiet.showErrors = false;
+  quiet.errors = ErrorOutput::kDropped;
   if (!runCommand({"mkntfs", "-F", "-q", "-L", label, image}, quiet).succeeded()) {
     GTEST_SKIP() << "mkntfs is not installed";
   }

@@ -78,21 +78,5 @@ TEST_F(SandboxTest, SaysWhatTheKernelLacksAndServesOnlyIfThatIsAllowed) {
   }).join();
 }
 
-TEST_F(SandboxTest, UnmountsAtTheEndThoughItCouldNotItself) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root may make a mount directory";
-  const std::string label = "udisk-sandbox-" + std::to_string(::getpid()),
-                    place = "/media/" + label;
-  write("blkid", "#!/bin/sh\necho '/dev/sdx1: LABEL=\"" + label + "\" TYPE=\"vfat\"'\n");
-  write("mount", "#!/bin/sh\n");
-  write("umount", "#!/bin/sh\necho \"$@\" >>" + mDirectory + "/unmounted\n");
-  ::setenv("PATH", (mDirectory + ":" + ::getenv("PATH")).c_str(), 1);
-  launch({"serve", "--partition", "/dev/sdx1", "--socket", mSocket, "--sandbox=required"});
-  ASSERT_TRUE(eventually([&] { return logged("serving") == 1; }));
-  ::kill(mPid, SIGTERM);
-  EXPECT_EQ(exitCode(), 0);
-  EXPECT_EQ(slurp(mDirectory + "/unmounted"), place + "\n-l " + place + "\n");
-  EXPECT_FALSE(fs::exists(place));
-}
-
 }  // namespace
 }  // namespace host_test

@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "mount_directory.h"
 #include "zor_device.h"
 
 /// One partition. Every text ends with a zero byte.
@@ -57,12 +59,13 @@ class UDiskService {
   int UpdateReadOnly(unsigned char readOnly);
 
   // local_mounting.cpp
-  /// Mounts a partition at /media/LABEL, or at /media/DEVICE when the label
-  /// makes no directory name or none that fits `mountPath`. What the mount
-  /// program returned (0 = mounted), or -1 when it could not be run.
+  /// Mounts a partition at /media/LABEL, or at /media/DEVICE when the label makes no
+  /// directory name, none that fits `mountPath`, or one that is taken: see
+  /// MountDirectory. What the mount program returned (0 = mounted), or -1 when it
+  /// could not be run.
   int MountLocal(UDiskInfo* info);
-  /// Unmounts every probed partition, removes the mount directories that are
-  /// free again, forgets the disk and resets the mount point. 0, or -1 when
+  /// Unmounts every probed partition, removes the mount directories that MountLocal
+  /// made and that are empty, forgets the disk and resets the mount point. 0, or -1 when
   /// there is no probed disk.
   int UmountLocal();
   /// Hands a probed disk over, replacing the one that is held. The service
@@ -101,6 +104,7 @@ class UDiskService {
   UdiskDevice* mUdiskDevice = nullptr;
   std::atomic<std::int32_t> mLoopState{0};
   std::atomic<std::uint8_t> mReadOnly{0};
+  std::vector<MountDirectory> mMountDirectories;  ///< of what MountLocal mounted
 };
 
 /// Only checks its arguments: nothing ties probing to a device on this platform.

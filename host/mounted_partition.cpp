@@ -1,0 +1,183 @@
+#include "mounted_partition.h"
+
+#include <fcntl.h>
+#include <spdlog/spdlog.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "operator/udisk_operator.h"
+#include "partition_lock.h"
+#include "service/mount_table.h"
+#include "service/udisk_service.h"
+#include "text.h"
+
+namespace zor::host {
+namespace {
+
+constexpr char kNoDirectory[] =
+    "no directory below /media can be used, or there is no program mount";
+constexpr char kMountFailed[] = "the program mount failed, see the log";
+
+// The module's own service, used without a driver. Its operator only takes the
+// reset of a mount point that it never had.
+struct Service {
+  UDiskOperator op{nullptr};
+  UDiskService service{nullptr, &op};
+};
+
+// These do not know the options of the service's mounting: their permissions are
+// on the disk, and their names are bytes.
+bool isMountedPlainly(std::string_view type) {
+  constexpr std::array<std::string_view, 8> kTypes = {"ext2", "ext3", "ext4", "btrfs",
+                                                      "xfs",  "f2fs", "udf",  "iso9660"};
+  return std::find(kTypes.begin(), kTypes.end(), type) != kTypes.end();
+}
+
+std::string devicePath(const std::string& given) {
+  const std::string path = given.find('/') == std::string::npos ? "/dev/" + given : given;
+  std::error_code error;
+  const auto device = std::filesystem::canonical(path, error);
+  if (error) throw std::runtime_error(printable(path) + ": " + error.message());
+  return device.string();
+}
+
+dev_t deviceNumber(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    throw std::runtime_error(printable(path) + ": " + std::strerror(errno));
+  }
+  if (!S_ISBLK(status.st_mode)) {
+    throw std::runtime_error(printable(path) + " is no partition: it is not a block device");
+  }
+  return status.st_rdev;
+}
+
+UDiskInfo probe(const std::string& device, dev_t number) {
+  UDiskService service(nullptr, nullptr);
+  UdiskDevice disk;
+  if (service.GetDeviceLabel(device.c_str(), &disk) != 0) {
+    throw std::runtime_error("cannot list partitions: is the program blkid installed?");
+  }
+  const std::unique_ptr<UDiskInfo, void (*)(void*)> parts(disk.parts, std::free);
+  for (std::size_t i = 0; i < disk.partCount; ++i) {
+    struct stat listed {};
+    if (::stat(disk.parts[i].devPath, &listed) == 0 && S_ISBLK(listed.st_mode) &&
+        listed.st_rdev == number) {
+      return disk.parts[i];
+    }
+  }
+  throw std::runtime_error("it has no file system with a label or a UUID");
+}
+
+// Forbids device nodes and setuid programs of the disk, and changes if it is to be
+// read only, for whoever uses the mount; what else it forbids stays forbidden. The
+// descriptor leads to what was checked, whatever is at the path by now.
+void restrictMount(const std::string& directory, const std::string& device, bool readOnly) {
+  const UniqueFd root(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct statvfs status {};
+  const auto mount = mountAt(directory);
+  if (!root || !mount || !shows(*mount, device) || ::fstatvfs(root.get(), &status) != 0) {
+    throw std::runtime_error("what is mounted on " + printable(directory) + " is not " +
+                             printable(device));
+  }
+  const unsigned long wanted = 0UL | ST_NOSUID | ST_NODEV | (readOnly ? +ST_RDONLY : 0);
+  if ((status.f_flag & wanted) == wanted) return;
+  unsigned long flags = MS_REMOUNT | MS_BIND | MS_NOSUID | MS_NODEV;
+  if (readOnly || (status.f_flag & ST_RDONLY) != 0) flags |= MS_RDONLY;
+  if ((status.f_flag & ST_NOEXEC) != 0) flags |= MS_NOEXEC;
+  const std::string path = "/proc/self/fd/" + std::to_string(root.get());
+  if (::mount(nullptr, path.c_str(), nullptr, flags, nullptr) != 0 ||
+      ::fstatvfs(root.get(), &status) != 0 || (status.f_flag & wanted) != wanted) {
+    throw std::runtime_error("cannot forbid programs and devices of " + printable(device) + ": " +
+                             std::strerror(errno));
+  }
+}
+
+}  // namespace
+
+MountedPartition::MountedPartition(const std::string& device, bool readOnly) {
+  if (::geteuid() != 0) throw std::runtime_error("only root can mount a partition");
+  const std::string path = devicePath(device);
+  const dev_t number = deviceNumber(path);
+  try {
+    mLock = lockPartition(number);
+    mount(probe(path, number), readOnly);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot mount " + printable(path) + ": " + error.what());
+  }
+}
+
+MountedPartition::~MountedPartition() {
+  try {
+    unmount();
+  } catch (const std::exception& error) {
+    spdlog::error("{}", error.what());
+  }
+}
+
+void MountedPartition::mount(UDiskInfo part, bool readOnly) {
+  const UniqueFd mounting = lockMounting();
+  mLabel = part.label;
+  isMountedPlainly(part.fsType) ? mountPlain(part, readOnly) : mountLocal(part);
+  try {
+    restrictMount(mDirectory, part.devPath, readOnly);
+  } catch (...) {
+    unmount();
+    throw;
+  }
+}
+
+void MountedPartition::mountLocal(const UDiskInfo& part) {
+  const auto service = std::make_shared<Service>();
+  // The service frees what it is given, so it gets a disk of one partition.
+  auto* own = static_cast<UDiskInfo*>(std::malloc(sizeof(UDiskInfo)));
+  if (own == nullptr) throw std::bad_alloc();
+  *own = part;
+  service->service.TakeDisk(new UdiskDevice{1, own});
+  if (const int result = service->service.MountLocal(own); result != 0) {
+    service->service.TakeDisk(nullptr);
+    throw std::runtime_error(result < 0 ? kNoDirectory : kMountFailed);
+  }
+  mDirectory = own->mountPath;
+  mUnmount = [service] { service->service.UmountLocal(); };
+}
+
+void MountedPartition::mountPlain(const UDiskInfo& part, bool readOnly) {
+  auto directory = MountDirectory::prepare(part);
+  if (!directory) throw std::runtime_error(kNoDirectory);
+  const std::string options = readOnly ? "nosuid,nodev,ro" : "nosuid,nodev";
+  if (!directory->mount(part.devPath, {"-t", part.fsType, "-o", options}).succeeded()) {
+    directory->remove();
+    throw std::runtime_error(kMountFailed);
+  }
+  mDirectory = directory->path();
+  mUnmount = [taken = *directory] { taken.unmount(); };
+}
+
+void MountedPartition::unmount() {
+  if (!mUnmount) return;
+  {  // the unmount itself does not wait for what is still in use
+    const UniqueFd root(::open(mDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (root) ::syncfs(root.get());
+  }
+  std::exchange(mUnmount, nullptr)();
+  if (mountAt(mDirectory)) {
+    throw std::runtime_error(printable(mDirectory) + " could not be unmounted");
+  }
+}
+
+}  // namespace zor::host
