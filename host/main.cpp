@@ -1,8 +1,8 @@
 #include <malloc.h>
 
-#include <cstdio>
 #include <exception>
 
+#include "log_sink.h"
 #include "program.h"
 #include "support/standard_descriptors.h"
 
@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
   try {
     return zor::host::runProgram(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "udisk-host: %s\n", error.what());
+    zor::host::printFailure(error.what());
     return kFailure;
   }
 }

@@ -1,15 +1,14 @@
 #include "program.h"
 
-#include <spdlog/sinks/dup_filter_sink.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
-#include <spdlog/spdlog.h>
-
 #include <CLI/CLI.hpp>
-#include <chrono>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
-#include <memory>
+#include <system_error>
 
+#include "log_sink.h"
 #include "probe_command.h"
 #include "serve_command.h"
 
@@ -17,12 +16,14 @@ namespace zor::host {
 
 namespace {
 
-/// A remote side looks for many names that are not there: the same line again
-/// and again is told once, with its count.
-std::shared_ptr<spdlog::logger> logger() {
-  auto filter = std::make_shared<spdlog::sinks::dup_filter_sink_mt>(std::chrono::seconds(5));
-  filter->add_sink(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
-  return std::make_shared<spdlog::logger>("udisk-host", std::move(filter));
+// Programs that probe and mount are the system's, whoever sets PATH for us; with none
+// at all they would be looked for in the current directory.
+constexpr char kSystemPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
+
+// What was printed is only known to have arrived when it is flushed.
+void finishOutput() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
+  throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
 }
 
 }  // namespace
@@ -37,14 +38,18 @@ int runProgram(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kUsageError;
+    if (app.exit(error) != 0) return kUsageError;
+    finishOutput();
+    return 0;
   }
   // Standard output carries the packet layer's plain lines.
-  spdlog::set_default_logger(logger());
+  ::setenv("PATH", kSystemPath, 1);
   std::signal(SIGPIPE, SIG_IGN);
   // A file that outgrows the limit of this process is a failed request, not the end.
   std::signal(SIGXFSZ, SIG_IGN);
+  const Log log;
   action();
+  finishOutput();
   return 0;
 }
 

@@ -18,6 +18,7 @@
 #include "cleanup_process.h"
 #include "device_parameters.h"
 #include "host_device.h"
+#include "log_sink.h"
 #include "module_loader.h"
 #include "morvel_log.h"
 #include "mounted_partition.h"
@@ -176,6 +177,7 @@ void serve(const ServeOptions& options) {
       confine(*mode, directory, options.readOnly);
       confinedTo = identityOf(directory);
     }
+    startLogThread();
     blocked.reset();
   };
   hooks.arrived = [&] {

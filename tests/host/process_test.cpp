@@ -1,9 +1,13 @@
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "host_process.h"
+#include "support/unique_fd.h"
 
 namespace host_test {
 namespace {
+
+namespace fs = std::filesystem;
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -136,6 +140,46 @@ TEST_F(HostTest, OutlivesAModuleThatOpensNothing) {
   serve({"--module", HOST_MODULES "opens_nothing.so"});
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(Remote(mSocket).closedByHost());
   EXPECT_EQ(logged("could not open a driver"), 3);
+}
+
+TEST_F(HostTest, ServesAndEndsThoughNobodyReadsItsLog) {
+  ASSERT_EQ(::mkfifo(mLog.c_str(), 0600), 0);
+  const zor::UniqueFd reader(::open(mLog.c_str(), O_RDWR | O_CLOEXEC));
+  launch({"serve", mDirectory + "/disk", "--socket", mSocket, "--log-level", "trace"});
+  ASSERT_TRUE(eventually([&] { return Remote(mSocket).connected; }));
+  {
+    const Remote remote(mSocket);
+    std::string requests;
+    for (std::uint32_t i = 0; i < 3000; ++i) requests += echoRequest(i, "/some/path");
+    ASSERT_TRUE(remote.greeted());
+    remote.send(requests);
+    EXPECT_TRUE(remote.receiveBytes(requests.size()) == requests);
+  }
+  ::kill(mPid, SIGTERM);
+  EXPECT_EQ(exitCode(), 0);
+  fs::remove(mLog);  // nobody else would ever read it to its end
+}
+
+// None is the same as the one before.
+TEST_F(HostTest, LogsAFloodOfFailuresInPart) {
+  serve();
+  const Remote remote(mSocket);
+  ASSERT_TRUE(remote.greeted());
+  std::string requests;
+  const std::string last = echoRequest(1, "/x");
+  for (std::uint32_t i = 0; i < 5000; ++i) requests += request(105, i, std::string(1 + i % 7, 'x'));
+  remote.send(requests + last);
+  EXPECT_EQ(remote.receive(), last);
+  ::kill(mPid, SIGTERM);
+  EXPECT_EQ(exitCode(), 0);
+  EXPECT_THAT(logged("ZOR_LOG"), ::testing::AllOf(::testing::Ge(100), ::testing::Le(1000)));
+  EXPECT_GE(logged("more lines like: [ZOR_LOG]"), 1);
+}
+
+TEST_F(HostTest, IsNotContentWithOutputThatDoesNotArrive) {
+  mPid = zor::test::spawn({HOST_PROGRAM, "--help"}, "/dev/full", mLog);
+  EXPECT_EQ(exitCode(), 1);
+  EXPECT_EQ(logged("cannot write to standard output: No space left on device"), 1);
 }
 
 TEST_F(HostTest, AFileThatMayNotGrowIsAFailedRequestAndNotTheEnd) {

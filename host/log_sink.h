@@ -1,0 +1,81 @@
+// The log on standard error, for which nobody who serves ever waits.
+#pragma once
+
+#include <spdlog/sinks/sink.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "log_limit.h"
+
+namespace zor::host {
+
+/// Lines are queued for a thread that writes them. A line that finds the queue full is
+/// left out; how many were is said as soon as there is room. Before the thread is
+/// started, and in a process that was forked then, a line is written at once, or left
+/// out when the reader takes nothing for a moment.
+///
+/// Lines of the levels info and above are limited, see LogLimit. One object at most, and
+/// it must outlive the process: its thread may be caught in a write for ever.
+class LogSink : public spdlog::sinks::sink {
+ public:
+  explicit LogSink(int fd);
+
+  void startThread();
+  /// Writes `text` as it is, before the thread is started or after it ended.
+  void print(const std::string& text);
+  /// Has the queued lines written for as long as somebody reads them, two seconds at
+  /// most. What is logged afterwards is written at once again, or lost if the thread hangs.
+  void stopThread() noexcept;
+
+  void log(const spdlog::details::log_msg& line) override;
+  void flush() override {}
+  void set_pattern(const std::string& pattern) override;
+  void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override;
+
+ private:
+  enum class State { kDirect, kThread, kStopping, kHanging };
+
+  void put(const spdlog::details::log_msg& line);
+  void putNotice(const std::string& text);
+  void reportLoss();
+  void writeDirectly(std::string_view line);
+  void runThread();
+  void writeOut(const std::string& lines, std::unique_lock<std::mutex>& lock);
+  void writePiece(std::string_view rest) const noexcept;
+
+  const int mFd;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  std::unique_ptr<spdlog::formatter> mFormatter;
+  LogLimit mLimit;
+  State mState = State::kDirect;
+  std::string mQueue;
+  std::uint64_t mLost = 0;
+  std::uint64_t mPieces = 0;  ///< written by the thread
+  bool mTorn = false;         ///< the output ends in the middle of a line
+  std::thread mThread;
+};
+
+/// Makes a LogSink on standard error the default of spdlog, and stops its thread at the end.
+class Log {
+ public:
+  Log();
+  ~Log();
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+};
+
+/// To be called when no other process is split off any more and the rights are given
+/// up, which a thread that is there already would keep.
+void startLogThread();
+
+/// Says on standard error why the program fails. Not while the thread runs.
+void printFailure(const std::string& text);
+
+}  // namespace zor::host
