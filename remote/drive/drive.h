@@ -112,7 +112,7 @@ class Drive {
   /// Fewer bytes than asked for only at the end of the file.
   Outcome<ReadParts> read(OpenFile& file, std::int64_t offset, std::uint32_t size);
   /// All of it, or an errno; what a write without an error leaves behind may
-  /// still fail later, which the next write, flush or sync then tells.
+  /// still fail later, which the next write or sync then tells, and every flush before it.
   /// `appends`: `offset` is where the kernel takes the end to be. It does not see
   /// what was done through another name of the file, so the drive's own idea counts.
   Outcome<Unit> write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends = false);
@@ -214,7 +214,7 @@ class Drive {
   // drive_writing.cpp
   void lookBeforeWriting(Lock& lock, NodeId id);
   void setLateMode(Lock& lock, NodeId id);
-  bool lookBeforeAppending(Lock& lock, NodeId id);
+  bool lookBeforeAppending(Lock& lock, OpenFile& file);
   bool mayWrite(const FileState& file) const;
   void waitToWrite(Lock& lock, NodeId node);
   void sendGathered(Node& node);
@@ -222,8 +222,9 @@ class Drive {
   void answered(Node& node);
   void dropIdle(Node& node);
   void writeFailed(Node& node, const std::string& path);
-  Outcome<Unit> flush(OpenFile& file, bool sync);
-  Outcome<Unit> unseenFailure(Lock& lock, OpenFile& file);
+  Outcome<Unit> settleFile(Lock& lock, const OpenFile& file, bool sync);
+  Outcome<Unit> untoldFailure(Lock& lock, const OpenFile& file);
+  Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);
   Outcome<Unit> settle(Lock& lock, NodeId node, bool sync);
   void flushLoop();
 

@@ -43,7 +43,7 @@ OpenFile::OpenFile(Drive& drive, NodeId node, bool writable, std::uint64_t failu
       mWritable(writable),
       mRequests(std::make_shared<Requests>(drive, node)),
       mAhead(mRequests, drive.mReadWindow, drive.mReadCounters),
-      mSeenFailures(failures) {}
+      mToldFailures(failures) {}
 
 OpenResult Drive::openNode(Node& node, bool writable) {
   if (!node.file) node.file = std::make_unique<FileState>();

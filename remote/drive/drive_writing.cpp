@@ -25,7 +25,7 @@ constexpr int kMostLooks = 100;
 Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends) {
   if (data.empty()) return Unit{};
   Lock lock(mMutex);
-  if (Outcome<Unit> failure = unseenFailure(lock, file); !failure) return failure;
+  if (Outcome<Unit> failure = tellFailure(lock, file); !failure) return failure;
   const std::size_t limit = mWriteWindow.chunkSize();
   const auto isLinked = [&] {
     const Node& node = *mTree.find(file.mNode);
@@ -47,7 +47,7 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   }
   if (!appends) {
     lookBeforeWriting(lock, file.mNode);
-  } else if (!lookBeforeAppending(lock, file.mNode)) {
+  } else if (!lookBeforeAppending(lock, file)) {
     return Errno{EIO};
   }
   Node* node = mTree.find(file.mNode);
@@ -84,7 +84,7 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
     mGathered.notify_one();
   }
   // Another writer may have sent this data meanwhile, and it may have failed.
-  return unseenFailure(lock, file);
+  return tellFailure(lock, file);
 }
 
 /// From a write on, the size is told from what was known before; another name of
@@ -103,11 +103,15 @@ void Drive::lookBeforeWriting(Lock& lock, NodeId id) {
 }
 
 /// Learns where the file ends. False when the host does not tell.
-bool Drive::lookBeforeAppending(Lock& lock, NodeId id) {
+bool Drive::lookBeforeAppending(Lock& lock, OpenFile& file) {
+  const NodeId id = file.mNode;
+  // Programs that append in turns open the file each time.
+  const bool ask = !std::exchange(file.mKnowsEnd, true);
   for (int looks = 0; looks < kMostLooks; ++looks) {
     const auto isKnown = [&] {
       const Node& node = *mTree.find(id);
       if (node.place == nullptr) return true;  // what is written is refused
+      if (ask && looks == 0) return false;
       const Entry& entry = node.place->second;
       if (entry.attributes.st_nlink > 1) return node.file->gather.empty() && !isDoubtful(entry);
       return node.file->ahead || looks > 0 || validity(*node.parent, entry).count() > 0;
@@ -118,8 +122,9 @@ bool Drive::lookBeforeAppending(Lock& lock, NodeId id) {
     if (isKnown()) return true;
     const Node& node = *mTree.find(id);
     const std::string name = node.place->first;
-    if (!look(lock, node.parent->id, name).ok()) return false;
+    if (!look(lock, node.parent->id, name).ok()) break;
   }
+  file.mKnowsEnd = false;
   return false;
 }
 
@@ -188,11 +193,19 @@ void Drive::writeFailed(Node& node, const std::string& path) {
   if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
 }
 
-Outcome<Unit> Drive::unseenFailure(Lock& lock, OpenFile& file) {
-  const Node* node = mTree.find(file.mNode);
-  if (node->file->failures == file.mSeenFailures) return Unit{};
-  file.mSeenFailures = node->file->failures;
+/// An open file that is still to tell of a failure. A close does not count as having
+/// told it: it may be the one of a child process, which nobody looks at.
+Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
+  if (mTree.find(file.mNode)->file->failures == file.mToldFailures) return Unit{};
   return Errno{refusal(lock, EIO)};
+}
+
+/// To a program that looks at what it is told.
+Outcome<Unit> Drive::tellFailure(Lock& lock, OpenFile& file) {
+  const std::uint64_t failures = mTree.find(file.mNode)->file->failures;
+  Outcome<Unit> failure = untoldFailure(lock, file);
+  file.mToldFailures = failures;
+  return failure;
 }
 
 /// Waits until the host has all that was written to the file, and, with `sync`,
@@ -236,12 +249,19 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   return Unit{};
 }
 
-Outcome<Unit> Drive::flush(OpenFile& file) { return flush(file, mOptions.syncOnClose); }
-
-Outcome<Unit> Drive::sync(OpenFile& file) { return flush(file, true); }
-
-Outcome<Unit> Drive::flush(OpenFile& file, bool sync) {
+Outcome<Unit> Drive::flush(OpenFile& file) {
   Lock lock(mMutex);
+  if (Outcome<Unit> done = settleFile(lock, file, mOptions.syncOnClose); !done) return done;
+  return untoldFailure(lock, file);
+}
+
+Outcome<Unit> Drive::sync(OpenFile& file) {
+  Lock lock(mMutex);
+  if (Outcome<Unit> done = settleFile(lock, file, true); !done) return done;
+  return tellFailure(lock, file);
+}
+
+Outcome<Unit> Drive::settleFile(Lock& lock, const OpenFile& file, bool sync) {
   if (file.mWritable) {
     const Outcome<Unit> settled = settle(lock, file.mNode, sync);
     if (!settled) return settled;
@@ -250,7 +270,7 @@ Outcome<Unit> Drive::flush(OpenFile& file, bool sync) {
       if (const std::optional<std::string> path = mTree.path(*node)) mSmallFiles.forget(*path);
     }
   }
-  return unseenFailure(lock, file);
+  return Unit{};
 }
 
 void Drive::release(OpenFile& file) {

@@ -29,7 +29,8 @@ class OpenFile {
   ReadAhead mAhead;
 
   // Guarded by the drive's mutex.
-  std::uint64_t mSeenFailures;    ///< of the file's, that the program knows of
+  std::uint64_t mToldFailures;    ///< of the file's, that the program was told of
+  bool mKnowsEnd = false;         ///< the host was asked where to append
   bool mRead = false;             ///< the program has begun to read
   ContentStamp mReadStamp;        ///< of the contents that mAhead may hold
   std::uint64_t mReadWrites = 0;  ///< the file's writes then
