@@ -29,6 +29,7 @@ enum Key {
   kBandwidth,
   kStatistics,
   kNoSync,
+  kAllowOther,
 };
 
 constexpr fuse_opt option(const char* name, int key) {
@@ -36,7 +37,7 @@ constexpr fuse_opt option(const char* name, int key) {
   return {name, kNoOffset, key};
 }
 
-constexpr std::array<fuse_opt, 12> kOptions{{
+constexpr std::array<fuse_opt, 13> kOptions{{
     option("max_read=", kMaxRead),
     option("uid=", kUid),
     option("gid=", kGid),
@@ -48,6 +49,7 @@ constexpr std::array<fuse_opt, 12> kOptions{{
     option("bandwidth=", kBandwidth),
     option("stats", kStatistics),
     option("--stats", kStatistics),
+    option("allow_other", kAllowOther),
     FUSE_OPT_END,
 }};
 
@@ -55,6 +57,7 @@ struct Parsing {
   MountOptions& options;
   std::vector<std::string> places;
   std::string error;
+  bool forOthers = false;
 };
 
 template <class T, class... Form>
@@ -132,6 +135,10 @@ int takeArgument(void* data, const char* argument, int key, fuse_args*) {
     return kDiscard;
   }
   if (key == FUSE_OPT_KEY_OPT) return kKeep;
+  if (key == kAllowOther) {
+    parsing.forOthers = true;
+    return kKeep;
+  }
   const std::string_view text(argument);
   const std::size_t equals = text.find('=');
   const std::string_view value =
@@ -184,7 +191,7 @@ std::string absolute(const std::string& path) {
 
 Result<MountOptions, std::string> parseOwn(FuseArguments given) {
   MountOptions options;
-  Parsing parsing{options, {}, {}};
+  Parsing parsing{options, {}, {}, false};
   const FuseMessages messages;
   if (fuse_opt_parse(given.get(), &parsing, kOptions.data(), takeArgument) != 0) {
     return asSentence(messages);
@@ -206,6 +213,8 @@ Result<MountOptions, std::string> parseOwn(FuseArguments given) {
   if (fuse_opt_insert_arg(given.get(), 1, sourceArgument(options.socketPath).c_str()) != 0) {
     throw std::bad_alloc();
   }
+  // Else the kernel would not look at permissions at all, and others would read everything.
+  if (parsing.forOthers) given.add("-odefault_permissions");
   options.foreground = general.foreground != 0;
   options.singleThread = general.singlethread != 0;
   options.cloneFd = general.clone_fd != 0;
