@@ -17,9 +17,6 @@ namespace zor::remote {
 
 namespace {
 
-/// Where disks have no inode numbers, as a rule.
-constexpr std::uint64_t kOwnNumbers = std::uint64_t{1} << 31;
-
 constexpr std::string_view kHiddenPrefix = ".udisk-removed-";
 
 }  // namespace
@@ -117,9 +114,7 @@ bool Drive::isDoubtful(const Entry& entry) const {
 std::chrono::nanoseconds Drive::validity(const Node& directory, const Entry& entry) const {
   if (entry.attributes.st_nlink <= 1 && entry.node != nullptr && entry.node->file &&
       entry.node->file->ahead) {
-    // Nobody knows better than we do; the kernel asks again all the same, as
-    // the truth will come from the host.
-    return std::chrono::milliseconds(1);
+    return std::chrono::milliseconds(1);  // nobody knows better than we do
   }
   if (isDoubtful(entry)) return {};
   const Directory& known = *directory.directory;
@@ -132,8 +127,10 @@ std::chrono::nanoseconds Drive::validity(const Node& directory, const Entry& ent
 }
 
 std::chrono::nanoseconds Drive::kernelValidity(const Node& directory, const Entry& entry) const {
-  // The kernel does not know that two of its files are one.
+  // The kernel does not know that two of its files are one. And of what is on its
+  // way to the host, the host will tell what came of it.
   if (!isDirectory(entry.attributes) && entry.attributes.st_nlink > 1) return {};
+  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) return {};
   return std::max(std::chrono::nanoseconds(0), validity(directory, entry));
 }
 
@@ -158,13 +155,9 @@ const Entry* Drive::findHidden(NodeId directory, const std::string& name) const 
 
 udisk_stat Drive::visible(const Entry& entry) const {
   udisk_stat attributes = entry.attributes;
+  attributes.st_nlink = std::max<std::uint64_t>(attributes.st_nlink, 1);
   if (attributes.st_nlink > 1 || entry.hidden) {
     attributes.st_nlink -= std::min<std::uint64_t>(attributes.st_nlink, hiddenNames(entry));
-  }
-  // Programs take a file whose number changes for another one. Names of one file
-  // must have the same number, though.
-  if (entry.node != nullptr && entry.node->ownNumber && entry.attributes.st_nlink == 1) {
-    attributes.st_ino = kOwnNumbers | entry.node->id;
   }
   if (entry.node != nullptr && entry.node->file && entry.node->file->lateMode) {
     attributes.st_mode = (attributes.st_mode & S_IFMT) | *entry.node->file->lateMode;
@@ -308,6 +301,7 @@ std::string Drive::hiddenName() {
 DriveCounters Drive::counters() {
   const std::lock_guard lock(mMutex);
   DriveCounters counters = mCounters;
+  counters.knownNames = mTree.size();
   counters.pendingBytes = mBytesInFlight;
   counters.smallFileHits = mReadCounters.smallFileHits;
   counters.smallFileBatches = mReadCounters.smallFileBatches;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -39,6 +40,8 @@ struct DriveOptions {
   bool smallFiles = true;
   /// Takes sentences for people; from any thread.
   std::function<void(const std::string&)> report{};
+  /// Takes the path of each file that lost data, once, soon after.
+  std::function<void(const std::string&)> lost{};
 };
 
 /// Attributes, and for how long the kernel may use them without asking again.
@@ -75,11 +78,15 @@ class Drive {
   // Names and attributes (drive_names.cpp).
   Outcome<NodeEntry> lookup(NodeId directory, std::string_view name);
   void forget(NodeId node, std::uint64_t references);
-  Outcome<NodeAttributes> attributes(NodeId node);
+  /// `asOfNow`: what was written is on its way, and the host tells what comes of it.
+  /// Else a file that is being written may be told from what was written.
+  Outcome<NodeAttributes> attributes(NodeId node, bool asOfNow = true);
   Outcome<udisk_statvfs> statistics();
 
   // Directories (drive_listing.cpp).
   Outcome<DirectorySnapshot> openDirectory(NodeId directory);
+  /// The inode numbers of "." and ".."; 0 when unknown.
+  std::pair<std::uint64_t, std::uint64_t> dotNumbers(NodeId directory);
   /// The answer to a lookup of `item`, which comes from a snapshot, without
   /// asking the host. A `node` of 0: it is gone, or was never to be seen.
   NodeEntry enter(NodeId directory, const DirectoryItem& item);
@@ -126,7 +133,14 @@ class Drive {
   /// since the beginning. No program may use the drive any more.
   std::vector<std::string> finish();
 
+  /// The files that lost data so far.
+  std::vector<std::string> lost();
+
   DriveCounters counters();
+
+  /// Gives back the memory of what was learnt and is not used any more. Happens by
+  /// itself from time to time; `now` is for tests.
+  void dropUnused(Clock::time_point now);
 
  private:
   friend class OpenFile;
@@ -180,6 +194,7 @@ class Drive {
   // drive_names.cpp
   Outcome<Unit> refresh(Lock& lock, NodeId directory, const std::string& name);
   Outcome<NodeAttributes> rootAttributes(Lock& lock);
+  Outcome<Unit> catchUp(Lock& lock, NodeId id);
 
   // drive_listing.cpp
   Outcome<Unit> refreshDirectory(Lock& lock, NodeId id);
@@ -200,10 +215,15 @@ class Drive {
                              const std::string& newName);
   void settleBelow(Lock& lock, Node& node);
   Outcome<Unit> removeName(Lock& lock, NodeId directory, const std::string& name, bool isDir);
+  void keepRemoved(NodeId directory, const std::string& name);
 
   // drive_attributes.cpp
   template <class Start>
   Outcome<Unit> changeInode(NodeId id, Start start);
+
+  // drive_permissions.cpp
+  Outcome<Unit> askToWrite(Lock& lock, NodeId id);
+  void knowWritable(const udisk_stat& attributes);
 
   // drive_reading.cpp
   void startRead(NodeId node, std::int64_t offset, std::uint32_t size, Callback<FileData> done);
@@ -227,6 +247,7 @@ class Drive {
   Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);
   Outcome<Unit> settle(Lock& lock, NodeId node, bool sync);
   void flushLoop();
+  void tellOfLosses(Lock& lock);
 
   Disk mDisk;
   Transport& mTransport;
@@ -244,9 +265,12 @@ class Drive {
   std::size_t mOutstanding = 0;     ///< answers that will use this object
   std::size_t mBytesInFlight = 0;   ///< of writes
   std::vector<std::string> mLost;   ///< files that lost data
+  std::size_t mLossesTold = 0;      ///< how many of them, in order
+  std::uint64_t mTrimmed = 0;       ///< dropped names whose memory was given back
   std::uint64_t mHiddenNames = 0;
   std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;
+  std::set<Rights> mWritable;  ///< those of files that the host could open for writing
   DriveCounters mCounters;
   bool mStop = false;
 

@@ -34,6 +34,12 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
                                       int flags) {
   Lock lock = lockNames();
   const std::string key(name);
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+  {
+    // Whether the directory still takes files as it did; travels with the look.
+    Burst burst(*this);
+    burst.queryDirectory(directory);
+  }
   const Result<udisk_stat> seen = look(lock, directory, key);
   if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
   if (seen) {
@@ -43,7 +49,6 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   } else {
     waitForNames(lock);
     // Only who writes is told by the close.
-    const bool writes = (flags & O_ACCMODE) != O_RDONLY;
     const Outcome<Unit> made = createFile(lock, directory, key, mode | kOpenMode, writes);
     if (!made) return made.error();
   }
@@ -51,8 +56,15 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   if (!entry) return entry.error();
   Created result;
   result.entry = *entry;
+  if (seen && writes) {
+    if (const Outcome<Unit> allowed = askToWrite(lock, entry->node); !allowed) {
+      lock.unlock();
+      forget(entry->node, 1);
+      return allowed.error();
+    }
+  }
   Node& node = *mTree.find(result.entry.node);
-  result.open = openNode(node, (flags & O_ACCMODE) != O_RDONLY);
+  result.open = openNode(node, writes);
   if (!seen) {
     node.file->created = Clock::now();
     if ((mode & kOpenMode) != kOpenMode) {
@@ -79,7 +91,8 @@ Outcome<Unit> Drive::createFile(Lock& lock, NodeId directory, const std::string&
   if (!parent) return parent.error();
   const std::string path = joinPath(*mTree.path(**parent), name);
   Directory& known = *(*parent)->directory;
-  if (mayBeToldLater && Clock::now() - known.lastCreation < kCreationTrust && isHarmless(name)) {
+  if (mayBeToldLater && Clock::now() - known.lastCreation < kCreationTrust &&
+      known.creationRights == rightsOf(known.self) && isHarmless(name)) {
     createWithoutWaiting(**parent, path, name, mode);
     return Unit{};
   }
@@ -95,10 +108,11 @@ Outcome<Unit> Drive::createFile(Lock& lock, NodeId directory, const std::string&
     return Errno{refusal(lock, EACCES)};
   }
   if (Node* node = mTree.find(directory)) {
-    const auto at = node->directory->entries.find(name);
-    if (at != node->directory->entries.end()) {
-      node->directory->lastCreation = Clock::now();
-      node->directory->created = at->second.attributes;
+    Directory& made = *node->directory;
+    if (made.entries.contains(name)) {
+      made.lastCreation = Clock::now();
+      made.creationRights = rightsOf(made.self);
+      knowWritable(made.entries.find(name)->second.attributes);
     }
   }
   return Unit{};
@@ -109,11 +123,10 @@ Outcome<Unit> Drive::createFile(Lock& lock, NodeId directory, const std::string&
 void Drive::createWithoutWaiting(Node& parent, const std::string& path, const std::string& name,
                                  std::uint32_t mode) {
   Entry fresh;
-  fresh.attributes = parent.directory->created;
-  fresh.attributes.st_mode = S_IFREG | (mode & fresh.attributes.st_mode & 0777U);
-  fresh.attributes.st_ino = 0;
+  fresh.attributes.st_mode = S_IFREG | (mode & 07777U);
+  fresh.attributes.st_uid = parent.directory->self.st_uid;
+  fresh.attributes.st_gid = parent.directory->self.st_gid;
   fresh.attributes.st_nlink = 1;
-  fresh.attributes.st_size = fresh.attributes.st_blocks = 0;
   fresh.stale = true;
   fresh.changing = true;
   mTree.remove(parent, name);
@@ -122,7 +135,8 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
   Node& node = mTree.nodeAt(parent, *at);
   node.file = std::make_unique<FileState>();
   node.file->ahead = true;
-  node.ownNumber = true;
+  node.file->young = true;
+  ++parent.directory->young;
   node.file->lastWrite = wallClock();
   ++node.file->inFlight;
   mDisk.create(
@@ -141,7 +155,17 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
       }));
   Burst burst(*this);
   burst.queryFile(path, parent.id, name);
-  burst.queryDirectory(parent.id);
+  burst.add<udisk_stat>([&](auto done) { mDisk.attributes(*mTree.path(parent), std::move(done)); },
+                        [this, id = node.id, directory = parent.id](Result<udisk_stat>& result) {
+                          learnSelf(directory, result);
+                          if (Node* made = mTree.find(id); made != nullptr && made->file)
+                            made->file->young = false;
+                          if (Node* above = mTree.find(directory); above != nullptr) {
+                            --above->directory->young;
+                            above->directory->snapshot = nullptr;
+                          }
+                          mSettled.notify_all();
+                        });
 }
 
 Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
@@ -192,10 +216,9 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
   fresh.self = entry->attributes;
   fresh.parent = above.self;
   fresh.dots = above.dots;
-  // It took this directory, so it takes files, and this is how they will look.
+  // It took this directory, so it takes files.
   if ((fresh.self.st_mode & S_IWUSR) != 0) fresh.lastCreation = fresh.confirmed;
-  fresh.created = fresh.self;
-  fresh.created.st_mode = 0777U & ~(mode & ~fresh.self.st_mode);
+  fresh.creationRights = rightsOf(fresh.self);
   return entry;
 }
 

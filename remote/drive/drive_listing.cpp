@@ -9,10 +9,6 @@ namespace zor::remote {
 
 namespace {
 
-/// What a check does not compare (permissions, owners, link counts) is learnt
-/// at least this often.
-constexpr std::chrono::seconds kListAgainAfter{30};
-
 /// A check compares whole seconds: a file that was changed this shortly before
 /// it was listed may change again without that it shows.
 constexpr std::int64_t kRecentSeconds = 3;
@@ -126,7 +122,22 @@ Outcome<DirectorySnapshot> Drive::openDirectory(NodeId id) {
   Lock lock = lockNames();
   const Outcome<Unit> fresh = refreshDirectory(lock, id);
   if (!fresh) return fresh.error();
+  if (mTree.find(id)->directory->young > 0) {
+    // Behind this answer, all files that were made before are known.
+    Burst burst(*this);
+    burst.queryDirectory(id);
+    burst.wait(lock);
+    if (const Outcome<Node*> still = directoryNode(id); !still) return still.error();
+  }
   return snapshotOf(*mTree.find(id)->directory);
+}
+
+std::pair<std::uint64_t, std::uint64_t> Drive::dotNumbers(NodeId id) {
+  const std::lock_guard lock(mMutex);
+  const Node* node = mTree.find(id);
+  if (node == nullptr || !node->directory) return {};
+  const Node& above = node->parent == nullptr ? *node : *node->parent;
+  return {node->directory->self.st_ino, above.directory->self.st_ino};
 }
 
 NodeEntry Drive::enter(NodeId directory, const DirectoryItem& item) {

@@ -105,9 +105,14 @@ Outcome<NodeAttributes> Drive::rootAttributes(Lock& lock) {
   const auto left = [&] {
     return std::chrono::nanoseconds(root.selfConfirmed + mOptions.attributeTimeout - Clock::now());
   };
+  const auto shown = [&] {
+    NodeAttributes result{root.self, std::max(std::chrono::nanoseconds(0), left())};
+    result.attributes.st_nlink = std::max<std::uint64_t>(result.attributes.st_nlink, 1);
+    return result;
+  };
   if (left().count() > 0 && root.self.st_mode != 0) {
     ++mCounters.cacheHits;
-    return NodeAttributes{root.self, left()};
+    return shown();
   }
   ++mCounters.cacheMisses;
   bool known = false;
@@ -120,14 +125,39 @@ Outcome<NodeAttributes> Drive::rootAttributes(Lock& lock) {
         [this](auto& result) { learnSelf(kRootNode, result); });
     if (!self) return Errno{EIO};
   }
-  return NodeAttributes{root.self, std::max(std::chrono::nanoseconds(0), left())};
+  return shown();
 }
 
-Outcome<NodeAttributes> Drive::attributes(NodeId id) {
+/// Brings what programs wrote to the host and learns what the file is like then. While
+/// others go on writing there is no end to that, so this asks once.
+Outcome<Unit> Drive::catchUp(Lock& lock, NodeId id) {
+  Node* node = nullptr;
+  const auto isAhead = [&] {
+    node = mTree.find(id);
+    return node != nullptr && node->place != nullptr && node->file && node->file->ahead;
+  };
+  // The question behind a creation is on its way already.
+  mSettled.wait(lock, [&] { return !isAhead() || !node->file->young || node->file->writes > 0; });
+  waitForNames(lock);
+  if (!isAhead()) return Unit{};
+  if (!node->file->gather.empty()) sendGathered(*node);
+  const std::string name = node->place->first;
+  const Result<udisk_stat> seen = look(lock, node->parent->id, name);
+  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  return Unit{};
+}
+
+Outcome<NodeAttributes> Drive::attributes(NodeId id, bool asOfNow) {
   Lock lock = lockNames();
   if (id == kRootNode) return rootAttributes(lock);
+  if (asOfNow) {
+    if (const Outcome<Unit> done = catchUp(lock, id); !done) return done.error();
+  }
   for (int asked = 0;; ++asked) {
     const Node* node = mTree.find(id);
+    if (node != nullptr && node->removed) {
+      return NodeAttributes{*node->removed, mOptions.attributeTimeout};
+    }
     if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
     const Entry& entry = node->place->second;
     if (asked > 1 || isFresh(*node->parent, entry) || (asked == 1 && !isDoubtful(entry))) {

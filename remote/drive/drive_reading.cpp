@@ -67,13 +67,17 @@ OpenResult Drive::openNode(Node& node, bool writable) {
 }
 
 Outcome<OpenResult> Drive::open(NodeId id, int flags) {
-  const Lock lock = lockNames();
+  Lock lock = lockNames();
   Node* node = mTree.find(id);
   if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
   if (node->directory) return Errno{EISDIR};
   // Only contents of regular files travel.
   if (!isRegular(node->place->second.attributes)) return Errno{EACCES};
-  return openNode(*node, (flags & O_ACCMODE) != O_RDONLY);
+  const bool writes = (flags & O_ACCMODE) != O_RDONLY;
+  if (writes) {
+    if (const Outcome<Unit> allowed = askToWrite(lock, id); !allowed) return allowed.error();
+  }
+  return openNode(*mTree.find(id), writes);
 }
 
 void Drive::startRead(NodeId id, std::int64_t offset, std::uint32_t size, Callback<FileData> done) {

@@ -63,6 +63,7 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
         [this, directory, &name, &removed](Status& status) {
           removed = status;
           if (!status) return;
+          keepRemoved(directory, name);
           if (Node* node = mTree.find(directory)) mTree.remove(*node, name);
         });
     burst.queryDirectory(directory);
@@ -86,6 +87,17 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
     }
     return Errno{refusal(lock, EACCES)};
   }
+}
+
+/// A program may ask its own descriptor about what was removed.
+void Drive::keepRemoved(NodeId directory, const std::string& name) {
+  const Node* parent = mTree.find(directory);
+  if (parent == nullptr || !parent->directory) return;
+  const auto at = parent->directory->entries.find(name);
+  if (at == parent->directory->entries.end() || at->second.node == nullptr) return;
+  auto last = std::make_unique<udisk_stat>(visible(at->second));
+  last->st_nlink = isDirectory(*last) || last->st_nlink == 0 ? 0 : last->st_nlink - 1;
+  at->second.node->removed = std::move(last);
 }
 
 /// A file that is open goes on under a name that nobody sees.
@@ -210,7 +222,9 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
       Node* oldNode = mTree.find(from);
       Node* newNode = mTree.find(to);
       mark(false);
-      if (oldNode != nullptr && newNode != nullptr) mTree.move(*oldNode, name, *newNode, newName);
+      if (oldNode == nullptr || newNode == nullptr) return;
+      if (oldNode != newNode || name != newName) keepRemoved(to, newName);
+      mTree.move(*oldNode, name, *newNode, newName);
     };
     mark(true);
     Status renamed = Unit{};

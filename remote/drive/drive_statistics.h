@@ -8,6 +8,7 @@ namespace zor::remote {
 struct DriveCounters {
   std::uint64_t cacheHits = 0;    ///< lookups and attributes answered without the host
   std::uint64_t cacheMisses = 0;  ///< those that needed a request
+  std::uint64_t knownNames = 0;   ///< names and files that memory is used for
   std::uint64_t dirChecks = 0;    ///< directories that were found unchanged or changed
   std::uint64_t dirUnchanged = 0;
   std::uint64_t bytesRead = 0;  ///< by programs, from the drive (not from the kernel's cache)

@@ -1,5 +1,6 @@
 // Writing, and waiting until what was written is on the disk.
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -191,6 +192,7 @@ void Drive::writeFailed(Node& node, const std::string& path) {
   ++node.file->failures;
   ++mCounters.failedWrites;
   if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
+  mGathered.notify_one();  // the flusher tells of it
 }
 
 /// An open file that is still to tell of a failure. A close does not count as having
@@ -300,30 +302,49 @@ void Drive::release(OpenFile& file) {
   }
 }
 
+void Drive::tellOfLosses(Lock& lock) {
+  const std::vector<std::string> fresh(mLost.begin() + static_cast<std::ptrdiff_t>(mLossesTold),
+                                       mLost.end());
+  mLossesTold = mLost.size();
+  if (fresh.empty() || !mOptions.lost) return;
+  lock.unlock();
+  for (const std::string& path : fresh) mOptions.lost(path);
+  lock.lock();
+}
+
 void Drive::flushLoop() {
   Lock lock(mMutex);
+  Clock::time_point dropNext = Clock::now() + kListAgainAfter;
   while (!mStop) {
+    tellOfLosses(lock);
     const Clock::time_point now = Clock::now();
-    std::optional<Clock::time_point> next;
+    if (now >= dropNext) {
+      lock.unlock();
+      dropUnused(now);
+      lock.lock();
+      dropNext = now + kListAgainAfter;
+    }
+    Clock::time_point next = dropNext;
     if (!mRenaming) {
       mTree.forEachOpen([&](Node& node) {
         if (node.file->gather.empty()) return;
         const Clock::time_point due = node.file->gathered + kGatherTime;
         if (due <= now) {
           sendGathered(node);
-        } else if (!next || due < *next) {
-          next = due;
+        } else {
+          next = std::min(next, due);
         }
       });
     } else {
       next = now + kGatherTime;
     }
-    if (next) {
-      mGathered.wait_until(lock, *next);
-    } else {
-      mGathered.wait(lock);
-    }
+    if (!mStop && mLossesTold == mLost.size()) mGathered.wait_until(lock, next);
   }
+}
+
+std::vector<std::string> Drive::lost() {
+  const std::lock_guard lock(mMutex);
+  return mLost;
 }
 
 std::vector<std::string> Drive::finish() {

@@ -29,6 +29,10 @@ using Clock = std::chrono::steady_clock;
 using NodeId = std::uint64_t;
 inline constexpr NodeId kRootNode = 1;
 
+/// What a check does not compare (permissions, owners, link counts) is learnt
+/// at least this often, by a listing.
+inline constexpr std::chrono::seconds kListAgainAfter{30};
+
 /// The permissions without which a host that is not root cannot read and write.
 inline constexpr std::uint32_t kOpenMode = S_IRUSR | S_IWUSR;
 
@@ -47,6 +51,18 @@ struct Entry {
 
 using Entries = std::map<std::string, Entry, std::less<>>;
 
+/// What the host's system decides by whether it lets the host in.
+struct Rights {
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+  std::uint32_t mode = 0;
+  auto operator<=>(const Rights&) const = default;
+};
+
+inline Rights rightsOf(const udisk_stat& attributes) {
+  return {attributes.st_uid, attributes.st_gid, attributes.st_mode};
+}
+
 struct Directory {
   Entries entries;  ///< all of them, when `complete`
   bool complete = false;
@@ -59,7 +75,8 @@ struct Directory {
   udisk_stat parent{};               ///< of ".."; st_mode is 0 when not listed
   bool dots = false;                 ///< the host lists "." and ".."
   Clock::time_point lastCreation{};  ///< of a file, by us
-  udisk_stat created{};              ///< what such a file was like
+  Rights creationRights;             ///< of the directory, then
+  unsigned young = 0;                ///< files that are being made here
   unsigned singles = 0;              ///< questions about single names since `confirmed`
   DirectorySnapshot snapshot;        ///< of `entries`, or null
   std::shared_future<void> load;     ///< the listing or check under way
@@ -72,6 +89,7 @@ struct FileState {
   WriteGather gather;            ///< not sent yet
   Clock::time_point gathered{};  ///< when its oldest byte was written
   unsigned inFlight = 0;         ///< requests that are to be waited for before a close
+  bool young = false;            ///< being made; nothing that the host tells of it is known
   bool unsynced = false;         ///< written since the last sync
   bool ahead = false;            ///< written since the attributes were learnt
   std::int64_t end = 0;          ///< of what was written since then
@@ -105,8 +123,9 @@ struct Node {
   std::unique_ptr<FileState> file;
   ContentStamp stamp;  ///< of the last open
   Clock::time_point stampSince{};
-  bool ownNumber = false;     ///< shown with an inode number of ours, as it had no other at first
   bool cacheTrusted = false;  ///< the kernel's pages were read well after the last change
+  /// What it was like when we removed its last name. Programs may have it open.
+  std::unique_ptr<udisk_stat> removed;
 };
 
 class NodeTree {
@@ -140,6 +159,16 @@ class NodeTree {
   /// loses its place; a name that became a file of another type gets a new node.
   void merge(Node& directory, const Listing& listing, Clock::time_point now, std::uint64_t epoch);
 
+  /// Drops what was learnt of names that nobody refers to, in directories that were not
+  /// asked about since `listedBefore` and would be listed again.
+  void dropUnused(Clock::time_point now, Clock::time_point listedBefore);
+
+  /// Names and nodes that are known.
+  std::size_t size() const;
+
+  /// Names and nodes that were dropped, ever.
+  std::uint64_t dropped() const noexcept { return mDropped; }
+
   /// Calls `visit(node)` for every node with a file state.
   template <class Visit>
   void forEachOpen(Visit visit) {
@@ -155,6 +184,7 @@ class NodeTree {
   std::unordered_map<NodeId, std::unique_ptr<Node>> mNodes;
   Node* mRoot;
   NodeId mLastId = kRootNode;
+  std::uint64_t mDropped = 0;
 };
 
 inline bool isDirectory(const udisk_stat& attributes) {

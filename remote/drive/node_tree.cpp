@@ -136,9 +136,34 @@ void NodeTree::releaseIfUnused(Node* node) {
       node->place->second.node = nullptr;
       --parent->children;
     }
+    mDropped += 1 + (node->directory ? node->directory->entries.size() : 0);
     mNodes.erase(node->id);
     node = parent;
   }
+}
+
+void NodeTree::dropUnused(Clock::time_point now, Clock::time_point listedBefore) {
+  for (auto& [id, node] : mNodes) {
+    if (!node->directory) continue;
+    Directory& known = *node->directory;
+    const bool counts = known.listed >= listedBefore || known.confirmed + known.lifetime > now;
+    if (counts || known.load.valid() || known.entries.size() <= node->children) continue;
+    mDropped += std::erase_if(known.entries, [&](const auto& place) {
+      const Entry& entry = place.second;
+      return entry.node == nullptr && !entry.changing && !entry.hidden &&
+             entry.confirmed < listedBefore;
+    });
+    known.complete = false;
+    known.snapshot = nullptr;
+  }
+}
+
+std::size_t NodeTree::size() const {
+  std::size_t size = mNodes.size();
+  for (const auto& [id, node] : mNodes) {
+    if (node->directory) size += node->directory->entries.size();
+  }
+  return size;
 }
 
 void NodeTree::merge(Node& directory, const Listing& listing, Clock::time_point now,
@@ -210,7 +235,9 @@ const DirectorySnapshot& snapshotOf(Directory& directory) {
     auto items = std::make_shared<std::vector<DirectoryItem>>();
     items->reserve(directory.entries.size());
     for (const auto& [name, entry] : directory.entries) {
-      if (!entry.hidden) items->push_back({name, entry.attributes});
+      // Of what is just being made, nobody can expect to see it yet.
+      const bool seen = !entry.changing || entry.attributes.st_ino != 0;
+      if (!entry.hidden && seen) items->push_back({name, entry.attributes});
     }
     directory.snapshot = std::move(items);
   }

@@ -46,7 +46,7 @@ struct stat toStat(const udisk_stat& attributes, std::uint64_t node, const Prese
   result.st_mode = validMode(attributes.st_mode);
   if (shown.umask) result.st_mode = (result.st_mode & S_IFMT) | (0777U & ~*shown.umask);
   result.st_nlink =
-      std::clamp<std::uint64_t>(attributes.st_nlink, 1, std::numeric_limits<std::uint32_t>::max());
+      std::min<std::uint64_t>(attributes.st_nlink, std::numeric_limits<std::uint32_t>::max());
   result.st_uid = shown.uid.value_or(attributes.st_uid);
   result.st_gid = shown.gid.value_or(attributes.st_gid);
   if (S_ISCHR(result.st_mode) || S_ISBLK(result.st_mode)) {

@@ -33,9 +33,9 @@ class EntryReply {
   }
 
   /// False when there is no room for it.
-  bool addDots(std::size_t index) {
+  bool addDots(std::size_t index, std::uint64_t number) {
     fuse_entry_param entry{};
-    entry.attr.st_ino = kUnknownNumber;
+    entry.attr.st_ino = number != 0 ? number : kUnknownNumber;
     entry.attr.st_mode = S_IFDIR;
     const char* name = index == 0 ? "." : "..";
     return fits(name) && put(name, entry, index);
@@ -100,20 +100,24 @@ class EntryReply {
 void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
                    fuse_file_info* info, bool plus) {
   OpenDirectory& directory = directoryOf(info);
-  if (offset == 0 && directory.begun) {
-    const auto fresh = contextOf(request).drive().openDirectory(node);
+  if (offset == 0) {
+    // The first one, too: the program may have made a file since it opened the directory.
+    Drive& drive = contextOf(request).drive();
+    const auto fresh = drive.openDirectory(node);
     if (!fresh) {
       fuse_reply_err(request, fresh.error().value);
       return;
     }
     directory.items = *fresh;
+    const auto [own, above] = drive.dotNumbers(node);
+    directory.dots = {own, above};
   }
-  directory.begun = true;
   const std::vector<DirectoryItem>& items = *directory.items;
   const std::size_t end = items.size() + kDots;
   EntryReply entries(request, node, size, plus);
   for (auto i = static_cast<std::size_t>(offset); i < end; ++i) {
-    if (!(i < kDots ? entries.addDots(i) : entries.addItem(items[i - kDots], i))) break;
+    if (!(i < kDots ? entries.addDots(i, directory.dots[i]) : entries.addItem(items[i - kDots], i)))
+      break;
   }
   entries.reply();
 }
@@ -127,7 +131,7 @@ void handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* in
     fuse_reply_err(request, items.error().value);
     return;
   }
-  OpenDirectory* directory = context.add({*items, false});
+  OpenDirectory* directory = context.add({*items});
   info->fh = reinterpret_cast<std::uintptr_t>(directory);
   if (fuse_reply_open(request, info) == -ENOENT) context.remove(directory);
 }

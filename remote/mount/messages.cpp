@@ -18,6 +18,21 @@ std::string* sCapture = nullptr;
 
 constexpr std::string_view kFusePrefix = "fuse: ";
 
+void print(const std::string& line) { std::fprintf(stderr, "udisk-mount: %s\n", line.c_str()); }
+
+void log(const std::string& line) {
+  static const bool opened = (::openlog("udisk-mount", LOG_PID, LOG_DAEMON), true);
+  if (opened) ::syslog(LOG_NOTICE, "%s", line.c_str());
+}
+
+void forEachLine(std::string_view text, void (*take)(const std::string&)) {
+  while (!text.empty()) {
+    const std::size_t end = text.find('\n');
+    take(printable(text.substr(0, end)));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+}
+
 // libfuse sends some lines in several pieces.
 __attribute__((format(printf, 2, 0))) void takeFuseMessage(fuse_log_level level, const char* form,
                                                            va_list values) {
@@ -36,22 +51,15 @@ __attribute__((format(printf, 2, 0))) void takeFuseMessage(fuse_log_level level,
 }  // namespace
 
 void report(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t end = text.find('\n');
-    const std::string line = printable(text.substr(0, end));
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    if (sSystemLog.load(std::memory_order_relaxed)) {
-      ::syslog(LOG_NOTICE, "%s", line.c_str());
-    } else {
-      std::fprintf(stderr, "udisk-mount: %s\n", line.c_str());
-    }
-  }
+  forEachLine(text, sSystemLog.load(std::memory_order_relaxed) ? log : print);
 }
 
-void useSystemLog() {
-  ::openlog("udisk-mount", LOG_PID, LOG_DAEMON);
-  sSystemLog = true;
+void reportLoss(std::string_view text) {
+  if (!sSystemLog.load(std::memory_order_relaxed)) forEachLine(text, print);
+  forEachLine(text, log);
 }
+
+void useSystemLog() { sSystemLog = true; }
 
 void adoptFuseMessages() { fuse_set_log_func(takeFuseMessage); }
 

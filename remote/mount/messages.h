@@ -10,6 +10,9 @@ namespace zor::remote::mount {
 /// log after `useSystemLog`. From any thread.
 void report(std::string_view text);
 
+/// The same, but always for the system's log, too: for what must not be missed.
+void reportLoss(std::string_view text);
+
 /// From now on there is no terminal.
 void useSystemLog();
 

@@ -85,9 +85,11 @@ void handleForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* n
   fuse_reply_none(request);
 }
 
-void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info*) {
+namespace {
+
+void replyAttributes(fuse_req_t request, fuse_ino_t node, bool asOfNow) {
   Context& context = contextOf(request);
-  const auto found = context.drive().attributes(node);
+  const auto found = context.drive().attributes(node, asOfNow);
   if (!found) {
     fuse_reply_err(request, found.error().value);
     return;
@@ -96,11 +98,19 @@ void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info*) {
   fuse_reply_attr(request, &reply, toSeconds(found->validFor));
 }
 
+}  // namespace
+
+// With an open file, the kernel asks by itself: for its length, before it reads. A
+// program that asks wants to know what is on the disk.
+void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
+  replyAttributes(request, node, info == nullptr);
+}
+
 void handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
-                         fuse_file_info* info) {
+                         fuse_file_info*) {
   const auto done = change(contextOf(request), node, *wanted, which);
   if (done) {
-    handleGetAttributes(request, node, info);
+    replyAttributes(request, node, false);
   } else {
     fuse_reply_err(request, done.error().value);
   }

@@ -4,6 +4,8 @@
 // as the last thing that it does.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <list>
 #include <mutex>
 #include <string_view>
@@ -18,8 +20,8 @@ namespace zor::remote::mount {
 /// A directory that a program reads. The kernel sends the reads of one open
 /// directory one after another.
 struct OpenDirectory {
-  DirectorySnapshot items;
-  bool begun = false;  ///< a read from the beginning starts anew
+  DirectorySnapshot items;              ///< since the last read from the beginning
+  std::array<std::uint64_t, 2> dots{};  ///< the numbers of "." and ".."
 };
 
 /// What all requests share.

@@ -57,8 +57,14 @@ int fail(Background& background, const std::string& sentence) {
   return kFailure;
 }
 
+std::string couldNotBeWritten(const std::string& path) {
+  return path + ": could not be written completely";
+}
+
 void printStatistics(DurableLink& link, Drive& drive) {
-  report(describe(link.statistics().snapshot()) + describe(drive.counters()));
+  std::string text;
+  for (const std::string& path : drive.lost()) text += couldNotBeWritten(path) + "\n";
+  report(text + describe(link.statistics().snapshot()) + describe(drive.counters()));
 }
 
 /// Takes signals to a session for as long as it exists.
@@ -91,8 +97,8 @@ class SignalsToSession {
 bool finish(Drive& drive) {
   const std::vector<std::string> lost = drive.finish();
   if (lost.empty()) return true;
-  report("these files could not be written completely:");
-  for (const std::string& path : lost) report("  " + path);
+  reportLoss("these files could not be written completely:");
+  for (const std::string& path : lost) reportLoss("  " + path);
   return false;
 }
 
@@ -114,6 +120,7 @@ int serve(MountOptions& options, Background& background) {
   driveOptions.syncOnClose = options.syncOnClose;
   driveOptions.smallFiles = link.servesSmallFiles();
   driveOptions.report = [](const std::string& sentence) { report(sentence); };
+  driveOptions.lost = [](const std::string& path) { reportLoss(couldNotBeWritten(path)); };
   Drive drive(link, std::move(driveOptions));
 
   Context context(drive, options);

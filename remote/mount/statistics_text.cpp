@@ -22,7 +22,9 @@ std::string line(std::string_view title, std::initializer_list<Number> numbers) 
 }  // namespace
 
 std::string describe(const DriveCounters& counters) {
-  return line("cache", {{"hits", counters.cacheHits}, {"misses", counters.cacheMisses}}) +
+  return line("cache", {{"hits", counters.cacheHits},
+                        {"misses", counters.cacheMisses},
+                        {"names known", counters.knownNames}}) +
          line("directory checks",
               {{"in all", counters.dirChecks}, {"unchanged", counters.dirUnchanged}}) +
          line("programs", {{"bytes read", counters.bytesRead},

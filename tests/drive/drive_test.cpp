@@ -221,7 +221,7 @@ TEST_F(DriveTest, AHostThatIsGoneForGoodIsAnErrorWithinTheTimeLimit) {
   OpenFile& file = open(node("f"), O_RDWR);
   mDisk.signal(SIGSTOP);
   EXPECT_EQ(write(file, 0, "TEXT"), 0);
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->sync(file)), EIO);
   EXPECT_FALSE(mDrive->lookup(kRootNode, "f"));
   mDisk.signal(SIGCONT);
   EXPECT_TRUE(zor::test::eventually([&] { return mDrive->lookup(kRootNode, "f").ok(); }));
