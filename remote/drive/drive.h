@@ -241,7 +241,7 @@ class Drive {
   void sendGathered(Node& node, const ReadWindow::Ticket& ticket);
   void answered(Node& node);
   void dropIdle(Node& node);
-  void writeFailed(Node& node, const std::string& path);
+  void writeFailed(Node& node);
   Outcome<Unit> settleFile(Lock& lock, const OpenFile& file, bool sync);
   Outcome<Unit> untoldFailure(Lock& lock, const OpenFile& file);
   Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);

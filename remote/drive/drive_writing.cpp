@@ -159,16 +159,18 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   FileState& file = *node.file;
   const std::size_t size = file.gather.size();
   // Of a file that is gone: the request is refused on this side.
-  const std::string path = mTree.path(node).value_or("a file that is gone");
+  const std::optional<std::string> present = mTree.path(node);
+  if (present) file.path = *present;
+  const std::string path = present.value_or("a file that is gone");
   if (node.place == nullptr || node.place->second.attributes.st_nlink > 1) ++mLinkEpoch;
   ++file.inFlight;
   mBytesInFlight += size;
   file.gather.submit(mDisk, path,
-                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
+                     whenAnswered<Unit>([this, id = node.id, size, ticket](Status& status) {
                        mWriteWindow.finished(ticket, status ? size : 0);
                        mBytesInFlight -= size;
                        Node& written = *mTree.find(id);
-                       if (!status) writeFailed(written, path);
+                       if (!status) writeFailed(written);
                        answered(written);
                      }));
 }
@@ -188,7 +190,8 @@ void Drive::dropIdle(Node& node) {
   mTree.releaseIfUnused(&node);
 }
 
-void Drive::writeFailed(Node& node, const std::string& path) {
+void Drive::writeFailed(Node& node) {
+  const std::string& path = node.file->path;
   ++node.file->failures;
   ++mCounters.failedWrites;
   if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
@@ -229,9 +232,9 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
     node->file->unsynced = false;
     ++node->file->inFlight;
     burst.add<Unit>([&](auto done) { mDisk.fsync(*path, std::move(done)); },
-                    [this, path = *path, id](Status& status) {
+                    [this, id](Status& status) {
                       Node& synced = *mTree.find(id);
-                      if (!status) writeFailed(synced, path);
+                      if (!status) writeFailed(synced);
                       answered(synced);
                     });
   }

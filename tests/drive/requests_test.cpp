@@ -3,12 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <future>
-#include <optional>
 
-#include "drive/drive.h"
-#include "durable_link.h"
-#include "support/served_disk.h"
-#include "watched_transport.h"
+#include "watched_drive.h"
 
 namespace zor::remote {
 namespace {
@@ -19,41 +15,7 @@ using test::readFile;
 using test::writeFile;
 using wire::Command;
 
-class RequestsTest : public ::testing::Test {
- protected:
-  void connect(DriveOptions options = {.attributeTimeout = 60s}) {
-    mDrive.reset();
-    mLink.reset();
-    DurableLinkOptions link;
-    link.connection.socketPath = mDisk.socket();
-    mLink = std::move(*DurableLink::open(std::move(link)));
-    mRequests.emplace(*mLink);
-    mDrive.emplace(*mRequests, std::move(options));
-  }
-  ~RequestsTest() override {
-    mDrive.reset();
-    mLink.reset();
-  }
-  NodeId node(const std::string& name, NodeId directory = kRootNode) {
-    return mDrive->lookup(directory, name)->node;
-  }
-  OpenFile& create(const std::string& name) {
-    return *mDrive->create(kRootNode, name, 0644, O_CREAT | O_RDWR)->open.file;
-  }
-  int write(OpenFile& file, std::int64_t offset, const std::string& text) {
-    const auto written = mDrive->write(file, offset, std::as_bytes(std::span(text)));
-    return written ? 0 : written.error().value;
-  }
-  int flush(OpenFile& file) {
-    const auto flushed = mDrive->flush(file);
-    return flushed ? 0 : flushed.error().value;
-  }
-
-  zor::test::ServedDisk mDisk;
-  std::unique_ptr<DurableLink> mLink;
-  std::optional<test::WatchedTransport> mRequests;
-  std::optional<Drive> mDrive;
-};
+using RequestsTest = test::WatchedDrive;
 
 TEST_F(RequestsTest, ACloseSynchronisesWhatWasWrittenUnlessToldNotTo) {
   for (const bool sync : {true, false}) {

@@ -1,0 +1,202 @@
+// What programs are told of files.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <future>
+
+#include "watched_drive.h"
+
+namespace zor::remote {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using test::readFile;
+using test::writeFile;
+using wire::Command;
+
+using FilesTest = test::WatchedDrive;
+
+TEST_F(FilesTest, ALostWriteIsToldAtEveryCloseUntilAProgramWasTold) {
+  for (const char* name : {"synced", "written"}) {
+    writeFile(mDisk / name, "");
+    connect();
+    OpenFile* opened = nullptr;
+    OpenFile* other = nullptr;
+    ASSERT_EQ(open(name, O_RDWR, &opened), 0);
+    ASSERT_EQ(open(name, O_RDWR, &other), 0);
+    OpenFile& file = *opened;
+    EXPECT_EQ(write(file, 0, "text"), 0);
+    fs::remove(mDisk / name);
+    EXPECT_EQ(flush(file), EIO);
+    EXPECT_EQ(flush(file), EIO) << "the first may have been the one of a child process";
+    if (name == std::string("synced")) {
+      EXPECT_FALSE(mDrive->sync(file));
+    } else {
+      EXPECT_EQ(write(file, 0, "again"), EIO);
+    }
+    EXPECT_EQ(flush(file), 0);
+    EXPECT_EQ(flush(*other), EIO) << "it has its own error";
+    mDrive->release(file);
+    mDrive->release(*other);
+  }
+}
+
+TEST_F(FilesTest, AFileThatLostDataIsNamedAtOnceAndOnce) {
+  std::promise<std::string> named;
+  connect({.attributeTimeout = 60s, .lost = [&](auto& path) { named.set_value(path); }});
+  OpenFile& file = create("lost");
+  EXPECT_EQ(flush(file), 0);
+  fs::remove(mDisk / "lost");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(write(file, 0, "text"), 0);
+    EXPECT_FALSE(mDrive->sync(file));
+  }
+  EXPECT_EQ(named.get_future().get(), "/lost");
+  EXPECT_THAT(mDrive->lost(), ::testing::ElementsAre("/lost"));
+  mDrive->release(file);
+}
+
+TEST_F(FilesTest, AnAppendGoesBehindWhatOthersAppendedBeforeTheFileWasOpened) {
+  writeFile(mDisk / "log", "");
+  connect();
+  std::string expected;
+  for (int i = 0; i < 3; ++i) {
+    std::ofstream(mDisk / "log", std::ios::app) << "other\n";
+    OpenFile* file = nullptr;
+    ASSERT_EQ(open("log", O_WRONLY | O_APPEND, &file), 0);
+    for (const char* line : {"one\n", "two\n"}) {
+      mRequests->forget();
+      EXPECT_TRUE(mDrive->write(*file, 0, std::as_bytes(std::span(std::string_view(line))), true));
+      EXPECT_EQ(mRequests->count(Command::kGetFileAttr, "/log"), line[0] == 'o' ? 1 : 0);
+    }
+    EXPECT_EQ(flush(*file), 0);
+    mDrive->release(*file);
+    expected += "other\none\ntwo\n";
+  }
+  EXPECT_EQ(readFile(mDisk / "log"), expected);
+}
+
+TEST_F(FilesTest, AYoungFileIsToldAsItIs) {
+  connect();
+  mDrive->release(create("other", 0600));
+  const auto isToldOf = [&](const std::string& name) {
+    const auto listing = mDrive->openDirectory(kRootNode);
+    const auto told = mDrive->attributes(node(name));
+    struct stat status {};
+    EXPECT_EQ(::stat((mDisk / name).c_str(), &status), 0);
+    const auto isIt = [&](const DirectoryItem& item) {
+      return item.name == name && item.attributes.st_ino == status.st_ino;
+    };
+    if (!told || !std::any_of((*listing)->begin(), (*listing)->end(), isIt)) return false;
+    const udisk_stat& is = told->attributes;
+    return is.st_ino == status.st_ino && is.st_mode == status.st_mode &&
+           is.st_mtim.tv_nsec == status.st_mtim.tv_nsec && is.st_size == status.st_size;
+  };
+  OpenFile& file = create("young", 0640);
+  EXPECT_TRUE(isToldOf("young"));
+  EXPECT_EQ(write(file, 0, "text"), 0);
+  EXPECT_TRUE(isToldOf("young")) << "as it will be after the close";
+  EXPECT_EQ(flush(file), 0);
+  EXPECT_TRUE(isToldOf("young"));
+  mDrive->release(file);
+  EXPECT_TRUE(mDrive->link(node("young"), kRootNode, "second"));
+  EXPECT_TRUE(isToldOf("young"));
+  EXPECT_TRUE(isToldOf("second"));
+}
+
+TEST_F(FilesTest, ALengthThatTheKernelNeedsIsToldWithoutWaiting) {
+  connect();
+  OpenFile& file = create("file");
+  EXPECT_EQ(flush(file), 0);
+  EXPECT_EQ(write(file, 0, "text"), 0);
+  mRequests->forget();
+  EXPECT_EQ(mDrive->attributes(node("file"), false)->attributes.st_size, 4);
+  EXPECT_EQ(mRequests->count(Command::kGetFileAttr), 0);
+  mDrive->release(file);
+}
+
+TEST_F(FilesTest, WhatWasRemovedCanBeAskedAboutAndHasNoLinks) {
+  for (const char* name : {"open", "two", "replaced", "replacing"}) writeFile(mDisk / name, "text");
+  fs::create_directory(mDisk / "directory");
+  fs::create_hard_link(mDisk / "two", mDisk / "three");
+  connect();
+  const NodeId opened = node("open");
+  const NodeId two = node("two");
+  const NodeId replaced = node("replaced");
+  const NodeId directory = node("directory");
+  const auto links = [&](NodeId id) {
+    const auto told = mDrive->attributes(id);
+    return told ? std::to_string(told->attributes.st_nlink)
+                : "errno " + std::to_string(told.error().value);
+  };
+  OpenFile* file = nullptr;
+  ASSERT_EQ(open("open", O_RDONLY, &file), 0);
+  EXPECT_TRUE(mDrive->unlink(kRootNode, "open"));
+  EXPECT_TRUE(mDrive->unlink(kRootNode, "two"));
+  EXPECT_TRUE(mDrive->rename(kRootNode, "replacing", kRootNode, "replaced", 0));
+  EXPECT_TRUE(mDrive->removeDirectory(kRootNode, "directory"));
+  EXPECT_EQ(links(opened), "0");
+  EXPECT_EQ(links(two), "1");
+  EXPECT_EQ(links(replaced), "0");
+  EXPECT_EQ(links(directory), "0");
+  EXPECT_EQ(links(node("replaced")), "1");
+  mDrive->release(*file);
+  EXPECT_EQ(links(opened), "0");
+}
+
+TEST_F(FilesTest, WhatTheHostCannotWriteIsRefusedWhenItIsOpened) {
+  for (const char* name : {"a", "b", "c", "d"}) {
+    writeFile(mDisk / name, "text");
+    fs::permissions(mDisk / name, fs::perms(name[0] < 'c' ? 0644 : 0444));
+  }
+  connect();
+  mRequests->forget();
+  EXPECT_EQ(open("a", O_WRONLY), 0);
+  EXPECT_EQ(open("b", O_RDWR), 0);
+  EXPECT_EQ(mRequests->count(Command::kFileFsync), 1) << "once for files of a kind";
+  mRequests->fail(Command::kFileFsync);  // which is how the host is asked
+  EXPECT_EQ(open("c", O_WRONLY), EACCES);
+  EXPECT_EQ(open("c", O_RDONLY), 0);
+  EXPECT_EQ(mDrive->create(kRootNode, "c", 0644, O_CREAT | O_WRONLY).error().value, EACCES);
+  EXPECT_EQ(open("b", O_WRONLY), 0);
+  mRequests->fail({});
+  EXPECT_EQ(open("c", O_WRONLY), 0);
+  mDrive->forget(node("d"), 1);
+}
+
+TEST_F(FilesTest, ADirectoryThatTakesNoMoreFilesRefusesThemAtOnce) {
+  connect();
+  mDrive->release(create("first"));
+  mRequests->fail(Command::kFileCreate);
+  // Nothing tells that this one will be refused, so the close does.
+  const auto second = mDrive->create(kRootNode, "second", 0644, O_CREAT | O_WRONLY);
+  ASSERT_TRUE(second);
+  mDrive->release(*second->open.file);
+  fs::permissions(mDisk.root(), fs::perms(0555));
+  const auto third = mDrive->create(kRootNode, "third", 0644, O_CREAT | O_WRONLY);
+  fs::permissions(mDisk.root(), fs::perms(0755));
+  ASSERT_FALSE(third);
+  EXPECT_EQ(third.error().value, EACCES);
+}
+
+TEST_F(FilesTest, WhatIsNotUsedAnyMoreIsForgottenAndLearntAgain) {
+  fs::create_directory(mDisk / "d");
+  for (int i = 0; i < 300; ++i) writeFile(mDisk / ("d/" + std::to_string(i)), "text");
+  connect({.attributeTimeout = 1s});
+  const NodeId directory = node("d");
+  const NodeId used = node("7", directory);
+  for (int i = 0; i < 300; ++i) mDrive->forget(node(std::to_string(i), directory), 1);
+  EXPECT_GT(mDrive->counters().knownNames, 300U);
+  mDrive->dropUnused(Clock::now());
+  EXPECT_GT(mDrive->counters().knownNames, 300U) << "still of use";
+  mDrive->dropUnused(Clock::now() + 1min);
+  EXPECT_LT(mDrive->counters().knownNames, 10U);
+  EXPECT_EQ(node("7", directory), used);
+  EXPECT_EQ((*mDrive->openDirectory(directory))->size(), 300U);
+}
+
+}  // namespace
+}  // namespace zor::remote
