@@ -39,7 +39,8 @@ TEST(MountOptions, BothFormsMeanTheSame) {
     EXPECT_TRUE(options->quiet && options->statistics && options->bandwidthKbit == 8000U);
     EXPECT_EQ(options->timeout + options->attributeTimeout, std::chrono::milliseconds(2750));
     EXPECT_THAT(forSession(*options->fuseArguments.get()),
-                AllOf(HasSubstr("fsname=/run/a\\,b"), HasSubstr("allow_other")));
+                AllOf(HasSubstr("fsname=/run/a\\,b"), HasSubstr("allow_other"),
+                      HasSubstr("default_permissions")));
   }
 }
 

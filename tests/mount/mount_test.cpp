@@ -172,6 +172,19 @@ const Program kPrograms[] = {
      "chmod 400 f; test $(stat -c %a $DISK/f) = 400; test $(cat f) = abcdef; "
      "(umask 222; exec 3>g; ln g h; rm g); "
      "for i in $(seq 1000); do test $(stat -c %a $DISK/h) = 444 && exit; sleep 0.01; done; exit 1"},
+    {"Descriptors",
+     "cd $DRIVE; mkdir d; : > d/first; perl -e 'for $n (\"a\" .. \"c\") { "
+     // What a file is told to be while it is made, with data, closed, and with a second name.
+     "sysopen(F, \"d/$n\", 65, 0640); @s = stat F; syswrite F, \"x\"; @t = stat F; close F; "
+     "@u = stat \"d/$n\"; link \"d/$n\", \"d/l$n\"; @v = lstat \"d/l$n\"; "
+     "die \"number\" if $s[1] != $u[1] || $t[1] != $u[1] || $v[1] != $u[1]; "
+     "die \"mode\" if $s[2] != 0100640; die \"time\" if $t[9] != $u[9]; } "
+     "opendir D, \"d\"; open F, \">d/late\"; rewinddir D; "
+     "die \"late\" unless grep { $_ eq \"late\" } readdir D; "
+     "unlink \"d/late\"; @s = stat F; die \"links\" if $s[3] != 0; "
+     "mkdir \"e\"; opendir E, \"e\"; rmdir \"e\"; @s = stat E; die \"gone\" if !@s || $s[3]; '; "
+     "test \"$(ls -i d | sed \"s/^ *//\")\" = \"$(cd d; stat -c '%i %n' *)\"; "
+     "test \"$(ls -ia d | tr -s ' ' '\\n' | head -n 1)\" = $(stat -c %i d)"},
     {"Offsets",
      "cd $DRIVE; dd if=/dev/urandom of=$OLDPWD/r bs=1000 count=3000 status=none; "
      "for i in $(seq 0 299 | shuf); do dd if=$OLDPWD/r of=f bs=10000 skip=$i seek=$i "
@@ -213,6 +226,26 @@ TEST_F(MountTest, AReadOnlyDiskIsMountedSo) {
   EXPECT_EQ(readFile(mDrive / "f"), "text");
   EXPECT_EQ(::open((mDrive / "f").c_str(), O_WRONLY | O_CLOEXEC), -1);
   EXPECT_EQ(errno, EROFS);
+}
+
+TEST_F(MountTest, OtherUsersSeeWhatPermissionsLetThemSee) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can be another user for a while";
+  fs::permissions(mDisk.root().parent_path(), fs::perms(0711));
+  writeFile(mDisk / "private", "secret");
+  writeFile(mDisk / "public", "news");
+  fs::permissions(mDisk / "private", fs::perms(0600));
+  fs::permissions(mDisk / "public", fs::perms(0644));
+  const std::string users =
+      "as() { id=$1; shift; setpriv --reuid $id --regid $id --clear-groups \"$@\"; }; "
+      "no() { if as \"$@\"; then exit 1; fi; }; cd $DRIVE; ";
+  mount({"-o", "allow_other"});
+  EXPECT_EQ(run(users + "as 65534 cat public; cat private; no 65534 cat private; "
+                        "no 65534 cp private public; no 65534 rm -f public"),
+            "");
+  EXPECT_EQ(unmount(), 0);
+  // What counts is what files are shown as.
+  mount({"-o", "allow_other,uid=65534,umask=077"});
+  EXPECT_EQ(run(users + "as 65534 cat private; no 65533 ls ."), "");
 }
 
 TEST_F(MountTest, ADirectoryOfSixtyThousandListsWholly) {
@@ -330,6 +363,11 @@ TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingTellsWhatIsLost) {
   EXPECT_EQ(::pwrite(fd, "TEXT", 4, 0), 4);
   EXPECT_EQ(::fsync(fd), -1);
   EXPECT_EQ(errno, EIO);
+  const std::string named = "/f: could not be written completely\n";
+  EXPECT_TRUE(eventually([&] { return readFile(mLog).find(named) != std::string::npos; }));
+  const std::size_t before = readFile(mLog).size();
+  requests();
+  EXPECT_NE(readFile(mLog).find(named, before), std::string::npos) << "on SIGUSR1";
   EXPECT_THAT(run("cat $DRIVE/other"), HasSubstr("Input/output error"));
   ::close(fd);
   EXPECT_EQ(unmount(), 1);
