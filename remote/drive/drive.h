@@ -221,6 +221,10 @@ class Drive {
   template <class Start>
   Outcome<Unit> changeInode(NodeId id, Start start);
 
+  // drive_spelling.cpp
+  std::string spelling(const Node& directory, std::string_view name) const;
+  bool learnSpelling(Lock& lock, NodeId directory);
+
   // drive_permissions.cpp
   Outcome<Unit> askToWrite(Lock& lock, NodeId id);
   void knowWritable(const udisk_stat& attributes);
@@ -270,7 +274,8 @@ class Drive {
   std::uint64_t mHiddenNames = 0;
   std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;
-  std::set<Rights> mWritable;  ///< those of files that the host could open for writing
+  std::set<Rights> mWritable;    ///< those of files that the host could open for writing
+  std::optional<bool> mAnyCase;  ///< the disk does not tell capitals from small letters
   DriveCounters mCounters;
   bool mStop = false;
 

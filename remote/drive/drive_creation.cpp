@@ -33,7 +33,9 @@ bool isHarmless(std::string_view name) {
 Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, std::uint32_t mode,
                                       int flags) {
   Lock lock = lockNames();
-  const std::string key(name);
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const std::string key = spelling(**parent, name);
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
   {
     // Whether the directory still takes files as it did; travels with the look.

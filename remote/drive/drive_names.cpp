@@ -31,14 +31,18 @@ int errnoOf(const Error& error, int failed) {
 
 Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
   Lock lock = lockNames();
-  const std::string key(name);
   for (int asked = 0;; ++asked) {
     const Outcome<Node*> parent = directoryNode(directory);
     if (!parent) return parent.error();
+    const std::string key = spelling(**parent, name);
     Directory& known = *(*parent)->directory;
     const auto at = known.entries.find(key);
     const bool found = at != known.entries.end();
     if (found && at->second.hidden) return NodeEntry{};
+    if (!found && isFresh(known) && learnSpelling(lock, directory)) {
+      --asked;
+      continue;
+    }
     if (found
             ? asked > 1 || isFresh(**parent, at->second) || (asked == 1 && !isDoubtful(at->second))
             : asked > 0 || isFresh(known)) {

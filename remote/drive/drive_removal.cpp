@@ -23,9 +23,9 @@ bool isBelow(const Node* node, const Node& above) {
 
 Outcome<Unit> Drive::unlink(NodeId directory, std::string_view name) {
   Lock lock = lockNames();
-  const std::string key(name);
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
+  const std::string key = spelling(**parent, name);
   const auto at = (*parent)->directory->entries.find(key);
   if (at != (*parent)->directory->entries.end() && at->second.node != nullptr) {
     const Node& node = *at->second.node;
@@ -40,7 +40,9 @@ Outcome<Unit> Drive::unlink(NodeId directory, std::string_view name) {
 
 Outcome<Unit> Drive::removeDirectory(NodeId directory, std::string_view name) {
   Lock lock = lockNames();
-  return removeName(lock, directory, std::string(name), true);
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  return removeName(lock, directory, spelling(**parent, name), true);
 }
 
 Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string& name, bool isDir) {
@@ -139,8 +141,13 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
                             unsigned flags) {
   if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return Errno{EINVAL};
   Lock lock = lockNames();
-  const std::string oldKey(name);
-  const std::string newKey(newName);
+  const Outcome<Node*> origin = directoryNode(from);
+  if (!origin) return origin.error();
+  const Outcome<Node*> destination = directoryNode(to);
+  if (!destination) return destination.error();
+  const std::string oldKey = spelling(**origin, name);
+  std::string newKey = spelling(**destination, newName);
+  if (from == to && newKey == oldKey) newKey = newName;  // which changes the spelling
   if ((flags & RENAME_NOREPLACE) != 0) {
     const Result<udisk_stat> taken = look(lock, to, newKey);
     if (taken) return Errno{EEXIST};

@@ -147,6 +147,29 @@ TEST_F(FilesTest, WhatWasRemovedCanBeAskedAboutAndHasNoLinks) {
   EXPECT_EQ(links(opened), "0");
 }
 
+TEST_F(FilesTest, OtherSpellingsAreFollowedWhereTheDiskTakesThem) {
+  for (const bool anyCase : {false, true}) {
+    for (const char* name : {"notes", "other"}) writeFile(mDisk / name, "text");
+    connect();
+    ASSERT_TRUE(mDrive->openDirectory(kRootNode));
+    // Plays a disk that takes both for one file.
+    if (anyCase) fs::create_hard_link(mDisk / "notes", mDisk / "NOTES");
+    EXPECT_EQ(node("missing"), 0U);
+    mRequests->forget();
+    EXPECT_EQ(node("Other"), anyCase ? node("other") : 0U);
+    EXPECT_EQ(node("still missing"), 0U);
+    EXPECT_EQ(mRequests->countNaming("/"), 0);
+    if (!anyCase) continue;
+    mDrive->release(*mDrive->create(kRootNode, "OTHER", 0644, O_CREAT | O_RDWR)->open.file);
+    EXPECT_EQ((*mDrive->openDirectory(kRootNode))->size(), 2U);
+    EXPECT_TRUE(mDrive->rename(kRootNode, "Other", kRootNode, "OTHER", 0)) << "a new spelling";
+    EXPECT_NE(node("OTHER"), 0U);
+    EXPECT_TRUE(mDrive->unlink(kRootNode, "other"));
+    EXPECT_FALSE(fs::exists(mDisk / "OTHER"));
+    EXPECT_EQ(node("OTHER"), 0U);
+  }
+}
+
 TEST_F(FilesTest, WhatTheHostCannotWriteIsRefusedWhenItIsOpened) {
   for (const char* name : {"a", "b", "c", "d"}) {
     writeFile(mDisk / name, "text");
