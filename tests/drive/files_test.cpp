@@ -82,6 +82,7 @@ TEST_F(FilesTest, AnAppendGoesBehindWhatOthersAppendedBeforeTheFileWasOpened) {
 TEST_F(FilesTest, AYoungFileIsToldAsItIs) {
   connect();
   mDrive->release(create("other", 0600));
+  ASSERT_TRUE(mDrive->openDirectory(kRootNode));
   const auto isToldOf = [&](const std::string& name) {
     const auto listing = mDrive->openDirectory(kRootNode);
     const auto told = mDrive->attributes(node(name));
