@@ -54,7 +54,9 @@ TEST_F(FilesTest, AFileThatLostDataIsNamedAtOnceAndOnce) {
     EXPECT_EQ(write(file, 0, "text"), 0);
     EXPECT_FALSE(mDrive->sync(file));
   }
-  EXPECT_EQ(named.get_future().get(), "/lost");
+  std::future<std::string> name = named.get_future();
+  ASSERT_EQ(name.wait_for(20s), std::future_status::ready);
+  EXPECT_EQ(name.get(), "/lost");
   EXPECT_THAT(mDrive->lost(), ::testing::ElementsAre("/lost"));
   mDrive->release(file);
 }
