@@ -225,6 +225,12 @@ class Drive {
   std::string spelling(const Node& directory, std::string_view name) const;
   bool learnSpelling(Lock& lock, NodeId directory);
 
+  // drive_losses.cpp
+  void writeFailed(Node& node);
+  Outcome<Unit> untoldFailure(Lock& lock, const OpenFile& file);
+  Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);
+  void tellOfLosses(Lock& lock);
+
   // drive_permissions.cpp
   Outcome<Unit> askToWrite(Lock& lock, NodeId id);
   void knowWritable(const udisk_stat& attributes);
@@ -245,13 +251,9 @@ class Drive {
   void sendGathered(Node& node, const ReadWindow::Ticket& ticket);
   void answered(Node& node);
   void dropIdle(Node& node);
-  void writeFailed(Node& node);
   Outcome<Unit> settleFile(Lock& lock, const OpenFile& file, bool sync);
-  Outcome<Unit> untoldFailure(Lock& lock, const OpenFile& file);
-  Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);
   Outcome<Unit> settle(Lock& lock, NodeId node, bool sync);
   void flushLoop();
-  void tellOfLosses(Lock& lock);
 
   Disk mDisk;
   Transport& mTransport;

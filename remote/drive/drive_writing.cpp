@@ -1,6 +1,5 @@
 // Writing, and waiting until what was written is on the disk.
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -190,29 +189,6 @@ void Drive::dropIdle(Node& node) {
   mTree.releaseIfUnused(&node);
 }
 
-void Drive::writeFailed(Node& node) {
-  const std::string& path = node.file->path;
-  ++node.file->failures;
-  ++mCounters.failedWrites;
-  if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
-  mGathered.notify_one();  // the flusher tells of it
-}
-
-/// An open file that is still to tell of a failure. A close does not count as having
-/// told it: it may be the one of a child process, which nobody looks at.
-Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
-  if (mTree.find(file.mNode)->file->failures == file.mToldFailures) return Unit{};
-  return Errno{refusal(lock, EIO)};
-}
-
-/// To a program that looks at what it is told.
-Outcome<Unit> Drive::tellFailure(Lock& lock, OpenFile& file) {
-  const std::uint64_t failures = mTree.find(file.mNode)->file->failures;
-  Outcome<Unit> failure = untoldFailure(lock, file);
-  file.mToldFailures = failures;
-  return failure;
-}
-
 /// Waits until the host has all that was written to the file, and, with `sync`,
 /// until it is on the disk. What failed is told by the file's failures.
 Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
@@ -305,16 +281,6 @@ void Drive::release(OpenFile& file) {
   }
 }
 
-void Drive::tellOfLosses(Lock& lock) {
-  const std::vector<std::string> fresh(mLost.begin() + static_cast<std::ptrdiff_t>(mLossesTold),
-                                       mLost.end());
-  mLossesTold = mLost.size();
-  if (fresh.empty() || !mOptions.lost) return;
-  lock.unlock();
-  for (const std::string& path : fresh) mOptions.lost(path);
-  lock.lock();
-}
-
 void Drive::flushLoop() {
   Lock lock(mMutex);
   Clock::time_point dropNext = Clock::now() + kListAgainAfter;
@@ -343,11 +309,6 @@ void Drive::flushLoop() {
     }
     if (!mStop && mLossesTold == mLost.size()) mGathered.wait_until(lock, next);
   }
-}
-
-std::vector<std::string> Drive::lost() {
-  const std::lock_guard lock(mMutex);
-  return mLost;
 }
 
 std::vector<std::string> Drive::finish() {

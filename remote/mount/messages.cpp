@@ -18,9 +18,11 @@ std::string* sCapture = nullptr;
 
 constexpr std::string_view kFusePrefix = "fuse: ";
 
-void print(const std::string& line) { std::fprintf(stderr, "udisk-mount: %s\n", line.c_str()); }
+void toTerminal(const std::string& line) {
+  std::fprintf(stderr, "udisk-mount: %s\n", line.c_str());
+}
 
-void log(const std::string& line) {
+void toLog(const std::string& line) {
   static const bool opened = (::openlog("udisk-mount", LOG_PID, LOG_DAEMON), true);
   if (opened) ::syslog(LOG_NOTICE, "%s", line.c_str());
 }
@@ -51,12 +53,12 @@ __attribute__((format(printf, 2, 0))) void takeFuseMessage(fuse_log_level level,
 }  // namespace
 
 void report(std::string_view text) {
-  forEachLine(text, sSystemLog.load(std::memory_order_relaxed) ? log : print);
+  forEachLine(text, sSystemLog.load(std::memory_order_relaxed) ? toLog : toTerminal);
 }
 
 void reportLoss(std::string_view text) {
-  if (!sSystemLog.load(std::memory_order_relaxed)) forEachLine(text, print);
-  forEachLine(text, log);
+  if (!sSystemLog.load(std::memory_order_relaxed)) forEachLine(text, toTerminal);
+  forEachLine(text, toLog);
 }
 
 void useSystemLog() { sSystemLog = true; }

@@ -1,0 +1,48 @@
+// What was written and did not arrive.
+#include <algorithm>
+#include <cstddef>
+
+#include "drive/drive.h"
+#include "drive/open_file.h"
+
+namespace zor::remote {
+
+void Drive::writeFailed(Node& node) {
+  const std::string& path = node.file->path;
+  ++node.file->failures;
+  ++mCounters.failedWrites;
+  if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
+  mGathered.notify_one();  // the flusher tells of it
+}
+
+/// An open file that is still to tell of a failure. A close does not count as having
+/// told it: it may be the one of a child process, which nobody looks at.
+Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
+  if (mTree.find(file.mNode)->file->failures == file.mToldFailures) return Unit{};
+  return Errno{refusal(lock, EIO)};
+}
+
+/// To a program that looks at what it is told.
+Outcome<Unit> Drive::tellFailure(Lock& lock, OpenFile& file) {
+  const std::uint64_t failures = mTree.find(file.mNode)->file->failures;
+  Outcome<Unit> failure = untoldFailure(lock, file);
+  file.mToldFailures = failures;
+  return failure;
+}
+
+void Drive::tellOfLosses(Lock& lock) {
+  const std::vector<std::string> fresh(mLost.begin() + static_cast<std::ptrdiff_t>(mLossesTold),
+                                       mLost.end());
+  mLossesTold = mLost.size();
+  if (fresh.empty() || !mOptions.lost) return;
+  lock.unlock();
+  for (const std::string& path : fresh) mOptions.lost(path);
+  lock.lock();
+}
+
+std::vector<std::string> Drive::lost() {
+  const std::lock_guard lock(mMutex);
+  return mLost;
+}
+
+}  // namespace zor::remote
