@@ -226,7 +226,7 @@ class Drive {
   bool learnSpelling(Lock& lock, NodeId directory);
 
   // drive_losses.cpp
-  void writeFailed(Node& node);
+  void writeFailed(Node& node, const std::string& path);
   Outcome<Unit> untoldFailure(Lock& lock, const OpenFile& file);
   Outcome<Unit> tellFailure(Lock& lock, OpenFile& file);
   void tellOfLosses(Lock& lock);

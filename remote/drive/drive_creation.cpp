@@ -138,23 +138,23 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
   node.file = std::make_unique<FileState>();
   node.file->ahead = true;
   node.file->young = true;
-  node.file->path = path;
   ++parent.directory->young;
   node.file->lastWrite = wallClock();
   ++node.file->inFlight;
-  mDisk.create(path, mode,
-               whenAnswered<Unit>([this, id = node.id, directory = parent.id](Status& status) {
-                 Node& made = *mTree.find(id);
-                 if (made.place != nullptr) made.place->second.changing = false;
-                 if (status) {
-                   if (Node* above = mTree.find(directory)) {
-                     above->directory->lastCreation = Clock::now();
-                   }
-                 } else {
-                   writeFailed(made);
-                 }
-                 answered(made);
-               }));
+  mDisk.create(
+      path, mode,
+      whenAnswered<Unit>([this, path, id = node.id, directory = parent.id](Status& status) {
+        Node& made = *mTree.find(id);
+        if (made.place != nullptr) made.place->second.changing = false;
+        if (status) {
+          if (Node* above = mTree.find(directory)) {
+            above->directory->lastCreation = Clock::now();
+          }
+        } else {
+          writeFailed(made, path);
+        }
+        answered(made);
+      }));
   Burst burst(*this);
   burst.queryFile(path, parent.id, name);
   burst.add<udisk_stat>([&](auto done) { mDisk.attributes(*mTree.path(parent), std::move(done)); },

@@ -7,11 +7,11 @@
 
 namespace zor::remote {
 
-void Drive::writeFailed(Node& node) {
-  const std::string& path = node.file->path;
+void Drive::writeFailed(Node& node, const std::string& path) {
   ++node.file->failures;
   ++mCounters.failedWrites;
-  if (std::find(mLost.begin(), mLost.end(), path) == mLost.end()) mLost.push_back(path);
+  const std::string& name = node.file->lostPath.empty() ? path : node.file->lostPath;
+  if (std::find(mLost.begin(), mLost.end(), name) == mLost.end()) mLost.push_back(name);
   mGathered.notify_one();  // the flusher tells of it
 }
 

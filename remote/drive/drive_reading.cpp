@@ -48,7 +48,6 @@ OpenFile::OpenFile(Drive& drive, NodeId node, bool writable, std::uint64_t failu
 OpenResult Drive::openNode(Node& node, bool writable) {
   if (!node.file) node.file = std::make_unique<FileState>();
   ++node.file->handles;
-  node.file->path = mTree.path(node).value_or("");
   OpenResult result;
   std::unique_ptr<OpenFile> file(new OpenFile(*this, node.id, writable, node.file->failures));
   result.file = file.get();

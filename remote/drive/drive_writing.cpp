@@ -158,18 +158,16 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   FileState& file = *node.file;
   const std::size_t size = file.gather.size();
   // Of a file that is gone: the request is refused on this side.
-  const std::optional<std::string> present = mTree.path(node);
-  if (present) file.path = *present;
-  const std::string path = present.value_or("a file that is gone");
+  const std::string path = mTree.path(node).value_or("a file that is gone");
   if (node.place == nullptr || node.place->second.attributes.st_nlink > 1) ++mLinkEpoch;
   ++file.inFlight;
   mBytesInFlight += size;
   file.gather.submit(mDisk, path,
-                     whenAnswered<Unit>([this, id = node.id, size, ticket](Status& status) {
+                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
                        mWriteWindow.finished(ticket, status ? size : 0);
                        mBytesInFlight -= size;
                        Node& written = *mTree.find(id);
-                       if (!status) writeFailed(written);
+                       if (!status) writeFailed(written, path);
                        answered(written);
                      }));
 }
@@ -208,9 +206,9 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
     node->file->unsynced = false;
     ++node->file->inFlight;
     burst.add<Unit>([&](auto done) { mDisk.fsync(*path, std::move(done)); },
-                    [this, id](Status& status) {
+                    [this, path = *path, id](Status& status) {
                       Node& synced = *mTree.find(id);
-                      if (!status) writeFailed(synced);
+                      if (!status) writeFailed(synced, path);
                       answered(synced);
                     });
   }

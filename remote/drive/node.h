@@ -97,7 +97,7 @@ struct FileState {
   /// The permissions that it gets when it is closed: until then the host, which
   /// opens it for every request, must be let in.
   std::optional<std::uint32_t> lateMode;
-  std::string path;            ///< the last one, to name it by when it is gone
+  std::string lostPath;        ///< where it was, once it has no place any more
   std::uint64_t writes = 0;    ///< by programs, ever
   std::uint64_t failures = 0;  ///< failed writes, ever
 };

@@ -84,6 +84,7 @@ std::optional<std::string> NodeTree::path(const Node& node) const {
 void NodeTree::detach(Entry& entry) {
   Node* node = std::exchange(entry.node, nullptr);
   if (node == nullptr) return;
+  if (node->file) node->file->lostPath = path(*node).value_or(std::string());
   Node* parent = std::exchange(node->parent, nullptr);
   node->place = nullptr;
   --parent->children;
