@@ -5,13 +5,16 @@
 
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <utility>
 
+#include "host_user.h"
 #include "support/send_buffer.h"
 
 namespace zor::remote {
 
-Result<UniqueFd> connectUnix(const std::string& path, bool mayBlock) {
+Result<UniqueFd> connectUnix(const std::string& path, std::chrono::milliseconds limit) {
+  const bool mayBlock = limit.count() > 0;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -21,12 +24,19 @@ Result<UniqueFd> connectUnix(const std::string& path, bool mayBlock) {
   std::memcpy(address.sun_path, path.data(), path.size());
   UniqueFd socket(
       ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (mayBlock ? 0 : SOCK_NONBLOCK), 0));
+  if (socket && mayBlock) {
+    // Also the time that connecting may take.
+    const timeval time{limit.count() / 1000, limit.count() % 1000 * 1000};
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+  }
   if (!socket ||
       ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int reason = errno;
     std::string message = std::string("cannot connect to the host: ") + strerror(reason);
     if (reason == ENOENT || reason == ECONNREFUSED) {
       message += " (is it running with this socket?)";
+    } else if (reason == EAGAIN) {
+      message = "the host takes no connections; its queue is full";
     }
     return Error{ErrorKind::kLinkLost, message};
   }
@@ -39,18 +49,30 @@ Connection::Connection(UniqueFd socket, ConnectionOptions options)
       mLink(std::make_unique<Link>(std::move(socket), std::move(options.link))) {}
 
 Result<std::unique_ptr<Connection>> Connection::open(ConnectionOptions options) {
-  Result<UniqueFd> socket = connectUnix(options.socketPath);
-  if (!socket) return std::move(socket.error());
-  const auto limit = options.link.idleTimeout;
-  std::unique_ptr<Connection> connection(new Connection(std::move(*socket), std::move(options)));
-  Status announced = connection->finish(limit);
-  if (!announced) return std::move(announced.error());
-  return connection;
+  const auto patience = std::chrono::steady_clock::now() + kBusyHostPatience;
+  for (;;) {
+    auto connection = start(options, true);
+    if (!connection) return connection;
+    const Status announced = (*connection)->finish(options.link.idleTimeout);
+    if (announced) return connection;
+    const bool turnedAway = (*connection)->link().turnedAway();
+    if (!turnedAway || std::chrono::steady_clock::now() > patience) return announced.error();
+    connection->reset();
+    std::this_thread::sleep_for(kBusyHostPause);
+  }
 }
 
 Result<std::unique_ptr<Connection>> Connection::start(ConnectionOptions options) {
-  Result<UniqueFd> socket = connectUnix(options.socketPath, false);
+  return start(std::move(options), false);
+}
+
+Result<std::unique_ptr<Connection>> Connection::start(ConnectionOptions options, bool mayBlock) {
+  Result<UniqueFd> socket = connectUnix(
+      options.socketPath, mayBlock ? options.link.idleTimeout : std::chrono::milliseconds(0));
   if (!socket) return std::move(socket.error());
+  const Result<uid_t> user = checkHostUser(socket->get(), options.allowedHostUser);
+  if (!user) return user.error();
+  options.link.whyTurnedAway = whyTurnedAway(*user);
   return std::unique_ptr<Connection>(new Connection(std::move(*socket), std::move(options)));
 }
 

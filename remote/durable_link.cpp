@@ -20,9 +20,6 @@ std::uint64_t sizeOf(const Request& request) {
   return std::uint64_t{request.payload.size()} + (request.data ? request.data->size() : 0);
 }
 
-constexpr std::chrono::seconds kBusyHostPatience{2};
-constexpr std::chrono::milliseconds kBusyHostPause{100};
-
 DurableLinkOptions bounded(DurableLinkOptions options) {
   using std::chrono::milliseconds;
   options.timeout =

@@ -73,13 +73,19 @@ void DurableLink::startAttempt(Lock& lock) {
   mProbe.reset();
   lock.unlock();
   std::unique_ptr<Connection> started;
+  std::string refusal;
   try {
     Result<std::unique_ptr<Connection>> connection = Connection::start(connectionOptions());
-    if (connection) started = std::move(*connection);
+    if (connection) {
+      started = std::move(*connection);
+    } else if (connection.error().kind == ErrorKind::kRefused) {
+      refusal = connection.error().message;
+    }
   } catch (const std::system_error&) {
     // Descriptors or threads are short: as good as no host.
   }
   lock.lock();
+  if (!refusal.empty()) return refuse(lock, refusal);
   if (!started) return pause();
   mConnection = std::move(started);
   mStage = Stage::kGreeting;

@@ -64,6 +64,11 @@ bool Link::wentSilent() const {
   return mSilent;
 }
 
+bool Link::turnedAway() const {
+  const std::lock_guard lock(mMutex);
+  return mTurnedAway;
+}
+
 void Link::submit(Request request, Completion done) {
   const std::lock_guard lock(mMutex);
   if (refuse(done)) return;

@@ -33,6 +33,8 @@ struct LinkOptions {
   /// The link counts as broken when requests wait and nothing at all has
   /// arrived for this long.
   std::chrono::milliseconds idleTimeout{60000};
+  /// Said when the host closes the connection before it announces a disk.
+  std::string whyTurnedAway = "it serves as many clients as it may";
   /// Called once, on the link's thread, when the disk has been announced.
   std::function<void()> onAnnounced{};
   /// Called once, on the link's thread, after everything in flight has failed.
@@ -64,6 +66,9 @@ class Link final : public Transport {
   /// Whether the link broke because nothing arrived for the idle timeout. To be
   /// asked from `onBroken` on.
   bool wentSilent() const;
+
+  /// Whether the host closed the connection before it announced a disk.
+  bool turnedAway() const;
 
   void submit(Request request, Completion done) override;
   void submitFenced(Request request, Completion done, Request fence) override;
@@ -120,6 +125,7 @@ class Link final : public Transport {
   std::optional<Error> mBroken;
   bool mSmallFiles = false;
   bool mSilent = false;
+  bool mTurnedAway = false;
   bool mStop = false;
   bool mSendFailed = false;
   bool mWriting = false;  ///< the link's thread waits until more can be written

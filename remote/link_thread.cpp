@@ -74,14 +74,13 @@ void Link::receive() {
     return breakLink(lost(std::string("the connection broke: ") + strerror(errno)));
   }
   if (got <= 0) {
-    bool announced = false;
+    std::string reason = "the host closed the connection";
     {
       const std::lock_guard lock(mMutex);
-      announced = mAnnouncement.has_value();
+      mTurnedAway = !mAnnouncement;
+      if (mTurnedAway) reason += " before it announced a disk: " + mOptions.whyTurnedAway;
     }
-    return breakLink(lost(announced ? "the host closed the connection"
-                                    : "the host closed the connection before it announced a disk; "
-                                      "it serves one remote side at a time"));
+    return breakLink(lost(reason));
   }
   {
     const std::lock_guard lock(mMutex);

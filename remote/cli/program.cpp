@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "command.h"
+#include "host_user.h"
 
 namespace zor::remote::cli {
 namespace {
@@ -73,6 +74,10 @@ int runProgram(int argc, char** argv) {
                  "announce this bandwidth, so that the host paces reads")
       ->type_name("KBIT")
       ->check(CLI::Range(1U, 0xffffffffU));
+  std::string hostUser;
+  app.add_option("--allow-host-user", hostUser,
+                 "use a host that this user runs; otherwise only your own and root's are used")
+      ->type_name("NAME");
   app.add_option("--timeout", timeout, "give up when the host is silent for this long")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, 1e6))
@@ -90,6 +95,13 @@ int runProgram(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kUsage;
+  }
+  if (!hostUser.empty()) {
+    options.allowedHostUser = userNumber(hostUser);
+    if (!options.allowedHostUser) {
+      Console().message("--allow-host-user: there is no user '" + hostUser + "'");
+      return kUsage;
+    }
   }
   options.link.idleTimeout = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
   const int result = run(options, command);

@@ -8,6 +8,7 @@
 #include <limits>
 #include <string_view>
 
+#include "host_user.h"
 #include "mount/messages.h"
 
 namespace zor::remote::mount {
@@ -27,6 +28,7 @@ enum Key {
   kAttributeTimeout,
   kTimeout,
   kBandwidth,
+  kAllowHostUser,
   kStatistics,
   kNoSync,
   kAllowOther,
@@ -37,7 +39,7 @@ constexpr fuse_opt option(const char* name, int key) {
   return {name, kNoOffset, key};
 }
 
-constexpr std::array<fuse_opt, 13> kOptions{{
+constexpr std::array<fuse_opt, 15> kOptions{{
     option("max_read=", kMaxRead),
     option("uid=", kUid),
     option("gid=", kGid),
@@ -47,6 +49,8 @@ constexpr std::array<fuse_opt, 13> kOptions{{
     option("attr_timeout=", kAttributeTimeout),
     option("timeout=", kTimeout),
     option("bandwidth=", kBandwidth),
+    option("allow_host_user=", kAllowHostUser),
+    option("--allow-host-user=", kAllowHostUser),
     option("stats", kStatistics),
     option("--stats", kStatistics),
     option("allow_other", kAllowOther),
@@ -109,6 +113,9 @@ const char* apply(MountOptions& options, int key, std::string_view value) {
       options.bandwidthKbit = number<std::uint32_t>(value, 10).value_or(0);
       if (options.bandwidthKbit != 0) return nullptr;
       return "give kilobits per second from 1 to 4294967295, as in bandwidth=8000";
+    case kAllowHostUser:
+      options.allowedHostUser = userNumber(std::string(value));
+      return options.allowedHostUser ? nullptr : "there is no such user";
     case kMaxRead:
       options.maxRead = number<unsigned>(value, 10).value_or(0);
       return options.maxRead != 0 ? nullptr : "give a number of bytes, as in max_read=131072";
@@ -145,7 +152,7 @@ int takeArgument(void* data, const char* argument, int key, fuse_args*) {
       equals == std::string_view::npos ? std::string_view() : text.substr(equals + 1);
   const char* wrong = apply(parsing.options, key, value);
   if (wrong != nullptr && parsing.error.empty()) {
-    parsing.error = "-o " + std::string(text) + ": " + wrong;
+    parsing.error = (text.starts_with('-') ? "" : "-o ") + std::string(text) + ": " + wrong;
   }
   return key == kMaxRead ? kKeep : kDiscard;  // the kernel is told, too
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,8 @@ struct MountOptions {
   bool syncOnClose = true;
   std::chrono::milliseconds attributeTimeout{1000};
   std::chrono::milliseconds timeout{30000};
-  std::uint32_t bandwidthKbit = 0;  ///< 0: not announced
+  std::uint32_t bandwidthKbit = 0;         ///< 0: not announced
+  std::optional<uid_t> allowedHostUser{};  ///< besides the own user and root
   Presentation presentation;
 
   bool singleThread = false;

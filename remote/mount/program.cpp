@@ -1,6 +1,5 @@
 #include "mount/program.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,14 +26,6 @@ namespace {
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
-
-// A closed descriptor below 3 would be given to a socket, and what is printed
-// would then end up in the packet stream.
-void keepStandardDescriptors() {
-  for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
-    if (::fcntl(fd, F_GETFD) == -1 && ::open("/dev/null", O_RDWR) < 0) ::_exit(kFailure);
-  }
-}
 
 std::string reason(int error) { return std::generic_category().message(error); }
 
@@ -107,6 +98,7 @@ int serve(MountOptions& options, Background& background) {
   DurableLinkOptions linkOptions;
   linkOptions.connection.socketPath = options.socketPath;
   linkOptions.connection.bandwidthKbit = options.bandwidthKbit;
+  linkOptions.connection.allowedHostUser = options.allowedHostUser;
   linkOptions.timeout = options.timeout;
   linkOptions.report = [](const std::string& sentence) { report(sentence); };
   auto opened = DurableLink::open(std::move(linkOptions));
@@ -146,7 +138,6 @@ int serve(MountOptions& options, Background& background) {
 }  // namespace
 
 int runProgram(int argc, char** argv) {
-  keepStandardDescriptors();
   auto options = parseOptions(argc, argv);
   if (!options) {
     report(options.error());

@@ -25,10 +25,11 @@ std::string forSession(const fuse_args& arguments) {
 TEST(MountOptions, BothFormsMeanTheSame) {
   const std::vector<Words> forms = {
       {"udisk-mount", "-o", "uid=1000,gid=5,umask=027,ro,allow_other", "/run/a,b", "-o",
-       "quiet,timeout=2.5,attr_timeout=0.25,bandwidth=8000,stats", "/mnt"},
+       "quiet,timeout=2.5,attr_timeout=0.25,bandwidth=8000,allow_host_user=root,stats", "/mnt"},
       {"/sbin/mount.udisk", "/run/a,b", "/mnt", "-sn", "-v", "-t", "udisk", "-o",
        "rw,noauto,user,_netdev,x-systemd.automount,comment=a b,nofail,uid=1000,gid=5,umask=027,ro,"
-       "allow_other,quiet,timeout=2.5,attr_timeout=0.25,bandwidth=8000,stats,defaults"},
+       "allow_other,quiet,timeout=2.5,attr_timeout=0.25,bandwidth=8000,allow_host_user=root,stats,"
+       "defaults"},
   };
   for (const Words& form : forms) {
     auto options = parse(form);
@@ -37,6 +38,7 @@ TEST(MountOptions, BothFormsMeanTheSame) {
     const Presentation& shown = options->presentation;
     EXPECT_TRUE(shown.uid == 1000U && shown.gid == 5U && shown.umask == 027U);
     EXPECT_TRUE(options->quiet && options->statistics && options->bandwidthKbit == 8000U);
+    EXPECT_EQ(options->allowedHostUser, 0U);
     EXPECT_EQ(options->timeout + options->attributeTimeout, std::chrono::milliseconds(2750));
     EXPECT_THAT(forSession(*options->fuseArguments.get()),
                 AllOf(HasSubstr("fsname=/run/a\\,b"), HasSubstr("allow_other"),
@@ -57,6 +59,7 @@ TEST(MountOptions, WrongOnesAreNamed) {
       {{"u", "s", "m", "-o", "attr_timeout=nan"}, "attr_timeout=nan"},
       {{"u", "s", "m", "-o", "bandwidth=1e3"}, "bandwidth=1e3"},
       {{"u", "s", "m", "-o", "uidd=3"}, "uidd=3"},
+      {{"u", "s", "m", "--allow-host-user=no-such"}, "--allow-host-user=no-such: there is no"},
       {{"mount.udisk", "s", "m", "-fo", "noauto,uidd=3"}, "uidd=3"},
       {{"mount.udisk", "s", "m", "-N", "/proc/1/ns/mnt"}, "nsenter"},
   };

@@ -93,7 +93,7 @@ TEST_F(DurableLinkTest, WaitsNoLongerThanItMayAndRecovers) {
       [this](Outcome&) { killHost(); },
       [this](Outcome&) { mHost.reset(); },  // nobody announces
       [this](Outcome&) {                    // nor accepts
-        while (connectUnix(mPath, false).ok()) mHost.reset();
+        while (connectUnix(mPath, 0ms).ok()) mHost.reset();
       },
       [](Outcome&) {},            // silence
       [this](Outcome& outcome) {  // the request ends each host
