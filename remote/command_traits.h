@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <string_view>
 
 #include "protocol/commands.h"
@@ -15,14 +16,18 @@ struct CommandTraits {
   /// same state and a usable answer. Holds for a request alone and for requests
   /// that are all sent again in their order.
   bool repeatable;
+  /// The longest answer that is taken. Hosts keep far below all of these.
+  std::uint32_t longestAnswer = std::uint32_t{256} << 10;
 };
+
+inline constexpr std::uint32_t kLongestListing = std::uint32_t{192} << 20;
 
 inline constexpr std::array kCommandTraits{
     CommandTraits{wire::Command::kGetFileAttr, "attributes", true},
     CommandTraits{wire::Command::kFileCreate, "create", true},
-    CommandTraits{wire::Command::kFileRead, "read", true},
+    CommandTraits{wire::Command::kFileRead, "read", true, std::uint32_t{33} << 20},
     CommandTraits{wire::Command::kFileWrite, "write", true},
-    CommandTraits{wire::Command::kDirRead, "list", true},
+    CommandTraits{wire::Command::kDirRead, "list", true, kLongestListing},
     CommandTraits{wire::Command::kGetXattr, "extended attribute", true},
     CommandTraits{wire::Command::kFileTruncate, "truncate", true},
     CommandTraits{wire::Command::kFileFsync, "sync", true},
@@ -36,15 +41,17 @@ inline constexpr std::array kCommandTraits{
     CommandTraits{wire::Command::kSetRename, "rename", false},
     CommandTraits{wire::Command::kFileFlush, "flush", true},
     CommandTraits{wire::Command::kFileRelease, "release", true},
-    CommandTraits{wire::Command::kCheckDir, "check directory", true},
-    CommandTraits{wire::Command::kSmallFileRead, "read small files", true},
+    CommandTraits{wire::Command::kCheckDir, "check directory", true, kLongestListing},
+    CommandTraits{wire::Command::kSmallFileRead, "read small files", true, std::uint32_t{65} << 20},
 };
 
-constexpr bool isRepeatable(wire::Command command) noexcept {
+constexpr CommandTraits traitsOf(wire::Command command) noexcept {
   for (const CommandTraits& traits : kCommandTraits) {
-    if (traits.command == command) return traits.repeatable;
+    if (traits.command == command) return traits;
   }
-  return false;
+  return {command, "unknown", false};
 }
+
+constexpr bool isRepeatable(wire::Command command) noexcept { return traitsOf(command).repeatable; }
 
 }  // namespace zor::remote

@@ -32,7 +32,7 @@ Link::Link(UniqueFd socket, LinkOptions options)
     : mOptions(std::move(options)),
       mWakeup(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mSocket(std::move(socket)),
-      mLastArrival(Clock::now()) {
+      mLastAnswer(Clock::now()) {
   if (!mWakeup) throw std::system_error(errno, std::generic_category(), "eventfd");
   mThread = std::thread([this] { run(); });
 }
@@ -118,10 +118,17 @@ std::uint32_t Link::enqueue(Request request) {
 }
 
 void Link::enqueuePending(Request request, Completion done) {
-  if (mPending.empty()) mLastArrival = Clock::now();
+  if (mPending.empty()) mLastAnswer = Clock::now();
   const wire::Command command = request.command;
   const std::uint32_t id = enqueue(std::move(request));
   mPending.push_back({id, command, std::move(done)});
+}
+
+/// The request that a packet answers, or the end.
+std::deque<Link::Pending>::iterator Link::requestOf(const PacketHeader& header) {
+  if (mAnnouncement && header.devId != mAnnouncement->devId) return mPending.end();
+  return std::find_if(mPending.begin(), mPending.end(),
+                      [&](const Pending& pending) { return pending.id == header.requestId; });
 }
 
 bool Link::refuse(Completion& done) {

@@ -30,8 +30,8 @@ struct Announcement {
 struct LinkOptions {
   /// The drive that is reported to the host in answer to its announcement.
   std::string driveName = "U:";
-  /// The link counts as broken when requests wait and nothing at all has
-  /// arrived for this long.
+  /// The link counts as broken when requests wait and nothing of an answer to one of them
+  /// has arrived for this long; of a long answer, a sixteenth or 64 KiB counts.
   std::chrono::milliseconds idleTimeout{60000};
   /// Said when the host closes the connection before it announces a disk.
   std::string whyTurnedAway = "it serves as many clients as it may";
@@ -100,6 +100,7 @@ class Link final : public Transport {
   // link.cpp, with mMutex held.
   std::uint32_t enqueue(Request request);
   void enqueuePending(Request request, Completion done);
+  std::deque<Pending>::iterator requestOf(const PacketHeader& header);
   bool refuse(Completion& done);
   void flush();
   void wake();
@@ -108,6 +109,7 @@ class Link final : public Transport {
   void run();
   bool waitForEvents();
   void receive();
+  void judgePartial();
   void dispatch(const PacketHeader& header, Buffer payload);
   void greet(const PacketHeader& header, const Buffer& payload);
   void complete(const PacketHeader& header, Buffer payload);
@@ -116,7 +118,10 @@ class Link final : public Transport {
 
   const LinkOptions mOptions;
   UniqueFd mWakeup;
-  PacketReader mReader;  ///< the link's thread only
+  // The link's thread only.
+  PacketReader mReader;
+  std::optional<std::size_t> mCounted;  ///< bytes of the partial answer that have renewed the limit
+  bool mTooLong = false;                ///< the partial packet is an answer that is not kept
 
   mutable std::mutex mMutex;
   std::condition_variable mAnnounced;
@@ -134,7 +139,7 @@ class Link final : public Transport {
   std::deque<Outgoing> mOutgoing;
   std::size_t mSent = 0;  ///< bytes of mOutgoing.front() that are on their way
   std::vector<std::function<void()>> mTasks;
-  Clock::time_point mLastArrival;  ///< or when a request began to wait, if that is later
+  Clock::time_point mLastAnswer;  ///< or when a request began to wait, if that is later
 
   std::thread mThread;  ///< the last member: it uses all the others
 };

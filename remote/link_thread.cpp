@@ -7,10 +7,19 @@
 #include <cstring>
 #include <utility>
 
+#include "command_traits.h"
 #include "link.h"
 #include "protocol/records.h"
 
 namespace zor::remote {
+
+namespace {
+
+/// An announcement's packet is shorter.
+constexpr std::uint32_t kLongestNotice = std::uint32_t{128} << 10;
+constexpr std::size_t kLongestStep = std::size_t{64} << 10;
+
+}  // namespace
 
 void Link::run() {
   for (;;) {
@@ -36,7 +45,7 @@ bool Link::waitForEvents() {
       events[0].events = static_cast<short>(mOutgoing.empty() ? POLLIN : POLLIN | POLLOUT);
       if (!mPending.empty()) {
         timeout =
-            std::chrono::ceil<std::chrono::milliseconds>(mLastArrival + timeout - Clock::now());
+            std::chrono::ceil<std::chrono::milliseconds>(mLastAnswer + timeout - Clock::now());
       }
     }
   }
@@ -82,17 +91,36 @@ void Link::receive() {
     }
     return breakLink(lost(reason));
   }
-  {
-    const std::lock_guard lock(mMutex);
-    mLastArrival = Clock::now();
-  }
   Status status = mReader.consume(
       static_cast<std::size_t>(got),
       [this](const PacketHeader& header, Buffer payload) { dispatch(header, std::move(payload)); });
-  if (!status) breakLink(lost(status.error().message));
+  if (!status) return breakLink(lost(status.error().message));
+  judgePartial();
+}
+
+/// Bounds what a packet that is still arriving may take: memory by what was asked, and time by
+/// how much of an answer comes.
+void Link::judgePartial() {
+  const PacketHeader* header = mReader.partial();
+  if (header == nullptr) return;
+  const std::lock_guard lock(mMutex);
+  const auto request = requestOf(*header);
+  const bool expected = request != mPending.end();
+  const std::uint32_t longest =
+      expected ? traitsOf(request->command).longestAnswer : kLongestNotice;
+  if (header->length > longest) {
+    mTooLong = expected;
+    mReader.drop();
+  }
+  if (!expected) return;
+  const std::size_t step = std::clamp<std::size_t>(header->length / 16, 1, kLongestStep);
+  if (mCounted && mReader.arrived() - *mCounted < step) return;
+  mCounted = mReader.arrived();
+  mLastAnswer = Clock::now();
 }
 
 void Link::dispatch(const PacketHeader& header, Buffer payload) {
+  mCounted.reset();
   if (header.cmd == wire::code(wire::Command::kSmallFileNotice) &&
       header.requestId == wire::kSmallFileNoticeRequestId) {
     const std::lock_guard lock(mMutex);
@@ -137,10 +165,9 @@ void Link::complete(const PacketHeader& header, Buffer payload) {
   std::vector<Completion> passedOver;
   {
     const std::lock_guard lock(mMutex);
-    const auto at = std::find_if(mPending.begin(), mPending.end(), [&](const Pending& pending) {
-      return pending.id == header.requestId;
-    });
-    if (at == mPending.end() || header.devId != mAnnouncement->devId) return;
+    const auto at = requestOf(header);
+    if (at == mPending.end()) return;
+    mLastAnswer = Clock::now();
     // Requests are served in order, so there will be no answer to these.
     for (auto silent = mPending.begin(); silent != at; ++silent) {
       if (silent->done) passedOver.push_back(std::move(silent->done));
@@ -151,8 +178,13 @@ void Link::complete(const PacketHeader& header, Buffer payload) {
   for (const Completion& done : passedOver) {
     done(Error{ErrorKind::kUnanswered, "the host passed over the request"});
   }
+  const bool tooLong = std::exchange(mTooLong, false);
   if (!request.done) return;
-  if (header.cmd == wire::code(request.command)) {
+  if (tooLong) {
+    request.done(Error{
+        ErrorKind::kBadReply,
+        "the host's answer of " + std::to_string(header.length) + " bytes is too long to be kept"});
+  } else if (header.cmd == wire::code(request.command)) {
     request.done(std::move(payload));
   } else {
     request.done(Error{ErrorKind::kBadReply, "the host answered another command"});

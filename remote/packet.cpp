@@ -24,6 +24,11 @@ PacketHeader toHostOrder(PacketHeader header) {
 
 std::span<const iovec> PacketReader::room() {
   std::size_t used = 0;
+  if (mDropping) {
+    // All that had arrived belongs to the packet, so this space is free.
+    mRoom[used++] = {mInput.data(), std::min(mInput.size(), mWanted - mHave)};
+    return {mRoom.data(), used};
+  }
   if (mInPayload) {
     if (mHave == mPayload.size()) {
       mPayload.resize(std::min(mWanted, std::max(kFirstRoom, mHave * 2)));
@@ -40,7 +45,7 @@ std::span<const iovec> PacketReader::room() {
 
 Status PacketReader::consume(std::size_t count, const Sink& sink) {
   if (mInPayload) {
-    const std::size_t taken = std::min(count, mPayload.size() - mHave);
+    const std::size_t taken = std::min(count, (mDropping ? mWanted : mPayload.size()) - mHave);
     mHave += taken;
     count -= taken;
     if (mHave < mWanted) return Unit{};
@@ -75,8 +80,13 @@ Status PacketReader::parse(const Sink& sink) {
   return Unit{};
 }
 
+void PacketReader::drop() noexcept {
+  mDropping = true;
+  mPayload = Buffer();
+}
+
 void PacketReader::finish(const Sink& sink) {
-  mInPayload = false;
+  mInPayload = mDropping = false;
   sink(mHeader, std::exchange(mPayload, Buffer()));
 }
 

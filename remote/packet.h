@@ -48,12 +48,23 @@ class PacketReader {
   /// packets and must not be read further.
   Status consume(std::size_t count, const Sink& sink);
 
+  /// The header of the packet of which only a part has arrived; null between packets.
+  const PacketHeader* partial() const noexcept { return mInPayload ? &mHeader : nullptr; }
+
+  /// How many bytes of its payload have arrived.
+  std::size_t arrived() const noexcept { return mHave; }
+
+  /// Keeps nothing of that packet's payload, neither what has arrived nor the rest; the
+  /// sink gets it empty. REQUIRES: partial().
+  void drop() noexcept;
+
  private:
   Status parse(const Sink& sink);
   void finish(const Sink& sink);
 
   PacketHeader mHeader{};  ///< of the packet whose payload is being read
   bool mInPayload = false;
+  bool mDropping = false;
   Buffer mPayload;              ///< sized to the room made so far
   std::size_t mHave = 0;        ///< payload bytes that have arrived
   std::size_t mWanted = 0;      ///< payload bytes in all

@@ -196,14 +196,56 @@ TEST_F(LinkTest, GivesUpWhenTheHostIsSilentAndOnlyThen) {
   Outcome outcome = submit(request());  // silence without a request did not count
   mLink->post([] {});                   // makes the link look at the clock
   const Packet sent = receive();
-  const std::string answer = reply(sent, std::string(6, 'x'));
-  for (const char byte : answer) {  // slower than the limit in all, but never silent that long
-    send(std::string(1, byte));
+  const std::string answer = reply(sent, std::string(30, 'x'));
+  send(answer.substr(0, 16));
+  for (const char byte : answer.substr(16)) {  // slower than the limit in all
     std::this_thread::sleep_for(20ms);
+    send(std::string(1, byte));
   }
-  EXPECT_EQ(settled(outcome), "xxxxxx");
+  EXPECT_EQ(settled(outcome), std::string(30, 'x'));
   Outcome silent = submit(request());
   EXPECT_EQ(settled(silent), "error: no answer from the host for 300 ms");
+}
+
+TEST_F(LinkTest, OnlyAnswersKeepItWaiting) {
+  const std::function<std::string(const Packet&, int)> kHosts[] = {
+      [](const Packet&, int) { return hex(kNotice); },
+      [](const Packet& sent, int) {
+        Packet stranger = sent;
+        stranger.id += 100;
+        return reply(stranger, "unknown");
+      },
+      [](const Packet&, int i) { return i < 16 ? hex(kNotice).substr(i, 1) : "x"; },
+      [](const Packet& sent, int i) {  // of a long answer, a byte at a time
+        return i == 0 ? reply(sent, std::string(200'000, 'x')).substr(0, 16) : "x";
+      },
+  };
+  for (const auto& host : kHosts) {
+    SetUp();
+    introduce({.idleTimeout = 300ms});
+    Outcome outcome = submit(request());
+    const Packet sent = receive();
+    for (int i = 0; i < 400 && outcome.wait_for(20ms) != std::future_status::ready; ++i) {
+      const std::string bytes = host(sent, i);
+      ::send(mHost.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    ASSERT_EQ(outcome.wait_for(0s), std::future_status::ready);
+    EXPECT_EQ(settled(outcome), "error: no answer from the host for 300 ms");
+  }
+}
+
+TEST_F(LinkTest, KeepsNoAnswerThatIsTooLong) {
+  introduce();
+  Outcome outcome = submit(request());
+  const Packet sent = receive();
+  Packet stranger = sent;
+  stranger.id += 100;
+  send(reply(stranger, std::string(2 << 20, 's')) + reply(sent, std::string(1 << 20, 'x')) +
+       reply(stranger, ""));
+  EXPECT_EQ(settled(outcome), "error: the host's answer of 1048592 bytes is too long to be kept");
+  Outcome next = submit(request());
+  send(reply(receive(), "next"));
+  EXPECT_EQ(settled(next), "next");
 }
 
 TEST_F(LinkTest, TellsUnansweredRequestsByTheFenceBehindThem) {
