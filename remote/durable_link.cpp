@@ -49,6 +49,12 @@ DurableLink::~DurableLink() {
   mThread.join();
 }
 
+void DurableLink::giveUp() {
+  const std::lock_guard lock(mMutex);
+  mGivenUp = true;
+  mWork.notify_one();
+}
+
 Status DurableLink::connectFirst() {
   const Clock::time_point patience = Clock::now() + kBusyHostPatience;
   for (;;) {

@@ -65,6 +65,10 @@ class DurableLink final : public Transport {
 
   Statistics& statistics() noexcept { return mStatistics; }
 
+  /// Fails everything in flight and all that comes later, without waiting for the host, and
+  /// connects no more. From any thread; does not wait for the completions.
+  void giveUp();
+
   void submit(Request request, Completion done) override;
   void submitFenced(Request request, Completion done, Request fence) override;
   void post(std::function<void()> task) override;
@@ -112,6 +116,7 @@ class DurableLink final : public Transport {
   void giveUpAttempt(Lock& lock);
   void pause();
   void expire();
+  void end(Lock& lock);
   void dropConnection(Lock& lock);
   void runTasks(Lock& lock);
   void report(Lock& lock, const std::string& clause);
@@ -125,6 +130,7 @@ class DurableLink final : public Transport {
   std::mutex mMutex;  ///< taken before the link's own
   std::condition_variable mWork;
   bool mStop = false;
+  bool mGivenUp = false;
   bool mExpired = false;  ///< requests fail at once
   bool mProgress = true;  ///< a lost connection starts a new time limit
   bool mBroken = false;   ///< mConnection is
@@ -144,6 +150,7 @@ class DurableLink final : public Transport {
   std::chrono::milliseconds mPause{};
   std::optional<Result<std::uint64_t>> mProbe;  ///< the root's inode; with mMutex held
   std::unique_ptr<Connection> mConnection;
+  bool mEnded = false;  ///< there will be no connection any more
 
   std::thread mThread;  ///< the last member: it uses all the others
 };

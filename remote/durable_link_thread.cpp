@@ -19,7 +19,9 @@ constexpr std::chrono::milliseconds kLongestPause{1000};
 void DurableLink::run() {
   Lock lock(mMutex);
   while (!mStop) {
-    if (mLink != nullptr) {
+    if (mGivenUp && !mEnded) {
+      end(lock);
+    } else if (mLink != nullptr || (mEnded && mTasks.empty())) {
       mWork.wait(lock);
     } else if (mStage == Stage::kServing) {
       recover(lock);
@@ -31,11 +33,17 @@ void DurableLink::run() {
       advance(lock);
     }
   }
+  end(lock);
+  while (!mTasks.empty()) runTasks(lock);
+}
+
+void DurableLink::end(Lock& lock) {
+  mEnded = true;
   mLink = nullptr;
+  mStage = Stage::kPausing;
   dropConnection(lock);
   mReason = "the connection was closed on this side";
   expire();
-  while (!mTasks.empty()) runTasks(lock);
 }
 
 void DurableLink::recover(Lock& lock) {

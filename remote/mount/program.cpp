@@ -14,6 +14,7 @@
 #include "drive/drive.h"
 #include "durable_link.h"
 #include "mount/background.h"
+#include "mount/end_limit.h"
 #include "mount/messages.h"
 #include "mount/operations.h"
 #include "mount/options.h"
@@ -61,26 +62,34 @@ void printStatistics(DurableLink& link, Drive& drive) {
 /// Takes signals to a session for as long as it exists.
 class SignalsToSession {
  public:
-  SignalsToSession(Signals& signals, Session& session, const std::function<void()>& print)
-      : mSignals(signals), mSession(session), mPrint(print) {
-    signals.handle([&session] { session.end(); }, print);
+  SignalsToSession(Signals& signals, Session& session, EndLimit& limit,
+                   const std::function<void()>& print)
+      : mSignals(signals), mSession(session), mLimit(limit), mPrint(print) {
+    signals.handle(
+        [&session, &limit] {
+          limit.start();
+          session.end();
+        },
+        print);
   }
-  ~SignalsToSession() { stop({}); }
+  ~SignalsToSession() {
+    mSession.giveUp();
+    mSignals.handle([] {}, {});
+  }
 
   SignalsToSession(const SignalsToSession&) = delete;
   SignalsToSession& operator=(const SignalsToSession&) = delete;
 
-  /// Once nothing is served any more, only statistics can be asked for.
-  void served() { stop(mPrint); }
-
- private:
-  void stop(const std::function<void()>& print) {
+  /// Once nothing is served any more, only the rest can be hurried up.
+  void served() {
     mSession.giveUp();
-    mSignals.handle([] {}, print);
+    mSignals.handle([&limit = mLimit] { limit.start(); }, mPrint);
   }
 
+ private:
   Signals& mSignals;
   Session& mSession;
+  EndLimit& mLimit;
   const std::function<void()> mPrint;
 };
 
@@ -121,7 +130,8 @@ int serve(MountOptions& options, Background& background) {
   if (!created) return fail(background, created.error());
   Session& session = **created;
   context.serves(session.handle());
-  SignalsToSession handling(signals, session, [&] { printStatistics(link, drive); });
+  EndLimit limit(link);
+  SignalsToSession handling(signals, session, limit, [&] { printStatistics(link, drive); });
   const std::string wrong = session.mount();
   if (!wrong.empty()) return fail(background, options.mountPoint + ": " + wrong);
   if (!background.ready()) return fail(background, "cannot go to the background");

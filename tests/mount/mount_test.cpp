@@ -375,6 +375,24 @@ TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingTellsWhatIsLost) {
   EXPECT_EQ(device(mDrive), device(mDisk.root()));
 }
 
+TEST_F(MountTest, EndsWhateverTheHostDoes) {
+  writeFile(mDisk / "f", "text");
+  mount({"-o", "timeout=90,attr_timeout=0"});
+  const int fd = ::open((mDrive / "f").c_str(), O_RDWR | O_CLOEXEC);
+  mDisk.signal(SIGSTOP);
+  EXPECT_EQ(::pwrite(fd, "TEXT", 4, 0), 4);
+  const pid_t waiting = spawn({"stat", mDrive / "other"}, "/dev/null", "/dev/null");
+  std::this_thread::sleep_for(200ms);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(unmount(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 45s);
+  EXPECT_EQ(waitFor(waiting), 1);
+  ::close(fd);
+  EXPECT_THAT(readFile(mLog), HasSubstr("/f"));
+  EXPECT_EQ(device(mDrive), device(mDisk.root()));
+  mDisk.signal(SIGCONT);
+}
+
 TEST_F(MountTest, GoesToTheBackgroundOnceItIsMountedAndSaysWhyNot) {
   const std::string drive = mDrive;
   EXPECT_EQ(run(std::string(MOUNT_PROGRAM) + " " + mSocket + " " + drive +
