@@ -24,7 +24,11 @@ void wake(int fd) {
 
 extern "C" void onSignal(int number) {
   const int saved = errno;
-  signalSeen = number;
+  if (signalSeen.exchange(number) != 0) {
+    // Whoever asks twice does not want to wait for the cleaning up.
+    ::signal(number, SIG_DFL);
+    ::raise(number);
+  }
   wake(signalWakeup);
   errno = saved;
 }
@@ -33,6 +37,7 @@ extern "C" void onSignal(int number) {
 
 EventLoop::EventLoop() : mWakeup(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!mWakeup) throw std::system_error(errno, std::generic_category(), "eventfd");
+  signalSeen = 0;
 }
 
 void EventLoop::post(std::function<void()> task) {
@@ -44,23 +49,40 @@ void EventLoop::post(std::function<void()> task) {
 bool EventLoop::runOne(int timeoutMs) {
   for (;;) {
     if (signalSeen != 0) return false;
-    std::function<void()> task;
-    {
-      const std::lock_guard lock(mMutex);
-      if (!mTasks.empty()) {
-        task = std::move(mTasks.front());
-        mTasks.pop_front();
-      }
-    }
-    if (task) {
-      task();
-      return true;
-    }
-    pollfd event{mWakeup.get(), POLLIN, 0};
-    if (::poll(&event, 1, timeoutMs) == 0) return true;
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t got = ::read(mWakeup.get(), &count, sizeof count);
+    if (runTask()) return true;
+    if (!wait(timeoutMs)) return true;
   }
+}
+
+void EventLoop::cleanUp(std::chrono::milliseconds limit, const std::function<bool()>& done) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (runTask()) continue;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return;
+    wait(static_cast<int>(left.count()));
+  }
+}
+
+bool EventLoop::runTask() {
+  std::function<void()> task;
+  {
+    const std::lock_guard lock(mMutex);
+    if (mTasks.empty()) return false;
+    task = std::move(mTasks.front());
+    mTasks.pop_front();
+  }
+  task();
+  return true;
+}
+
+bool EventLoop::wait(int timeoutMs) {
+  pollfd event{mWakeup.get(), POLLIN, 0};
+  if (::poll(&event, 1, timeoutMs) == 0) return false;
+  std::uint64_t count = 0;
+  [[maybe_unused]] const ssize_t got = ::read(mWakeup.get(), &count, sizeof count);
+  return true;
 }
 
 void EventLoop::catchSignals() {

@@ -1,6 +1,7 @@
 // Bringing completions back to the main thread.
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -12,8 +13,9 @@
 
 namespace zor::remote::cli {
 
-/// Runs tasks on the thread that calls `runOne`. SIGINT and SIGTERM are seen by
-/// `runOne` once `catchSignals` has been called. One loop per process.
+/// Runs tasks on the thread that calls `runOne`. SIGINT, SIGTERM and SIGHUP are seen by
+/// `runOne` once `catchSignals` has been called; a second one ends the process. One loop
+/// at a time.
 class EventLoop {
  public:
   EventLoop();
@@ -25,6 +27,9 @@ class EventLoop {
   /// when a signal has come; tasks are left alone from then on.
   bool runOne(int timeoutMs = -1);
 
+  /// Runs tasks until `done` holds, for at most `limit`, after a signal too.
+  void cleanUp(std::chrono::milliseconds limit, const std::function<bool()>& done);
+
   /// From now on these signals do not end the process.
   void catchSignals();
 
@@ -32,6 +37,9 @@ class EventLoop {
   int signal() const;
 
  private:
+  bool runTask();
+  bool wait(int timeoutMs);
+
   UniqueFd mWakeup;
   std::mutex mMutex;
   std::deque<std::function<void()>> mTasks;

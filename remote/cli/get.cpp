@@ -1,5 +1,4 @@
 // get
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
@@ -18,14 +17,6 @@ struct GetOptions {
   std::vector<std::string> sources;
   std::string destination;
 };
-
-/// Deep trees keep a descriptor open for each level.
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
-}
 
 bool localFailure(Context& context, const std::string& path, const Error& error) {
   context.console.message("cannot write to '" + path + "': " + error.message);

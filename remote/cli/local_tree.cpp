@@ -1,6 +1,8 @@
 #include "local_tree.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,6 +13,8 @@
 #include <cstring>
 #include <ctime>
 #include <utility>
+
+#include "listing.h"
 
 namespace zor::remote::cli {
 
@@ -32,6 +36,13 @@ std::array<timespec, 2> fileTimes(const udisk_stat& like) {
 
 }  // namespace
 
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
+}
+
 Error localError() { return {ErrorKind::kFailed, strerror(errno)}; }
 
 Result<std::shared_ptr<LocalDir>> LocalDir::open(const std::string& path) {
@@ -49,6 +60,27 @@ Result<std::shared_ptr<LocalDir>> LocalDir::make(std::shared_ptr<LocalDir> paren
   std::shared_ptr<LocalDir> dir(new LocalDir(std::move(fd), std::move(parent)));
   dir->mLike = like;
   return dir;
+}
+
+Result<std::shared_ptr<LocalDir>> LocalDir::enter(const LocalDir& parent, const std::string& name) {
+  UniqueFd fd(::openat(parent.fd(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return localError();
+  return std::shared_ptr<LocalDir>(new LocalDir(std::move(fd), nullptr));
+}
+
+Result<std::vector<std::string>> LocalDir::names() const {
+  UniqueFd own(::fcntl(fd(), F_DUPFD_CLOEXEC, 0));
+  const std::unique_ptr<DIR, int (*)(DIR*)> dir(own ? ::fdopendir(own.get()) : nullptr, ::closedir);
+  if (!dir) return localError();
+  own.release();
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = ::readdir(dir.get())) {
+    if (!isDotEntry(entry->d_name)) names.emplace_back(entry->d_name);
+  }
+  if (errno != 0) return localError();
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 LocalDir::~LocalDir() {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "protocol/disk_records.h"
 #include "result.h"
@@ -27,12 +28,19 @@ class LocalDir {
   /// the permission bits and the modification time of `like`.
   static Result<std::shared_ptr<LocalDir>> make(std::shared_ptr<LocalDir> parent,
                                                 const std::string& name, const udisk_stat& like);
+
+  /// `name` in `parent`, which exists, for reading.
+  static Result<std::shared_ptr<LocalDir>> enter(const LocalDir& parent, const std::string& name);
+
   ~LocalDir();
 
   LocalDir(const LocalDir&) = delete;
   LocalDir& operator=(const LocalDir&) = delete;
 
   int fd() const noexcept { return mFd.get(); }
+
+  /// What is in it except "." and "..", sorted. Once for each object.
+  Result<std::vector<std::string>> names() const;
 
   /// How many there are in the process.
   static unsigned count() noexcept { return sCount; }
@@ -78,6 +86,9 @@ class PartialFile {
   std::string mTemporary;  ///< empty when there is none
   UniqueFd mFd;
 };
+
+/// Deep trees keep a descriptor open for each level.
+void raiseDescriptorLimit();
 
 /// The current `errno` as an error.
 Error localError();

@@ -33,6 +33,7 @@ bool runPut(Context& context, const PutOptions& options) {
   if (!into && wantsDirectory && !options.recursive) {
     return report(context, "write to", destination, {ErrorKind::kRefused, "no such directory"});
   }
+  raiseDescriptorLimit();
   context.loop.catchSignals();
   Upload upload(context, options.recursive);
   for (const std::string& source : options.sources) {
@@ -50,8 +51,13 @@ void addPut(CLI::App& app, Command& chosen) {
   auto options = std::make_shared<PutOptions>();
   CLI::App* command = app.add_subcommand(
       "put",
-      "Copies files to the disk, over existing ones. Permission bits are kept as far as the disk "
-      "keeps them; modification times cannot be kept, because the host has no way to set them.");
+      "Copies files to the disk, over existing ones. A file is sent under a temporary name "
+      "beside its own (.udisk-remote.*.part) and renamed when it is complete, so that an "
+      "existing file stays as it is until then; the disk needs room for both. An existing file's "
+      "permission bits stay, its other hard links keep the old contents, and links, pipes and "
+      "directories are not replaced. A new file gets the permission bits of its source as far as "
+      "the disk keeps them. Modification times cannot be kept, because the host has no way to "
+      "set them.");
   command->add_flag("-r,--recursive", options->recursive, "copy directories, too");
   command
       ->add_option("SRC DEST", options->sources,

@@ -1,15 +1,16 @@
 #include "upload.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <random>
 #include <utility>
 
-#include "local_names.h"
-#include "local_tree.h"
 #include "text.h"
 #include "walked_directory.h"
 
@@ -19,30 +20,29 @@ namespace {
 
 constexpr std::size_t kUploadPiece = std::size_t{1} << 20;
 
-}  // namespace
+/// How long an interrupted run waits until its temporary files are removed.
+constexpr std::chrono::seconds kCleaningTime{3};
 
-Result<std::vector<std::string>> namesIn(const std::string& path) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), ::closedir);
-  if (!dir) return localError();
-  std::vector<std::string> names;
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    if (!isDotEntry(entry->d_name)) names.emplace_back(entry->d_name);
-  }
-  if (errno != 0) return localError();
-  std::sort(names.begin(), names.end());
-  return names;
+/// A path beside `path` that nobody else uses. It does not hold the name of `path`, so that
+/// it is never longer than a name may be.
+std::string temporaryBeside(const std::string& path) {
+  static std::random_device source;
+  std::array<char, 40> name;
+  std::snprintf(name.data(), name.size(), ".udisk-remote.%08x%08x.part", source(), source());
+  return joinPath(parentPath(path), name.data());
 }
+
+Error failure(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
+
+}  // namespace
 
 void Upload::add(const std::string& localPath, std::string remotePath) {
   struct stat status {};
   if (::stat(localPath.c_str(), &status) != 0) return fail("send", localPath, localError());
-  sort(localPath, std::move(remotePath), status, nullptr);
+  sort({localPath, std::move(remotePath), nullptr, status.st_mode & 0777U, nullptr}, status);
 }
 
-void Upload::sort(std::string localPath, std::string remotePath, const struct stat& status,
-                  std::shared_ptr<Directory> parent) {
-  Item item{std::move(localPath), std::move(remotePath), status.st_mode & 0777U, std::move(parent)};
+void Upload::sort(Item item, const struct stat& status) {
   const auto leaveOut = [&](const std::string& why) {
     ++mFailures;
     mContext.console.message("'" + item.localPath + "' is left out: " + why);
@@ -100,15 +100,21 @@ void Upload::makeDirectory() {
 void Upload::enter(const Item& item) {
   const auto directory =
       std::make_shared<Directory>(Mode{item.remotePath, item.mode}, mModes, item.parent);
-  const auto names = namesIn(item.localPath);
+  // What was a directory a moment ago may be a link by now.
+  const auto local = item.dir ? LocalDir::enter(*item.dir, std::string(baseName(item.localPath)))
+                              : LocalDir::open(item.localPath);
+  if (!local) return fail("read", item.localPath, local.error());
+  const auto names = (*local)->names();
   if (!names) return fail("read", item.localPath, names.error());
   for (const std::string& name : *names) {
-    std::string local = joinPath(item.localPath, name);
+    std::string path = joinPath(item.localPath, name);
     struct stat status {};
-    if (::lstat(local.c_str(), &status) != 0) {
-      fail("send", local, localError());
+    if (::fstatat((*local)->fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      fail("send", path, localError());
     } else {
-      sort(std::move(local), joinPath(item.remotePath, name), status, directory);
+      sort({std::move(path), joinPath(item.remotePath, name), *local, status.st_mode & 0777U,
+            directory},
+           status);
     }
   }
 }
@@ -129,31 +135,52 @@ void Upload::create() {
   transfer->item = std::move(mFiles.front());
   mFiles.pop_front();
   const Item& item = transfer->item;
-  // What was a file a moment ago may be a link or a pipe by now.
-  const int noFollow = item.parent ? O_NOFOLLOW : 0;
+  const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
   transfer->file =
-      UniqueFd(::open(item.localPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | noFollow));
+      UniqueFd(item.dir ? ::openat(item.dir->fd(), std::string(baseName(item.localPath)).c_str(),
+                                   flags | O_NOFOLLOW)
+                        : ::open(item.localPath.c_str(), flags));
   struct stat status {};
   if (!transfer->file || ::fstat(transfer->file.get(), &status) != 0) {
     return fail("send", item.localPath, localError());
   }
   if (!S_ISREG(status.st_mode)) {
-    return fail("send", item.localPath, {ErrorKind::kFailed, "it is not a file any more"});
+    return fail("send", item.localPath, failure("it is not a file any more"));
   }
+  transfer->item.dir.reset();
   transfer->size = status.st_size;
-  // Writing goes by name later on, so the owner must be allowed to.
-  mContext.disk.create(item.remotePath, item.mode | 0600U,
+  transfer->temporary = temporaryBeside(item.remotePath);
+  if (transfer->temporary.size() > kLongestPath) {
+    return fail("send to", item.remotePath, pathTooLong());
+  }
+  mOpen.push_back(transfer);
+  mWriting.push_back(transfer);
+  // Requests are served in order: what is sent behind these needs not wait for them.
+  transfer->inFlight += 2;
+  mContext.disk.attributes(
+      item.remotePath, entered<udisk_stat>(0, [this, transfer](const Result<udisk_stat>& found) {
+        if (found && S_ISREG(found->st_mode)) {
+          transfer->replaced = *found;
+        } else if (found && !transfer->error) {
+          transfer->error =
+              Error{ErrorKind::kRefused,
+                    "a " + std::string(typeName(found->st_mode)) + " is in its place on the disk"};
+        } else if (!found && found.error().kind != ErrorKind::kFailed && !transfer->error) {
+          transfer->error = found.error();
+        }
+        --transfer->inFlight;
+        advance(transfer);
+      }));
+  mContext.disk.create(transfer->temporary, 0600,
                        entered<Unit>(0, [this, transfer](const Status& created) {
-                         if (!created) {
-                           return fail("send", transfer->item.remotePath, created.error());
-                         }
-                         mOpen.push_back(transfer);
-                         mWriting.push_back(transfer);
+                         transfer->made = created || isFatal(created.error());
+                         if (!created && !transfer->error) transfer->error = created.error();
+                         --transfer->inFlight;
+                         advance(transfer);
                        }));
 }
 
-/// Sends the next piece of a file, or its mode behind the last one. False when
-/// nothing had to be sent.
+/// Sends the next piece of a file. False when nothing had to be sent.
 bool Upload::sendPiece(const TransferPtr& transfer) {
   // A byte more than there should be, to see the end.
   const std::int64_t left = std::max<std::int64_t>(transfer->size - transfer->offset, 0) + 1;
@@ -170,7 +197,7 @@ bool Upload::sendPiece(const TransferPtr& transfer) {
   }
   transfer->read = have < data.size();
   if (transfer->error) {
-    if (transfer->inFlight == 0) finish(transfer);
+    advance(transfer);
     return false;
   }
   data.resize(have);
@@ -182,43 +209,93 @@ bool Upload::sendPiece(const TransferPtr& transfer) {
   const bool hole = !transfer->read && transfer->offset < transfer->size &&
                     data.data()[0] == std::byte{0} &&
                     std::memcmp(data.data(), data.data() + 1, have - 1) == 0;
-  const auto answered = [this, transfer](const Status& status) {
-    --transfer->inFlight;
-    if (!status && !transfer->error) transfer->error = status.error();
-    if (transfer->inFlight == 0 && (transfer->read || transfer->error)) finish(transfer);
-  };
-  const std::string& path = transfer->item.remotePath;
   if (have > 0 && !hole) {
     ++transfer->inFlight;
-    mContext.disk.write(path, offset, std::move(data), entered<Unit>(have, answered));
-  }
-  if (transfer->read) {
-    // Requests are served in order: no need to wait for the writes.
-    ++transfer->inFlight;
-    mContext.disk.chmod(path, static_cast<std::uint16_t>(transfer->item.mode),
-                        entered<Unit>(0, [this, answered](const Status& set) {
-                          const bool ignored = !set && !isFatal(set.error());
-                          if (ignored) ++mUnsetModes;
-                          answered(ignored ? Status(Unit{}) : set);
+    mContext.disk.write(transfer->temporary, offset, std::move(data),
+                        entered<Unit>(have, [this, transfer](const Status& written) {
+                          if (!written && !transfer->error) transfer->error = written.error();
+                          --transfer->inFlight;
+                          advance(transfer);
                         }));
   }
-  return true;
+  advance(transfer);
+  return have > 0 && !hole;
 }
 
-void Upload::finish(const TransferPtr& transfer) {
-  mOpen.erase(std::find(mOpen.begin(), mOpen.end(), transfer));
+/// Goes on with a file for which no answer is outstanding.
+void Upload::advance(const TransferPtr& transfer) {
+  if (transfer->inFlight > 0 || transfer->renaming || mCleaningUp) return;
+  if (transfer->error) {
+    abandon(transfer);
+  } else if (transfer->read) {
+    commit(transfer);
+  }
+}
+
+/// All of it is there: it gets its permission bits and its name. Nothing is renamed that has
+/// not been confirmed, so this costs a round trip; others are under way meanwhile.
+void Upload::commit(const TransferPtr& transfer) {
+  transfer->renaming = true;
   transfer->file.reset();
-  transfer->item.parent.reset();
-  if (!transfer->error) return mProgress.finished();
+  std::uint32_t mode = transfer->item.mode;
+  if (const auto& replaced = transfer->replaced) {
+    mode = replaced->st_mode & 0777U;
+    // Only root may, and only where a disk knows owners: else it belongs to who made it.
+    mContext.disk.chown(transfer->temporary, replaced->st_uid, replaced->st_gid,
+                        entered<Unit>(0, [](const Status&) {}));
+  }
+  mContext.disk.chmod(transfer->temporary, static_cast<std::uint16_t>(mode),
+                      entered<Unit>(0, [this](const Status& set) {
+                        if (!set && !isFatal(set.error())) ++mUnsetModes;
+                      }));
+  mContext.disk.rename(transfer->temporary, transfer->item.remotePath,
+                       entered<Unit>(0, [this, transfer](const Status& renamed) {
+                         if (renamed) {
+                           std::erase(mOpen, transfer);
+                           return mProgress.finished();
+                         }
+                         transfer->error = renamed.error();
+                         transfer->renaming = false;
+                         advance(transfer);
+                       }));
+}
+
+void Upload::abandon(const TransferPtr& transfer) {
+  transfer->file.reset();
   mProgress.undone(static_cast<std::uint64_t>(transfer->offset));
   Error error = *transfer->error;
-  if (!isFatal(error)) error.message += "; the file on the disk is incomplete";
-  fail("send all of", transfer->item.remotePath, error);
+  if (!isFatal(error)) {
+    if (transfer->replaced) error.message += "; the file on the disk is as it was";
+    if (transfer->made) {
+      removeTemporary(transfer);
+    } else {
+      std::erase(mOpen, transfer);
+    }
+  }
+  fail("send", transfer->item.remotePath, error);
+}
+
+void Upload::removeTemporary(const TransferPtr& transfer) {
+  mContext.disk.unlink(transfer->temporary,
+                       entered<Unit>(0, [this, transfer](const Status& removed) {
+                         if (removed || !transfer->made) std::erase(mOpen, transfer);
+                       }));
+}
+
+/// Behind an interruption: also what is on its way now is removed, as requests are served in
+/// order, and even when nobody waits for the answers any more.
+void Upload::cleanUp() {
+  mCleaningUp = true;
+  for (const TransferPtr& transfer : mOpen) removeTemporary(transfer);
+  mContext.loop.cleanUp(kCleaningTime, [this] { return mWindow.empty(); });
 }
 
 void Upload::conclude() {
+  if (mContext.loop.signal() != 0) cleanUp();
   for (const TransferPtr& transfer : mOpen) {
-    mContext.console.message("'" + transfer->item.remotePath + "' on the disk is incomplete");
+    if (!transfer->made || (transfer->renaming && !transfer->error)) continue;
+    mContext.console.message("an incomplete copy of '" + transfer->item.remotePath +
+                             "' may be left on the disk: '" + transfer->temporary + "'");
   }
   if (mUnsetModes > 0) {
     mContext.console.message("the permission bits of " + counted(mUnsetModes, "file") +

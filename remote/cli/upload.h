@@ -11,11 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "local_tree.h"
 #include "support/unique_fd.h"
 #include "transfer_run.h"
 
 namespace zor::remote::cli {
 
+/// Each file goes to a temporary name beside its own, which it gets when it is complete.
 class Upload final : public TransferRun {
  public:
   Upload(Context& context, bool recursive) : TransferRun(context, "sent"), mRecursive(recursive) {}
@@ -43,6 +45,7 @@ class Upload final : public TransferRun {
   struct Item {
     std::string localPath;
     std::string remotePath;
+    std::shared_ptr<LocalDir> dir;  ///< where its last component is; null for what the user named
     std::uint32_t mode = 0;
     std::shared_ptr<Directory> parent;
   };
@@ -51,30 +54,39 @@ class Upload final : public TransferRun {
   struct Transfer {
     Item item;
     UniqueFd file;
-    std::int64_t offset = 0;  ///< how far it has been read
-    std::int64_t size = 0;    ///< as it was when it was opened
+    std::string temporary;               ///< its path over there until it is complete
+    bool made = true;                    ///< something may have that path
+    std::optional<udisk_stat> replaced;  ///< what has the item's path
+    std::int64_t offset = 0;             ///< how far it has been read
+    std::int64_t size = 0;               ///< as it was when it was opened
     unsigned inFlight = 0;
-    bool read = false;  ///< to its end
+    bool read = false;      ///< to its end
+    bool renaming = false;  ///< complete but for its name
     std::optional<Error> error;
   };
   using TransferPtr = std::shared_ptr<Transfer>;
 
   bool makeRequest() override;
   void conclude() override;
-  void sort(std::string localPath, std::string remotePath, const struct stat& status,
-            std::shared_ptr<Directory> parent);
+  void sort(Item item, const struct stat& status);
   void makeDirectory();
   void enter(const Item& item);
   void setMode();
   void create();
   bool sendPiece(const TransferPtr& transfer);
-  void finish(const TransferPtr& transfer);
+  Callback<Unit> step(const TransferPtr& transfer, std::uint64_t cost);
+  void advance(const TransferPtr& transfer);
+  void commit(const TransferPtr& transfer);
+  void abandon(const TransferPtr& transfer);
+  void removeTemporary(const TransferPtr& transfer);
+  void cleanUp();
 
   const bool mRecursive;
   std::vector<Item> mDirectories;
   std::deque<Item> mFiles;
   std::deque<TransferPtr> mWriting;  ///< created, not yet read to their ends
-  std::vector<TransferPtr> mOpen;    ///< created, not yet complete
+  std::vector<TransferPtr> mOpen;    ///< have a temporary name, as far as is known
+  bool mCleaningUp = false;
   /// Of directories that are complete. Shared, since requests that are given up
   /// may hold a directory longer than this object lives.
   std::shared_ptr<Modes> mModes = std::make_shared<Modes>();

@@ -10,7 +10,7 @@ namespace zor::remote::cli {
 class Window {
  public:
   static constexpr std::uint64_t kMaxBytes = std::uint64_t{8} << 20;
-  static constexpr unsigned kMaxRequests = 128;
+  static constexpr unsigned kMaxRequests = 256;
 
   bool fits(std::uint64_t bytes) const noexcept {
     return mRequests == 0 || (mRequests < kMaxRequests && mBytes + bytes <= kMaxBytes);

@@ -1,0 +1,138 @@
+// What put and get do to files that are there already, and when something steps in.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <atomic>
+
+#include "packet_relay.h"
+#include "support/served_disk.h"
+
+namespace zor::remote::test {
+namespace {
+
+using ::testing::HasSubstr;
+using zor::test::Arguments;
+using zor::test::eventually;
+using zor::test::spawn;
+using zor::test::waitFor;
+
+struct TransferTest : ::testing::Test {
+  TransferTest() { fs::create_directory(mDisk.beside("local")); }
+
+  std::string local(const std::string& name) const { return mDisk.beside("local/" + name); }
+
+  pid_t start(Arguments arguments, const std::string& socket) {
+    arguments.insert(arguments.begin(), {REMOTE_PROGRAM, "--socket", socket});
+    return spawn(arguments, mDisk.beside("out"), mDisk.beside("err"));
+  }
+  int run(const Arguments& arguments) {
+    const int status = waitFor(start(arguments, mDisk.socket()));
+    mErr = readFile(mDisk.beside("err"));
+    return status;
+  }
+  /// Runs a command while `hook` sees what it sends.
+  int run(const Arguments& arguments, PacketRelay::Hook hook) {
+    const std::string path = mDisk.beside("relay");
+    const PacketRelay relay(path, mDisk.socket(), std::move(hook));
+    mClient = start(arguments, path);
+    const int status = waitFor(mClient);
+    mErr = readFile(mDisk.beside("err"));
+    mClient = 0;
+    return status;
+  }
+  void signalClient(int number) {
+    EXPECT_TRUE(eventually([this] { return mClient != 0; }));
+    ::kill(mClient, number);
+  }
+  std::ptrdiff_t namesOnDisk() { return std::distance(fs::directory_iterator(mDisk.root()), {}); }
+  static unsigned modeOf(const fs::path& path) {
+    struct stat status {};
+    ::lstat(path.c_str(), &status);
+    return status.st_mode & 07777U;
+  }
+
+  zor::test::ServedDisk mDisk;
+  std::atomic<pid_t> mClient{0};
+  std::string mErr;
+};
+
+TEST_F(TransferTest, WhatStopsASendingLeavesTheOldFile) {
+  const auto removeTemporary = [this] {
+    for (const auto& entry : fs::directory_iterator(mDisk.root())) {
+      if (entry.path().extension() == ".part") fs::remove(entry.path());
+    }
+    return true;
+  };
+  const struct {
+    std::function<bool()> onSecondWrite;
+    int status;
+    const char* message;
+    bool clean;
+  } kCases[] = {
+      {[] { return false; }, 1, "may be left on the disk: '/.udisk-remote.", false},
+      {[this] { return signalClient(SIGKILL), false; }, -SIGKILL, "", false},
+      {[this] { return signalClient(SIGTERM), true; }, -SIGTERM, "sent 0 files of 1", true},
+      {removeTemporary, 1, "the file on the disk is as it was", true},
+  };
+  const std::string contents(5 << 20, 'n');
+  writeFile(local("f"), contents);
+  writeFile(mDisk / "f", "old");
+  ::chmod((mDisk / "f").c_str(), 0640);
+  for (const auto& each : kCases) {
+    removeTemporary();
+    int writes = 0;
+    EXPECT_EQ(run({"put", local("f"), "/"},
+                  [&](const Packet& packet) {
+                    return packet.cmd != 106 || ++writes != 2 || each.onSecondWrite();
+                  }),
+              each.status);
+    EXPECT_THAT(mErr, HasSubstr(each.message));
+    EXPECT_EQ(readFile(mDisk / "f"), "old") << each.message;
+    EXPECT_TRUE(!each.clean || eventually([this] { return namesOnDisk() == 1; })) << each.message;
+  }
+  removeTemporary();
+  EXPECT_EQ(run({"put", local("f"), "/"}), 0) << mErr;
+  EXPECT_TRUE(readFile(mDisk / "f") == contents);
+  EXPECT_EQ(modeOf(mDisk / "f"), 0640U);
+  EXPECT_EQ(namesOnDisk(), 1);
+}
+
+TEST_F(TransferTest, OnlyFilesAreReplacedOnTheDisk) {
+  writeFile(local("f"), "new");
+  writeFile(mDisk / "end", "old");
+  fs::create_symlink("end", mDisk / "link");
+  ::mkfifo((mDisk / "pipe").c_str(), 0600);
+  fs::create_directories(mDisk / "d/f");
+  for (const auto& [target, what] : {std::pair{"/link", "a symbolic link is in its place"},
+                                     {"/pipe", "a named pipe"},
+                                     {"/d", "a directory"}}) {
+    EXPECT_EQ(run({"put", local("f"), target}), 1);
+    EXPECT_THAT(mErr, HasSubstr(what));
+  }
+  EXPECT_EQ(readFile(mDisk / "end"), "old");
+  EXPECT_EQ(namesOnDisk(), 4);
+  const std::string longest(255, 'l');
+  EXPECT_EQ(run({"put", local("f"), longest}), 0) << mErr;
+  EXPECT_EQ(readFile(mDisk / longest), "new");
+}
+
+TEST_F(TransferTest, ADirectoryThatBecomesALinkIsNotSent) {
+  fs::create_directories(local("tree/sub"));
+  fs::create_directory(local("elsewhere"));
+  writeFile(local("tree/sub/a"), "public");
+  writeFile(local("elsewhere/a"), "secret");
+  EXPECT_EQ(run({"put", "-r", local("tree"), "/"},
+                [this](const Packet& packet) {
+                  if (packet.cmd == 114 && packet.bytes.ends_with("/sub")) {
+                    fs::rename(local("tree/sub"), local("away"));
+                    fs::create_directory_symlink(local("elsewhere"), local("tree/sub"));
+                  }
+                  return true;
+                }),
+            1);
+  EXPECT_THAT(mErr, HasSubstr("cannot read '" + local("tree/sub") + "'"));
+  EXPECT_TRUE(fs::is_empty(mDisk / "tree/sub"));
+}
+
+}  // namespace
+}  // namespace zor::remote::test
