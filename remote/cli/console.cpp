@@ -26,7 +26,7 @@ int writeAll(int fd, std::string_view bytes) {
 
 }  // namespace
 
-Output::Output() : mTerminal(::isatty(STDOUT_FILENO) == 1) {}
+Output::Output(int fd) : mFd(fd), mTerminal(::isatty(fd) == 1) {}
 
 void Output::write(std::string_view bytes) {
   if (bytes.size() < kBufferSize) {
@@ -44,10 +44,12 @@ void Output::flush() {
 }
 
 void Output::writeNow(std::string_view bytes) {
-  const int reason = writeAll(STDOUT_FILENO, bytes);
+  const int reason = writeAll(mFd, bytes);
   if (reason == EPIPE) throw BrokenPipe();
   if (reason != 0) {
-    throw std::system_error(reason, std::generic_category(), "cannot write standard output");
+    throw std::system_error(
+        reason, std::generic_category(),
+        mFd == STDOUT_FILENO ? "cannot write standard output" : "cannot write the file");
   }
 }
 
@@ -62,6 +64,16 @@ Console::~Console() { status(""); }
 void Console::message(std::string_view text) {
   status("");
   print("udisk-remote: " + printable(text) + "\n");
+}
+
+bool Console::confirm(std::string_view question) {
+  status("");
+  print("udisk-remote: " + printable(question) + " ");
+  char answer = '\0';
+  for (char c = '\0'; c != '\n' && ::read(STDIN_FILENO, &c, 1) == 1;) {
+    if (answer == '\0') answer = c;
+  }
+  return answer == 'y' || answer == 'Y';
 }
 
 void Console::status(std::string_view text) {

@@ -7,13 +7,13 @@
 
 namespace zor::remote::cli {
 
-/// Thrown when the reader of standard output has gone.
+/// Thrown when the reader of an output has gone.
 struct BrokenPipe {};
 
-/// Standard output, buffered.
+/// A descriptor that output goes to, standard output by default; buffered.
 class Output {
  public:
-  Output();
+  explicit Output(int fd = 1);
 
   bool isTerminal() const noexcept { return mTerminal; }
 
@@ -27,6 +27,7 @@ class Output {
  private:
   void writeNow(std::string_view bytes);
 
+  const int mFd;
   bool mTerminal;
   std::string mBuffer;
 };
@@ -47,6 +48,10 @@ class Console {
 
   /// Replaces the status line; does nothing without a terminal.
   void status(std::string_view text);
+
+  /// Asks a question on standard error, and reads the answer from standard input: whether it
+  /// begins with a "y". Without an answer it is no.
+  bool confirm(std::string_view question);
 
   /// Whether it is time for another status line (ten in a second at most).
   bool statusDue();

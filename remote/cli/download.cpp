@@ -1,7 +1,9 @@
 // Which files are fetched, and in which order requests are made.
 #include "download.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -38,6 +40,7 @@ void Download::sort(Source source) {
   if (attributes.st_mode == 0) {
     mUnknown.push_back(std::move(source));
   } else if (S_ISREG(attributes.st_mode) && attributes.st_size >= 0) {
+    if (!mayReplace(source)) return;
     mProgress.expect(1, static_cast<std::uint64_t>(attributes.st_size));
     const bool batched = mOptions.batches && attributes.st_size <= kSmallFile;
     (batched ? mSmallFiles : mFiles).push_back(std::move(source));
@@ -51,6 +54,20 @@ void Download::sort(Source source) {
              ? "it is a directory; use -r to fetch it"
              : "a " + std::string(typeName(attributes.st_mode)) + " cannot be carried"));
   }
+}
+
+/// Whether nothing is lost by fetching this file, or may be.
+bool Download::mayReplace(const Source& source) {
+  if (!mOptions.keepExisting && !mOptions.ask) return true;
+  if (::faccessat(source.dir->fd(), source.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
+    return true;
+  }
+  if (mOptions.ask && mContext.loop.signal() == 0 &&
+      mContext.console.confirm("replace '" + source.name + "'?")) {
+    return true;
+  }
+  mContext.console.message("'" + source.name + "' is left as it is");
+  return false;
 }
 
 void Download::addContents(std::string path, std::shared_ptr<LocalDir> dir) {

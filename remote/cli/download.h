@@ -16,7 +16,9 @@ namespace zor::remote::cli {
 
 struct DownloadOptions {
   bool recursive = false;
-  bool batches = false;  ///< fetch small files together where the host serves that
+  bool keepExisting = false;  ///< leave files alone that are there already
+  bool ask = false;           ///< whether to replace them
+  bool batches = false;       ///< fetch small files together where the host serves that
 };
 
 class Download final : public TransferRun {
@@ -26,6 +28,11 @@ class Download final : public TransferRun {
   /// Fetches `path`, whose attributes are known, as `name` in `dir`.
   void add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
            std::string name);
+
+  /// Whether anything is to be fetched.
+  bool hasWork() const noexcept {
+    return mProgress.missing() > 0 || !mDirectories.empty() || !mUnknown.empty();
+  }
 
   /// Fetches what a directory holds into `dir`.
   void addContents(std::string path, std::shared_ptr<LocalDir> dir);
@@ -75,6 +82,7 @@ class Download final : public TransferRun {
   bool read();
   bool batchReady() const;
   void sort(Source source);
+  bool mayReplace(const Source& source);
   bool list();
   void listed(Directory directory, const Result<Listing>& listing);
   bool examine();

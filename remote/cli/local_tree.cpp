@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "listing.h"
+#include "text.h"
 
 namespace zor::remote::cli {
 
@@ -25,6 +26,16 @@ constexpr std::size_t kHoleUnit = std::size_t{64} << 10;
 bool isZero(wire::Bytes bytes) {
   return bytes.front() == std::byte{0} &&
          std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
+
+/// The permission bits that new files do not get.
+mode_t fileMask() {
+  static const mode_t mask = [] {
+    const mode_t own = ::umask(077);
+    ::umask(own);
+    return own;
+  }();
+  return mask;
 }
 
 /// The last modification of `like`, and no change of the last access.
@@ -41,6 +52,11 @@ void raiseDescriptorLimit() {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit));
+}
+
+Status checkReplaceable(mode_t mode) {
+  if (S_ISREG(mode)) return Unit{};
+  return Error{ErrorKind::kRefused, "a " + std::string(typeName(mode)) + " is in its place"};
 }
 
 Error localError() { return {ErrorKind::kFailed, strerror(errno)}; }
@@ -87,7 +103,7 @@ LocalDir::~LocalDir() {
   --sCount;
   if (!mLike) return;
   // Best effort: some file systems have neither.
-  static_cast<void>(::fchmod(fd(), mLike->st_mode & 0777U));
+  static_cast<void>(::fchmod(fd(), mLike->st_mode & 0777U & ~fileMask()));
   const auto times = fileTimes(*mLike);
   static_cast<void>(::futimens(fd(), times.data()));
 }
@@ -96,6 +112,7 @@ Result<std::unique_ptr<PartialFile>> PartialFile::create(std::shared_ptr<LocalDi
                                                          std::string name) {
   static std::atomic<unsigned> counter{0};
   std::unique_ptr<PartialFile> file(new PartialFile(std::move(dir), std::move(name)));
+  if (Status status = file->findReplaced(); !status) return std::move(status.error());
   while (!file->mFd) {
     const std::string temporary =
         ".udisk-remote." + std::to_string(::getpid()) + "." + std::to_string(++counter) + ".part";
@@ -145,12 +162,38 @@ Status PartialFile::writeFully(std::int64_t offset, wire::Bytes bytes) {
   return Unit{};
 }
 
+Status PartialFile::findReplaced() {
+  struct stat found {};
+  if (::fstatat(mDir->fd(), mName.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Status(Unit{}) : Status(localError());
+  }
+  if (!S_ISLNK(found.st_mode)) {
+    if (Status status = checkReplaceable(found.st_mode); !status) return status;
+  }
+  mReplaced = found;
+  return Unit{};
+}
+
 Status PartialFile::commit(const udisk_stat& like) {
   const auto times = fileTimes(like);
+  const bool wasThere = mReplaced.has_value();
+  if (Status status = findReplaced(); !status) return status;
+  if (mReplaced && !wasThere)
+    return Error{ErrorKind::kRefused, "another program has made it meanwhile"};
+  mode_t mode = like.st_mode & 0777U & ~fileMask();
+  if (mReplaced && S_ISREG(mReplaced->st_mode)) {
+    mode = mReplaced->st_mode & 0777U;
+    // Best effort: only root may give files away.
+    [[maybe_unused]] const int ignored = ::fchown(mFd.get(), mReplaced->st_uid, mReplaced->st_gid);
+  }
   if (::ftruncate(mFd.get(), like.st_size) != 0) return localError();
-  if (::fchmod(mFd.get(), like.st_mode & 0777U) != 0) return localError();
+  if (::fchmod(mFd.get(), mode) != 0) return localError();
   if (::futimens(mFd.get(), times.data()) != 0) return localError();
-  if (::renameat(mDir->fd(), mTemporary.c_str(), mDir->fd(), mName.c_str()) != 0) {
+  if (::renameat2(mDir->fd(), mTemporary.c_str(), mDir->fd(), mName.c_str(),
+                  wasThere ? 0U : unsigned{RENAME_NOREPLACE}) != 0 &&
+      // Some file systems do not know the flag.
+      (errno != EINVAL ||
+       ::renameat(mDir->fd(), mTemporary.c_str(), mDir->fd(), mName.c_str()) != 0)) {
     return localError();
   }
   mTemporary.clear();

@@ -1,6 +1,7 @@
 // Files and directories that are being made on this machine.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -58,8 +59,12 @@ class LocalDir {
   std::optional<udisk_stat> mLike;
 };
 
+/// Refuses what a file must not take the place of: all but regular files.
+Status checkReplaceable(mode_t mode);
+
 /// A file that appears under its name only when it is complete; until then it
-/// has a name of its own beside it, which goes with this object.
+/// has a name of its own beside it, which goes with this object. A regular file or
+/// a link that has the name is replaced, and nothing else.
 class PartialFile {
  public:
   static Result<std::unique_ptr<PartialFile>> create(std::shared_ptr<LocalDir> dir,
@@ -72,19 +77,22 @@ class PartialFile {
   /// Leaves holes where `bytes` are long runs of zeros.
   Status writeAt(std::int64_t offset, wire::Bytes bytes);
 
-  /// Gives it the size, permission bits and modification time of `like`, and
-  /// its name.
+  /// Gives it the size and modification time of `like`, its name, and the permission bits of
+  /// the file that it replaces; if there is none, those of `like` under the umask. What got
+  /// the name since `create` is not replaced.
   Status commit(const udisk_stat& like);
 
  private:
   PartialFile(std::shared_ptr<LocalDir> dir, std::string name)
       : mDir(std::move(dir)), mName(std::move(name)) {}
+  Status findReplaced();
   Status writeFully(std::int64_t offset, wire::Bytes bytes);
 
   std::shared_ptr<LocalDir> mDir;
   std::string mName;
   std::string mTemporary;  ///< empty when there is none
   UniqueFd mFd;
+  std::optional<struct stat> mReplaced;  ///< what has the name
 };
 
 /// Deep trees keep a descriptor open for each level.

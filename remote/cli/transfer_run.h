@@ -24,6 +24,8 @@ class TransferRun {
   /// Tells of a failure; "cannot WHAT 'PATH': ...".
   void fail(std::string_view what, std::string_view path, const Error& error);
 
+  bool failed() const noexcept { return mFailures > 0; }
+
   /// Works until all is done and told; false when something failed.
   bool run();
 

@@ -1,6 +1,7 @@
 // What put and get do to files that are there already, and when something steps in.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <atomic>
 
@@ -61,7 +62,6 @@ TEST_F(TransferTest, WhatStopsASendingLeavesTheOldFile) {
     for (const auto& entry : fs::directory_iterator(mDisk.root())) {
       if (entry.path().extension() == ".part") fs::remove(entry.path());
     }
-    return true;
   };
   const struct {
     std::function<bool()> onSecondWrite;
@@ -69,17 +69,27 @@ TEST_F(TransferTest, WhatStopsASendingLeavesTheOldFile) {
     const char* message;
     bool clean;
   } kCases[] = {
+      {[this] { return signalClient(SIGTERM), true; }, -SIGTERM, "sent 0 files of 1", true},
+      {[&] {
+         EXPECT_TRUE(eventually([this] { return namesOnDisk() == 2; }));
+         removeTemporary();
+         return true;
+       },
+       1, "the file on the disk is as it was", true},
+      // What the host serves behind their backs may still come.
       {[] { return false; }, 1, "may be left on the disk: '/.udisk-remote.", false},
       {[this] { return signalClient(SIGKILL), false; }, -SIGKILL, "", false},
-      {[this] { return signalClient(SIGTERM), true; }, -SIGTERM, "sent 0 files of 1", true},
-      {removeTemporary, 1, "the file on the disk is as it was", true},
   };
   const std::string contents(5 << 20, 'n');
   writeFile(local("f"), contents);
   writeFile(mDisk / "f", "old");
   ::chmod((mDisk / "f").c_str(), 0640);
+  EXPECT_EQ(run({"put", local("f"), "/"}), 0) << mErr;
+  EXPECT_TRUE(readFile(mDisk / "f") == contents);
+  EXPECT_EQ(modeOf(mDisk / "f"), 0640U);
+  EXPECT_EQ(namesOnDisk(), 1);
+  writeFile(mDisk / "f", "old");
   for (const auto& each : kCases) {
-    removeTemporary();
     int writes = 0;
     EXPECT_EQ(run({"put", local("f"), "/"},
                   [&](const Packet& packet) {
@@ -87,14 +97,9 @@ TEST_F(TransferTest, WhatStopsASendingLeavesTheOldFile) {
                   }),
               each.status);
     EXPECT_THAT(mErr, HasSubstr(each.message));
-    EXPECT_EQ(readFile(mDisk / "f"), "old") << each.message;
+    EXPECT_TRUE(readFile(mDisk / "f") == "old") << each.message;
     EXPECT_TRUE(!each.clean || eventually([this] { return namesOnDisk() == 1; })) << each.message;
   }
-  removeTemporary();
-  EXPECT_EQ(run({"put", local("f"), "/"}), 0) << mErr;
-  EXPECT_TRUE(readFile(mDisk / "f") == contents);
-  EXPECT_EQ(modeOf(mDisk / "f"), 0640U);
-  EXPECT_EQ(namesOnDisk(), 1);
 }
 
 TEST_F(TransferTest, OnlyFilesAreReplacedOnTheDisk) {
@@ -114,6 +119,60 @@ TEST_F(TransferTest, OnlyFilesAreReplacedOnTheDisk) {
   const std::string longest(255, 'l');
   EXPECT_EQ(run({"put", local("f"), longest}), 0) << mErr;
   EXPECT_EQ(readFile(mDisk / longest), "new");
+}
+
+TEST_F(TransferTest, FetchedFilesReplaceFilesOnly) {
+  writeFile(mDisk / "f", "new");
+  ::chmod((mDisk / "f").c_str(), 0666);
+  fs::create_directories(local("dir/f"));
+  fs::create_directory(local("deep"));
+  writeFile(local("deep/end"), "old");
+  ::chmod(local("deep/end").c_str(), 0640);
+  fs::create_symlink("deep/end", local("link"));
+  fs::create_symlink("nothing", local("dangling"));
+  const UniqueFd socket = listenAt(local("socket"));
+  ASSERT_EQ(::mkfifo(local("pipe").c_str(), 0600), 0);
+  const auto type = [this](const char* name) { return fs::symlink_status(local(name)).type(); };
+
+  const pid_t reader = spawn({"cat", local("pipe")}, mDisk.beside("piped"), "/dev/null");
+  EXPECT_EQ(run({"get", "f", local("pipe")}), 0) << mErr;
+  waitFor(reader);
+  EXPECT_EQ(readFile(mDisk.beside("piped")), "new");
+  EXPECT_EQ(type("pipe"), fs::file_type::fifo);
+  for (const char* output : {"-", "/dev/stdout"}) {
+    EXPECT_EQ(run({"get", "f", output}), 0) << mErr;
+    EXPECT_EQ(readFile(mDisk.beside("out")), "new");
+  }
+  if (::geteuid() == 0) {
+    // A device of the tests' own, with the numbers of /dev/null.
+    ASSERT_EQ(::mknod(local("device").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    EXPECT_EQ(run({"get", "f", local("device")}), 0) << mErr;
+    EXPECT_EQ(type("device"), fs::file_type::character);
+  }
+  EXPECT_EQ(run({"get", "f", local("link")}), 0) << mErr;
+  EXPECT_EQ(type("link"), fs::file_type::symlink);
+  EXPECT_EQ(readFile(local("deep/end")), "new");
+  EXPECT_EQ(modeOf(local("deep/end")), 0640U);
+
+  writeFile(local("deep/f"), "old");
+  for (const auto& [options, target, status, message] :
+       {std::tuple<Arguments, std::string, int, std::string>{
+            {}, "socket", 1, "a socket is in its place"},
+        {{}, "dangling", 1, "a symbolic link to nothing"},
+        {{}, "dir", 1, "/dir/f': a directory is in its place"},
+        {{"-n"}, "deep", 0, "'f' is left as it is"},
+        {{"-i"}, "deep", 0, "replace 'f'?"},
+        {{"-n", "-i"}, "deep", 2, ""}}) {
+    Arguments arguments{"get", "f", local(target)};
+    arguments.insert(arguments.begin() + 1, options.begin(), options.end());
+    EXPECT_EQ(run(arguments), status) << target;
+    EXPECT_THAT(mErr, HasSubstr(message));
+  }
+  EXPECT_EQ(readFile(local("deep/f")), "old");
+  ::umask(077);
+  EXPECT_EQ(run({"get", "-n", "f", local("fresh")}), 0) << mErr;
+  ::umask(022);
+  EXPECT_EQ(modeOf(local("fresh")), 0600U);
 }
 
 TEST_F(TransferTest, ADirectoryThatBecomesALinkIsNotSent) {
