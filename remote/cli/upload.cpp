@@ -265,6 +265,7 @@ void Upload::abandon(const TransferPtr& transfer) {
   mProgress.undone(static_cast<std::uint64_t>(transfer->offset));
   Error error = *transfer->error;
   if (!isFatal(error)) {
+    mRefusedData = mRefusedData || error.kind == ErrorKind::kFailed;
     if (transfer->replaced) error.message += "; the file on the disk is as it was";
     if (transfer->made) {
       removeTemporary(transfer);
@@ -290,8 +291,23 @@ void Upload::cleanUp() {
   mContext.loop.cleanUp(kCleaningTime, [this] { return mWindow.empty(); });
 }
 
+/// Hosts give no reasons, but two can be found out.
+void Upload::explainFailure() {
+  const auto found = mContext.disk.statvfs("/");
+  if (!found) return;
+  if (tellsNothing(*found)) {
+    mContext.console.message(diskGone().message);
+  } else if (found->f_bavail == 0) {
+    mContext.console.message("the disk is full");
+  }
+}
+
 void Upload::conclude() {
-  if (mContext.loop.signal() != 0) cleanUp();
+  if (mContext.loop.signal() != 0) {
+    cleanUp();
+  } else if (mRefusedData) {
+    explainFailure();
+  }
   for (const TransferPtr& transfer : mOpen) {
     if (!transfer->made || (transfer->renaming && !transfer->error)) continue;
     mContext.console.message("an incomplete copy of '" + transfer->item.remotePath +

@@ -80,6 +80,7 @@ class Upload final : public TransferRun {
   void abandon(const TransferPtr& transfer);
   void removeTemporary(const TransferPtr& transfer);
   void cleanUp();
+  void explainFailure();
 
   const bool mRecursive;
   std::vector<Item> mDirectories;
@@ -87,6 +88,7 @@ class Upload final : public TransferRun {
   std::deque<TransferPtr> mWriting;  ///< created, not yet read to their ends
   std::vector<TransferPtr> mOpen;    ///< have a temporary name, as far as is known
   bool mCleaningUp = false;
+  bool mRefusedData = false;  ///< the host could not create or write a file
   /// Of directories that are complete. Shared, since requests that are given up
   /// may hold a directory longer than this object lives.
   std::shared_ptr<Modes> mModes = std::make_shared<Modes>();

@@ -274,6 +274,15 @@ TEST_F(EndToEndTest, ReadOnlyDisksAreLeftAlone) {
   EXPECT_EQ(std::distance(fs::directory_iterator(mDisk.root()), {}), 1);
 }
 
+TEST_F(EndToEndTest, ADiskThatIsGoneIsNotCalledFull) {
+  writeFile(local("f"), "data");
+  serve({"--sandbox=off"});
+  fs::rename(mDisk.root(), mDisk.beside("away"));
+  check({{{"df"}, 1, "", "was it pulled out?"},
+         {{"put", local("f"), "/f"}, 1, "", "was it pulled out?"}});
+  fs::rename(mDisk.beside("away"), mDisk.root());
+}
+
 TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
   mDisk.stop(SIGTERM);
   check({{{"ls"}, 1, "", "is it running with this socket?"},
