@@ -344,7 +344,7 @@ class UdiskSide final : public Side {
 
   UniqueFd connect() const {
     for (int i = 0; i < 4000 && mHost.running(); ++i) {
-      auto socket = remote::connectUnix(mSocket);
+      auto socket = remote::connectUnix(mSocket, std::chrono::seconds(10));
       if (socket) return std::move(*socket);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
