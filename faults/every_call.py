@@ -13,11 +13,12 @@ import subprocess
 
 from served import Host, Remote, Request, eventually, expect
 
-# A `close` that is made to fail closes nothing, so that the host could not be right; the others
+# A `close` that is made to fail closes nothing, so that the host could not be right; a `brk` fails
+# by returning the old end, and an error would be taken for an address; the others
 # are how threads wait and end, and how memory goes back.
-UNTOUCHED = {"close", "futex", "sched_yield", "clock_nanosleep", "madvise", "exit", "munmap",
+UNTOUCHED = {"close", "brk", "futex", "sched_yield", "clock_nanosleep", "madvise", "exit", "munmap",
              "rt_sigprocmask", "rt_sigreturn", "restart_syscall", "set_robust_list", "rseq"}
-ERRORS = {name: ["ENOMEM"] for name in ("mmap", "mprotect", "brk", "mremap")}
+ERRORS = {name: ["ENOMEM"] for name in ("mmap", "mprotect", "mremap")}
 ERRORS |= {name: ["EIO", "EINTR"] for name in ("openat2", "pread64", "pwrite64", "fsync", "ftruncate",
                                                "sendto", "recvmsg")}
 ERRORS |= {"openat": ["EIO", "EMFILE"], "clone": ["EAGAIN"], "clone3": ["EAGAIN"]}
@@ -82,7 +83,7 @@ class Sweep:
         library = os.path.abspath(f"{programs}/../lib/failing_allocator.so")
         self.host = Host(programs, f"{work}/disk", environment={
             "FAILING_ALLOCATOR": f"{work}/control", "LD_PRELOAD": library})
-        self.base = self.host.descriptors()
+        self.base, self.idle = self.host.descriptors(), self.host.threads()
         with Remote(self.host) as remote:
             self.requests = requests(remote.ask(Request(107, b"/fixed/still"))[28:])
         for _ in range(3):  # the last finds every access time as it stays
@@ -120,8 +121,8 @@ class Sweep:
 
     def thread(self, role):
         """The threads of a connection are numbered in the order of their start."""
-        expect(eventually(lambda: len(self.host.threads()) == 1 + len(ROLES)), "unknown threads")
-        return sorted(self.host.threads() - {self.host.pid})[ROLES.index(role)]
+        expect(eventually(lambda: len(self.host.threads() - self.idle) == len(ROLES)), "unknown threads")
+        return sorted(self.host.threads() - self.idle)[ROLES.index(role)]
 
     def converse(self, role=None, fault=None):
         """All requests to a new connection: {request: answer}; None when it is sent away."""
@@ -135,7 +136,7 @@ class Sweep:
                     stack.enter_context(fault(self.thread(role), False))
                 answers = self.answers(remote)
             remote.socket.close()
-        expect(eventually(lambda: len(self.host.threads()) == 1), "a thread stays")
+        expect(eventually(lambda: self.host.threads() == self.idle), "a thread stays")
         return answers
 
     def answers(self, remote):

@@ -6,31 +6,19 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <exception>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "descriptors.h"
 #include "signals_blocked.h"
 
 namespace zor::host {
 namespace {
 
 constexpr std::size_t kLongestFailure = 1024;
-
-// The other copies of what is closed here are the parent's to use and to close.
-void closeAllBut(int end, int kept) {
-  std::vector<int> open;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    open.push_back(std::atoi(entry.path().filename().c_str()));
-  }
-  for (const int fd : open) {
-    if (fd > STDERR_FILENO && fd != end && fd != kept) ::close(fd);
-  }
-}
 
 std::string failureOf(const std::function<void()>& step) {
   try {
@@ -55,7 +43,7 @@ std::string failureOf(const std::function<void()>& step) {
 
 }  // namespace
 
-CleanupProcess::CleanupProcess(Steps steps, int kept) {
+CleanupProcess::CleanupProcess(Steps steps, std::span<const int> kept) {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot make a pair of sockets");
@@ -66,10 +54,15 @@ CleanupProcess::CleanupProcess(Steps steps, int kept) {
   mProcess = ::fork();
   if (mProcess < 0) throw std::system_error(errno, std::generic_category(), "cannot fork");
   if (mProcess > 0) return;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::signal(signal, SIG_IGN);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
+    ::signal(signal, SIG_IGN);
+  }
   ::prctl(PR_SET_NAME, "udisk-cleanup");
   try {
-    closeAllBut(other.get(), kept);
+    // The other copies of what is closed here are the parent's to use and to close.
+    std::vector<int> own(kept.begin(), kept.end());
+    own.push_back(other.get());
+    closeAllBut(own);
   } catch (...) {
     ::_exit(1);
   }

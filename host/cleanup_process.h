@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <span>
 #include <vector>
 
 #include "support/unique_fd.h"
@@ -20,9 +21,9 @@ class CleanupProcess {
   using Steps = std::vector<std::function<void()>>;
 
   /// Splits the process off. `steps` run there, on its copy of everything, and
-  /// may use the descriptor `kept`. To be called while there is one thread.
+  /// may use the descriptors `kept`. To be called while there is one thread.
   /// Throws std::system_error.
-  CleanupProcess(Steps steps, int kept);
+  CleanupProcess(Steps steps, std::span<const int> kept);
   /// Waits for the process to end.
   ~CleanupProcess();
   CleanupProcess(const CleanupProcess&) = delete;

@@ -2,11 +2,14 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
 
-#include "signals_blocked.h"
+#include "protocol/codec.h"
+#include "protocol/commands.h"
+#include "protocol/records.h"
 
 namespace zor::host {
 namespace {
@@ -29,15 +32,26 @@ struct CloseDriver {
 
 }  // namespace
 
+Connection::Figures& Connection::Figures::operator+=(const Figures& other) noexcept {
+  packets += other.packets;
+  received += other.received;
+  sent += other.sent;
+  waitingPackets += other.waitingPackets;
+  waitingBytes += other.waitingBytes;
+  return *this;
+}
+
+Connection::Figures Connection::figures() const noexcept {
+  return {mReception.packets(), mLink.receivedBytes(), mLink.sentBytes(), mLink.budget().packets(),
+          mLink.budget().total()};
+}
+
 Connection::~Connection() {
   end();
   if (mThread.joinable()) mThread.join();
 }
 
 void Connection::start(std::function<void()> finished) {
-  // On a driver's thread the signals that end the host would only interrupt file
-  // operations. New threads inherit the mask.
-  const SignalsBlocked blocked;
   mThread = std::thread([this, done = std::move(finished)] {
     run();
     done();
@@ -46,6 +60,10 @@ void Connection::start(std::function<void()> finished) {
 
 void Connection::run() noexcept {
   try {
+    if (!mDisk.isThere()) {
+      sendAway("the disk is gone");
+      return;
+    }
     const std::unique_ptr<ZorDriver, CloseDriver> driver(mModule.open(mDevice, "").release());
     if (driver) {
       try {
@@ -55,7 +73,7 @@ void Connection::run() noexcept {
         throw;
       }
     } else {
-      spdlog::error("the module could not open a driver; the remote is sent away");
+      spdlog::error("the module could not open a driver; the client is sent away");
     }
     mLink.end();
   } catch (const std::exception& error) {
@@ -64,13 +82,46 @@ void Connection::run() noexcept {
   }
 }
 
+void Connection::sendAway(const char* why) noexcept {
+  mLink.end();
+  spdlog::warn("refused a client (process {}): {}", mClient.process, why);
+}
+
 void Connection::serve(ZorDriver& driver) {
   if (!mLink.waitAnnounced(kAnnouncementPatience)) {
     if (!mLink.ended()) spdlog::error("the driver does not announce its disk; giving it up");
     return;
   }
-  mReception.run(driver);
-  if (mLink.budget().waitIdle()) mLink.drain();
+  if (mDisk.isConfined() || servesTheDisk(driver)) {
+    mReception.run(driver);
+    if (mLink.budget().waitIdle()) mLink.drain();
+  } else if (!mLink.ended()) {
+    sendAway("the driver met something else than the disk");
+  }
+}
+
+// The driver opens the directory by its path, so somebody could have put another one there for
+// just that moment. It remembers what it met: what it says of the root now holds for good.
+bool Connection::servesTheDisk(ZorDriver& driver) {
+  wire::FileAttrRecord record{};
+  record.pathLength = 1;
+  const auto fixed = wire::encoded(record);
+  auto question = std::make_unique<ZorPacket>(kPacketHeaderSize + fixed.size() + 1);
+  question->SetHeader(mDevice.GetDevId(), code(wire::Command::kGetFileAttr), 0);
+  if (question->AppendPayload(fixed.data(), fixed.size()) != 0 ||
+      question->AppendPayload("/", 1) != 0) {
+    return false;
+  }
+  mLink.divertNext();
+  driver.onEvent(std::move(question), 0);
+  const std::unique_ptr<ZorPacket> answer = mLink.waitDiverted(kAnnouncementPatience);
+  if (!answer) return false;
+  wire::Cursor cursor(
+      wire::Bytes(reinterpret_cast<const std::byte*>(answer->mBuffer->data),
+                  std::min<std::size_t>(answer->GetLength(), answer->mBuffer->capacity)));
+  std::uint64_t device = 0, inode = 0;
+  cursor.take(kPacketHeaderSize + fixed.size() + 1);
+  return cursor.get(device) && cursor.get(inode) && mDisk.is(device, inode);
 }
 
 }  // namespace zor::host

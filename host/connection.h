@@ -1,6 +1,10 @@
-// One remote, from its arrival to its leaving.
+// One client, from its arrival to its leaving.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -9,23 +13,39 @@
 #include "module_loader.h"
 #include "reception.h"
 #include "remote_link.h"
+#include "served_directory.h"
 #include "support/unique_fd.h"
 
 namespace zor::host {
 
-/// Opens a driver for a remote on a thread of its own, and has its packets
-/// delivered to it. When the remote leaves, sends a malformed packet, or `end` is
-/// called, the driver is closed and destroyed.
+/// Opens a driver for a client on a thread of its own, and has its packets
+/// delivered to it, provided that the disk is there. When the client leaves, sends a malformed
+/// packet, or `end` is called, the driver is closed and destroyed.
 ///
-/// What a remote sent whole before it closed its side is served before the
+/// What a client sent whole before it closed its side is served before the
 /// driver is closed, as long as replies can still be delivered: it may have
 /// sent writes that no reply confirms.
 class Connection {
  public:
-  /// `module` must outlive the connection.
-  Connection(UniqueFd socket, const DriverModule& module, std::shared_ptr<HostDevBase> base)
-      : mModule(module),
-        mLink(std::move(socket)),
+  struct Client {
+    pid_t process;
+    uid_t user;
+  };
+  /// What it served, in packets and bytes.
+  struct Figures {
+    std::uint64_t packets = 0, received = 0, sent = 0;
+    std::size_t waitingPackets = 0, waitingBytes = 0;
+
+    Figures& operator+=(const Figures& other) noexcept;
+  };
+
+  /// `module`, `disk` and `shared` must outlive the connection.
+  Connection(UniqueFd socket, Client client, const DriverModule& module, ServedDirectory& disk,
+             std::shared_ptr<HostDevBase> base, SharedBudget& shared)
+      : mClient(client),
+        mModule(module),
+        mDisk(disk),
+        mLink(std::move(socket), shared),
         mReception(mLink),
         mDevice(mLink, mReception, std::move(base)) {}
   /// Ends the connection and waits for its thread.
@@ -40,14 +60,21 @@ class Connection {
   /// Makes the thread finish soon. Any thread.
   void end() noexcept { mLink.end(); }
 
-  /// Whether the remote is gone, although the driver may still be there.
-  bool remoteGone() const noexcept { return mLink.ended() || mLink.remoteGone(); }
+  /// Whether the client is gone, although the driver may still be there.
+  bool clientGone() const noexcept { return mLink.ended() || mLink.remoteGone(); }
+
+  const Client& client() const noexcept { return mClient; }
+  Figures figures() const noexcept;
 
  private:
   void run() noexcept;
   void serve(ZorDriver& driver);
+  bool servesTheDisk(ZorDriver& driver);
+  void sendAway(const char* why) noexcept;
 
+  const Client mClient;
   const DriverModule& mModule;
+  ServedDirectory& mDisk;
   RemoteLink mLink;
   Reception mReception;
   HostDevice mDevice;

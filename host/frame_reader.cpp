@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "protocol/commands.h"
+#include "reply_bound.h"
 
 namespace zor::host {
 namespace {
@@ -13,6 +14,7 @@ namespace {
 constexpr std::size_t kBufferSize = std::size_t{256} << 10;
 constexpr std::size_t kBulkyPacket = std::size_t{16} << 10;
 constexpr std::size_t kBehindBulky = std::size_t{2} << 10;
+static_assert(kExaminedRequest < kBufferSize);
 
 }  // namespace
 
@@ -35,7 +37,7 @@ std::span<iovec> FrameReader::space() noexcept {
 // What goes through the buffer is copied, so behind a large packet, which is
 // likely to be followed by another one, little is taken in.
 std::size_t FrameReader::window() const noexcept {
-  return mHeader.length > kBulkyPacket ? kBehindBulky : kBufferSize;
+  return mHeader.length > kBulkyPacket && !mExamining ? kBehindBulky : kBufferSize;
 }
 
 void FrameReader::commit(std::size_t count) noexcept {
@@ -76,17 +78,25 @@ FrameReader::Status FrameReader::begin(Patience patience) {
     return Status::kBadLength;
   }
 
-  const std::size_t charge = mHeader.length + ReceiveBudget::kPacketOverhead;
-  if (patience == Patience::kNone && !mBudget.hasRoom(charge)) return Status::kNoRoom;
-  if (!mBudget.acquire(charge)) return Status::kStopped;
+  const auto reply = replyBound(mHeader, {bytes, available});
+  mExamining = !reply;
+  if (!reply) return Status::kMore;
+  const ReceiveBudget::Charge charge{
+      mHeader.length + static_cast<std::uint32_t>(ReceiveBudget::kPacketOverhead),
+      static_cast<std::uint32_t>(*reply)};
+  if (patience == Patience::kNone) {
+    if (!mBudget.tryAcquire(charge)) return Status::kNoRoom;
+  } else if (!mBudget.acquire(charge)) {
+    return Status::kStopped;
+  }
   mPending.reset(new (std::nothrow) ZorPacket(mHeader.length));
   if (!mPending || !mPending->mBuffer) {
     mPending.reset();
-    mBudget.ReleasePacket(charge);
+    mBudget.ReleasePacket(charge.token());
     return Status::kNoMemory;
   }
   mPending->mBuffer->budget = &mBudget;
-  mPending->mBuffer->charge = charge;
+  mPending->mBuffer->charge = charge.token();
   *mPending->mHeader = mHeader;
   mFilled = std::min<std::size_t>(available, mHeader.length);
   std::memcpy(mPending->mBuffer->data + kPacketHeaderSize, bytes + kPacketHeaderSize,

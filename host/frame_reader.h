@@ -63,6 +63,7 @@ class FrameReader {
   std::size_t mEnd = 0;
   std::unique_ptr<ZorPacket> mPending;  ///< a packet that has begun
   std::size_t mFilled = 0;              ///< how many of its bytes are there
+  bool mExamining = false;              ///< a request has to be there whole before it begins
   PacketHeader mHeader{};
   std::array<iovec, 2> mSpace{};
 };

@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "descriptors.h"
 #include "log_sink.h"
 #include "program.h"
 #include "support/standard_descriptors.h"
@@ -12,8 +13,9 @@ constexpr int kFailure = 1;
 
 // Packets come and go all the time: memory that was given back to the system
 // after each of them would have to be faulted in again for the next. It goes back
-// when the remote has gone.
+// when the remote has gone. Each arena keeps some, so that there are only two.
 void keepFreedMemory() noexcept {
+  ::mallopt(M_ARENA_MAX, 2);
   constexpr int kLargestKept = 4 << 20, kKept = 16 << 20;
   ::mallopt(M_MMAP_THRESHOLD, kLargestKept);
   ::mallopt(M_TRIM_THRESHOLD, kKept);
@@ -25,6 +27,7 @@ int main(int argc, char** argv) {
   zor::fillStandardDescriptors();
   keepFreedMemory();
   try {
+    zor::host::dropInheritedDescriptors();
     return zor::host::runProgram(argc, argv);
   } catch (const std::exception& error) {
     zor::host::printFailure(error.what());

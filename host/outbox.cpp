@@ -1,14 +1,12 @@
 #include "outbox.h"
 
+#include <spdlog/spdlog.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
-
-#include "signals_blocked.h"
 
 namespace zor::host {
 namespace {
@@ -23,34 +21,10 @@ constexpr std::size_t kMostTogether = 12;
 // and two of these.
 constexpr auto kTick = std::chrono::milliseconds(1);
 
-// Writes all of `parts`, which it changes.
-bool writeParts(int socket, iovec* parts, std::size_t count) noexcept {
-  while (count > 0) {
-    msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = count;
-    const ssize_t sent = ::sendmsg(socket, &message, MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0) return false;
-    auto left = static_cast<std::size_t>(sent);
-    while (count > 0 && left >= parts->iov_len) {
-      left -= parts->iov_len;
-      ++parts;
-      --count;
-    }
-    if (count > 0) {
-      parts->iov_base = static_cast<std::uint8_t*>(parts->iov_base) + left;
-      parts->iov_len -= left;
-    }
-  }
-  return true;
-}
-
 }  // namespace
 
 Outbox::Outbox(int socket, const ReceiveBudget& budget, std::function<void()> failed)
     : mSocket(socket), mBudget(budget), mFailed(std::move(failed)) {
-  const SignalsBlocked blocked;
   mThread = std::thread([this] { run(); });
 }
 
@@ -104,8 +78,11 @@ void Outbox::drain() {
 }
 
 void Outbox::end() noexcept {
+  std::vector<Item> dropped;  // not under the lock: what goes may call `flush`
   const std::lock_guard lock(mMutex);
   mEnded = true;
+  dropped.swap(mWaiting);
+  mWaitingBytes = 0;
   mWake.notify_all();
   mRoom.notify_all();
 }
@@ -141,7 +118,37 @@ bool Outbox::writeItems() noexcept {
   for (std::size_t i = 0; i < mInHand.size(); ++i) {
     parts[count++] = {mInHand[i].packet->mBuffer->data, mInHand[i].size};
     if (count < parts.size() && i + 1 < mInHand.size()) continue;
-    if (!writeParts(mSocket, parts.data(), std::exchange(count, 0))) return false;
+    if (!writeParts(parts.data(), std::exchange(count, 0))) return false;
+  }
+  return true;
+}
+
+// Writes all of `parts`, which it changes.
+bool Outbox::writeParts(iovec* parts, std::size_t count) noexcept {
+  while (count > 0) {
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t sent = ::sendmsg(mSocket, &message, MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && errno == EAGAIN) {
+      if (!mBudget.keepsOthersWaiting()) continue;
+      spdlog::warn(
+          "ended the connection: the client does not read, and others wait for its memory");
+      return false;
+    }
+    if (sent < 0) return false;
+    auto left = static_cast<std::size_t>(sent);
+    mWrittenBytes.fetch_add(left, std::memory_order_relaxed);
+    while (count > 0 && left >= parts->iov_len) {
+      left -= parts->iov_len;
+      ++parts;
+      --count;
+    }
+    if (count > 0) {
+      parts->iov_base = static_cast<std::uint8_t*>(parts->iov_base) + left;
+      parts->iov_len -= left;
+    }
   }
   return true;
 }

@@ -1,6 +1,8 @@
 // What is on its way to one remote.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -34,9 +36,10 @@ class Outbox {
   /// waits as well; one packet may be larger. As much may be in the writer's hand.
   static constexpr std::size_t kMostWaiting = std::size_t{4} << 20;
 
-  /// `socket` and `budget` must outlive the outbox. `failed` is called, on any
-  /// thread, when the remote cannot be written to. Throws std::system_error
-  /// when there is no thread to be had.
+  /// `socket` and `budget` must outlive the outbox. A remote that reads nothing for the
+  /// time limit that sending has on `socket` cannot be written to any more if it holds memory
+  /// that others wait for. `failed` is called, on any thread, when the remote cannot be
+  /// written to. Throws std::system_error when there is no thread to be had.
   Outbox(int socket, const ReceiveBudget& budget, std::function<void()> failed);
   ~Outbox();
   Outbox(const Outbox&) = delete;
@@ -59,8 +62,11 @@ class Outbox {
   /// Waits until everything is written, or the outbox has ended.
   void drain();
 
-  /// From now on nothing more is written. Whoever waits returns.
+  /// From now on nothing more is written. Whoever waits returns, and what waits is dropped.
   void end() noexcept;
+
+  /// How many bytes were written.
+  std::uint64_t written() const noexcept { return mWrittenBytes.load(std::memory_order_relaxed); }
 
  private:
   using Lock = std::unique_lock<std::mutex>;
@@ -71,6 +77,7 @@ class Outbox {
 
   void writeAll(Lock& lock);
   bool writeItems() noexcept;
+  bool writeParts(iovec* parts, std::size_t count) noexcept;
   void run();
   void waitForTheGathered(Lock& lock);
 
@@ -91,6 +98,7 @@ class Outbox {
   bool mEnded = false;
   std::atomic<bool> mAnyGathered{false};  ///< for a look without the lock
   std::atomic<bool> mHeld{false};
+  std::atomic<std::uint64_t> mWrittenBytes{0};
   std::thread mThread;
 };
 

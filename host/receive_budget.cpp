@@ -3,23 +3,81 @@
 #include <algorithm>
 
 namespace zor::host {
+namespace {
 
-bool ReceiveBudget::hasRoom(std::size_t bytes) const noexcept {
-  return mInFlight.load() <= static_cast<std::int64_t>(mLimit) - static_cast<std::int64_t>(bytes);
+// What of `total` comes out of the memory that is shared.
+std::int64_t beyondShare(std::int64_t total) noexcept {
+  return std::max<std::int64_t>(0, total - static_cast<std::int64_t>(ReceiveBudget::kOwnShare));
 }
 
-bool ReceiveBudget::acquire(std::size_t bytes) {
-  const auto count = static_cast<std::int64_t>(bytes);
-  if (!hasRoom(bytes)) {
+}  // namespace
+
+bool ReceiveBudget::hasRoom(std::int64_t count) const noexcept {
+  return mInFlight.load() <= std::max<std::int64_t>(0, static_cast<std::int64_t>(mLimit) - count);
+}
+
+// Takes what is needed now first: whoever releases meanwhile only makes it less. (A reply that
+// is counted meanwhile was part of its request's count.)
+bool ReceiveBudget::count(std::int64_t count, bool inTurn) noexcept {
+  const std::int64_t seen = mTotal.load();
+  const std::int64_t taken = beyondShare(seen + count) - beyondShare(seen);
+  if (!mShared.take(taken, inTurn)) return false;
+  const std::int64_t before = mTotal.fetch_add(count);
+  mShared.correct(beyondShare(before + count) - beyondShare(before) - taken);
+  return true;
+}
+
+void ReceiveBudget::uncount(std::int64_t count) noexcept {
+  const std::int64_t before = mTotal.fetch_sub(count);
+  mShared.giveBack(beyondShare(before) - beyondShare(before - count));
+}
+
+void ReceiveBudget::begin(Charge charge) noexcept {
+  mPackets.fetch_add(1);
+  mRequestBytes.fetch_add(charge.request, std::memory_order_relaxed);
+  mInFlight.fetch_add(charge.sum());
+}
+
+bool ReceiveBudget::acquire(Charge charge) {
+  const std::int64_t amount = charge.sum();
+  if (!hasRoom(amount)) {
     const auto limit = static_cast<std::int64_t>(mLimit);
     // Waiting for a good deal more than is needed now keeps the receiver from
     // being woken for every single packet of a remote that is always ahead.
-    if (!waitFor(std::max<std::int64_t>(0, std::min(limit - count, limit / 2)))) return false;
+    if (!waitFor(std::max<std::int64_t>(0, std::min(limit - amount, limit / 2)))) return false;
   }
   if (mStopped.load()) return false;
-  mPackets.fetch_add(1);
-  mInFlight.fetch_add(count);
+  bool counted = count(amount, false);
+  if (!counted) {
+    mWaitsForOthers.store(true);
+    mShared.wait([&](bool inTurn) {
+      if (mStopped.load()) return true;
+      return counted = inTurn && count(amount, true);
+    });
+    mWaitsForOthers.store(false);
+  }
+  if (counted) begin(charge);
+  return counted;
+}
+
+bool ReceiveBudget::tryAcquire(Charge charge) noexcept {
+  const std::int64_t amount = charge.sum();
+  if (mStopped.load() || !hasRoom(amount) || !count(amount, false)) return false;
+  begin(charge);
   return true;
+}
+
+void ReceiveBudget::chargeReply(PacketBuffer& reply) noexcept {
+  if (reply.budget != nullptr) return;  // a request that goes back
+  reply.budget = &mReplies;
+  reply.charge = reply.capacity + kPacketOverhead;
+  const auto amount = static_cast<std::int64_t>(reply.charge);
+  const std::int64_t before = mTotal.fetch_add(amount);
+  mShared.correct(beyondShare(before + amount) - beyondShare(before));
+}
+
+bool ReceiveBudget::keepsOthersWaiting() const noexcept {
+  return beyondShare(mTotal.load()) > 0 && mShared.waiting() > (mWaitsForOthers.load() ? 1U : 0U);
 }
 
 bool ReceiveBudget::waitIdle() { return waitFor(0); }
@@ -34,18 +92,22 @@ bool ReceiveBudget::waitFor(std::int64_t level) {
   return !mStopped.load();
 }
 
-void ReceiveBudget::ReleasePacket(std::size_t bytes) noexcept {
-  const auto count = static_cast<std::int64_t>(bytes);
+void ReceiveBudget::ReleasePacket(std::size_t token) noexcept {
+  const Charge charge = Charge::of(token);
+  const std::int64_t amount = charge.sum();
+  mRequestBytes.fetch_sub(charge.request, std::memory_order_relaxed);
   if (mPackets.fetch_sub(1) == 1 && mIdle) mIdle();
-  const std::int64_t inFlight = mInFlight.fetch_sub(count) - count;
+  uncount(amount);
+  const std::int64_t inFlight = mInFlight.fetch_sub(amount) - amount;
   if (inFlight > mWakeLevel.load()) return;
   const std::lock_guard lock(mMutex);
   mCond.notify_one();
 }
 
 void ReceiveBudget::stop() noexcept {
-  const std::lock_guard lock(mMutex);
   mStopped.store(true);
+  mShared.wake();
+  const std::lock_guard lock(mMutex);
   mCond.notify_one();
 }
 

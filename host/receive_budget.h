@@ -9,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "shared_budget.h"
 #include "zor_packet.h"
 
 namespace zor::host {
@@ -16,55 +17,98 @@ namespace zor::host {
 /// What to do when something is not to be had now.
 enum class Patience { kWait, kNone };
 
-/// Counts the memory of the packets that were received and are not yet done
-/// with. One thread at a time receives; it calls `acquire` before it makes a packet
-/// and waits there while too much is in flight, unless it looks for room first. Any
-/// thread gives back by destroying the packet.
+/// Counts the memory of one remote's packets: of those that were received and are not yet done
+/// with, each together with the reply that it may lead to, and of the replies that wait to be
+/// written. One thread at a time receives; it takes from the budget before it makes a packet and
+/// waits there, with patience, while too much is in flight. Any thread gives back by destroying
+/// a packet.
 ///
-/// The bound: packets in flight never take more than `limit` bytes, or one
-/// packet by itself when that is larger. With kDefaultLimit and the largest
-/// packet that is 64 MiB; beside them exist at most the replies that the
-/// outbox holds and the one that is being made, which carries at most 64 MiB of
-/// a request's or of files' data. (A listing is as large as its directory.)
+/// Two bounds. Requests in flight and the replies that they may lead to never count more than
+/// `limit` bytes, or one request by itself when that is larger. And what all remotes hold
+/// beyond kOwnShare each comes out of `shared`. So a remote that does not read its replies
+/// leaves the others their share, and what all of them hold is at most the shares and the
+/// shared limit. (A listing is as large as its directory, and counts once it is made.)
 class ReceiveBudget final : public PacketBudget {
  public:
   static constexpr std::size_t kDefaultLimit = std::size_t{32} << 20;
+  /// What a remote can always have in flight. More than the requests of this project's own
+  /// clients take.
+  static constexpr std::size_t kOwnShare = std::size_t{4} << 20;
   /// What a packet counts beside its bytes: the objects around them and the
   /// allocator's share.
   static constexpr std::size_t kPacketOverhead = 256;
 
-  /// `idle` is called, on any thread, when the last packet is done with.
-  explicit ReceiveBudget(std::function<void()> idle = {}, std::size_t limit = kDefaultLimit)
-      : mIdle(std::move(idle)), mLimit(limit) {}
+  /// `shared` must outlive the budget. `idle` is called, on any thread, when the last
+  /// request is done with.
+  explicit ReceiveBudget(SharedBudget& shared, std::function<void()> idle = {},
+                         std::size_t limit = kDefaultLimit)
+      : mShared(shared), mIdle(std::move(idle)), mLimit(limit) {}
 
-  /// How many packets are in flight, and what they count together, in bytes.
+  /// How many requests are in flight, and what they hold themselves, in bytes.
   std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
-  std::size_t bytes() const noexcept {
-    return static_cast<std::size_t>(mInFlight.load(std::memory_order_relaxed));
-  }
+  std::size_t bytes() const noexcept { return mRequestBytes.load(std::memory_order_relaxed); }
+  /// What requests and replies count together, in bytes.
+  std::size_t total() const noexcept { return static_cast<std::size_t>(mTotal.load()); }
 
-  /// Whether `bytes` more may be in flight now.
-  bool hasRoom(std::size_t bytes) const noexcept;
+  /// What a request counts: its own bytes, and those of the reply that it may lead to.
+  struct Charge {
+    std::uint32_t request;
+    std::uint32_t reply = 0;
 
-  /// Waits until `bytes` more may be in flight, and counts them. False when
+    std::int64_t sum() const noexcept { return std::int64_t{request} + reply; }
+    /// What ReleasePacket is to be called with.
+    std::size_t token() const noexcept { return std::size_t{reply} << 32 | request; }
+    static Charge of(std::size_t token) noexcept {
+      return {static_cast<std::uint32_t>(token), static_cast<std::uint32_t>(token >> 32)};
+    }
+  };
+
+  /// Waits until a request may be in flight, and counts it. False when
   /// the budget was stopped; nothing is counted then.
-  bool acquire(std::size_t bytes);
+  bool acquire(Charge charge);
 
-  /// Waits until nothing is in flight. False when the budget was stopped.
+  /// The same without waiting: false when there is no room now.
+  bool tryAcquire(Charge charge) noexcept;
+
+  /// Counts a reply until it is destroyed. Does not wait: its request has done so.
+  void chargeReply(PacketBuffer& reply) noexcept;
+
+  /// Whether this remote holds what another one waits for.
+  bool keepsOthersWaiting() const noexcept;
+
+  /// Waits until no request is in flight. False when the budget was stopped.
   bool waitIdle();
 
-  void ReleasePacket(std::size_t bytes) noexcept override;
+  /// `token` is a charge's.
+  void ReleasePacket(std::size_t token) noexcept override;
 
   /// Makes every waiting, now and later, end at once. Any thread.
   void stop() noexcept;
 
  private:
-  bool waitFor(std::int64_t level);
+  struct Replies final : PacketBudget {
+    explicit Replies(ReceiveBudget& budget) noexcept : of(budget) {}
+    void ReleasePacket(std::size_t bytes) noexcept override {
+      of.uncount(static_cast<std::int64_t>(bytes));
+    }
+    ReceiveBudget& of;
+  };
 
+  bool hasRoom(std::int64_t count) const noexcept;
+  bool waitFor(std::int64_t level);
+  bool count(std::int64_t count, bool inTurn) noexcept;
+  void uncount(std::int64_t count) noexcept;
+  void begin(Charge charge) noexcept;
+
+  SharedBudget& mShared;
   const std::function<void()> mIdle;
   const std::size_t mLimit;
+  Replies mReplies{*this};
   std::atomic<std::size_t> mPackets{0};
-  std::atomic<std::int64_t> mInFlight{0};
+  std::atomic<std::size_t> mRequestBytes{0};
+  std::atomic<std::int64_t> mInFlight{0};    ///< requests and the replies that they may lead to
+  std::atomic<std::int64_t> mTotal{0};       ///< these and the replies that there are
+  std::atomic<bool> mWaitsForOthers{false};  ///< the receiver does
   std::atomic<std::int64_t> mWakeLevel{-1};  ///< what the receiver waits for; -1: it does not
   std::mutex mMutex;
   std::condition_variable mCond;

@@ -44,7 +44,10 @@ bool Reception::receive() {
     mFrames->commit(static_cast<std::size_t>(received));
     return true;
   }
-  if (received < 0) {
+  if (received == -ETIMEDOUT) {
+    spdlog::warn("ended the connection: the client sends nothing, and others wait for its memory");
+    mLink.end();
+  } else if (received < 0) {
     spdlog::error("receiving failed: {}", std::strerror(static_cast<int>(-received)));
   } else if (mLink.ended()) {
     spdlog::info("the connection to the remote has ended");
@@ -61,6 +64,7 @@ Reception::Delivered Reception::deliver(Patience patience) {
   Status status;
   for (std::unique_ptr<ZorPacket> packet;
        (status = mFrames->next(packet, patience)) == Status::kPacket; ++count) {
+    mPackets.fetch_add(1, std::memory_order_relaxed);
     if (packet->GetCmd() >= wire::kFirstBusEvent) {
       mDriver->onBusEvent(std::move(packet));
     } else {

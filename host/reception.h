@@ -35,6 +35,9 @@ class Reception final : public RequestSource {
   void poll() noexcept override;
   bool await() noexcept override;
 
+  /// How many packets came.
+  std::uint64_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
+
  private:
   using Lock = std::unique_lock<std::mutex>;
   enum class Delivered { kAll, kSome, kOver };
@@ -51,6 +54,7 @@ class Reception final : public RequestSource {
   // Both during `run`, and of its thread; while mLent guarded by mMutex.
   FrameReader* mFrames = nullptr;
   ZorDriver* mDriver = nullptr;
+  std::atomic<std::uint64_t> mPackets{0};
   std::atomic<bool> mAsked{false};   ///< the driver does ask
   std::atomic<bool> mAsleep{false};  ///< its thread waits to be called; becomes true under mMutex
 

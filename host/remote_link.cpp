@@ -13,6 +13,9 @@
 namespace zor::host {
 namespace {
 
+// How long a remote may do nothing while others wait for the memory that it holds.
+constexpr timeval kStandstill{5, 0};
+
 // An echoed request that came in network byte order is again what it was on
 // the wire, its header fields included.
 std::uint32_t lengthOf(const ZorPacket& packet) noexcept {
@@ -27,11 +30,14 @@ bool isAnnouncement(const ZorPacket& packet) noexcept {
 
 }  // namespace
 
-RemoteLink::RemoteLink(UniqueFd socket)
+RemoteLink::RemoteLink(UniqueFd socket, SharedBudget& shared)
     : mSocket(std::move(socket)),
-      mBudget([this] { mOutbox.flushUnlessHeld(); }),
+      mBudget(shared, [this] { mOutbox.flushUnlessHeld(); }),
       mOutbox(mSocket.get(), mBudget, [this] { end(); }) {
   enlargeSendBuffer(mSocket.get());
+  for (const int direction : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+    ::setsockopt(mSocket.get(), SOL_SOCKET, direction, &kStandstill, sizeof kStandstill);
+  }
 }
 
 int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
@@ -42,7 +48,15 @@ int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
                   length, packet->mBuffer->capacity);
     return -1;
   }
+  if (mDiverts.load(std::memory_order_relaxed)) {
+    const std::lock_guard lock(mStateMutex);
+    mDiverts = false;
+    mDiverted = std::move(packet);
+    mStateCond.notify_all();
+    return 0;
+  }
   const bool announcement = isAnnouncement(*packet);
+  mBudget.chargeReply(*packet->mBuffer);
   if (!mOutbox.send(std::move(packet), length)) return -1;
   if (announcement) {
     const std::lock_guard lock(mStateMutex);
@@ -61,9 +75,16 @@ ssize_t RemoteLink::receive(std::span<iovec> space, Patience patience) noexcept 
   message.msg_iovlen = space.size();
   while (!ended()) {
     const ssize_t received = ::recvmsg(mSocket.get(), &message, flags);
-    if (received >= 0) return received;
+    if (received >= 0) {
+      mReceived.fetch_add(static_cast<std::uint64_t>(received), std::memory_order_relaxed);
+      return received;
+    }
     if (errno == ECONNRESET) return 0;  // it left without reading everything
-    if (errno != EINTR) return -errno;
+    if (errno == EAGAIN && patience == Patience::kWait) {
+      if (mBudget.keepsOthersWaiting()) return -ETIMEDOUT;
+    } else if (errno != EINTR) {
+      return -errno;
+    }
   }
   return 0;
 }
@@ -85,6 +106,14 @@ void RemoteLink::end() noexcept {
 bool RemoteLink::remoteGone() const noexcept {
   pollfd state{mSocket.get(), 0, 0};
   return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+void RemoteLink::divertNext() { mDiverts = true; }
+
+std::unique_ptr<ZorPacket> RemoteLink::waitDiverted(std::chrono::milliseconds limit) {
+  std::unique_lock lock(mStateMutex);
+  mStateCond.wait_for(lock, limit, [this] { return mDiverted || ended(); });
+  return std::move(mDiverted);
 }
 
 bool RemoteLink::waitAnnounced(std::chrono::milliseconds limit) {

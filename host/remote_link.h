@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <span>
 
@@ -21,13 +22,19 @@ namespace zor::host {
 /// `receive` belongs to one thread at a time; everything else may be called on any.
 class RemoteLink {
  public:
-  /// Throws std::system_error when there is no thread to be had.
-  explicit RemoteLink(UniqueFd socket);
+  /// `shared` must outlive the link. Throws std::system_error when there is no thread
+  /// to be had.
+  RemoteLink(UniqueFd socket, SharedBudget& shared);
 
   /// Takes over `packet`, to be written soon and whole; waits while the remote
   /// does not read and much is waiting already. 0, or -1 when the packet is
   /// malformed or the link has ended; a failed write ends the link.
   int send(std::unique_ptr<ZorPacket> packet) noexcept;
+
+  /// Keeps the next packet that is sent for `waitDiverted`, which returns nothing when the
+  /// link ended or the time ran out before.
+  void divertNext();
+  std::unique_ptr<ZorPacket> waitDiverted(std::chrono::milliseconds limit);
 
   /// Waits until everything has been written, or the link has ended.
   void drain() { mOutbox.drain(); }
@@ -38,7 +45,8 @@ class RemoteLink {
 
   /// Receives into `space`. The number of bytes; 0 when the remote has closed
   /// its side or the link has ended; a negative errno value on failure, -EAGAIN
-  /// when there is nothing to receive and `patience` is kNone.
+  /// when there is nothing to receive and `patience` is kNone, -ETIMEDOUT when the
+  /// remote sends nothing for long and holds memory that others wait for.
   ssize_t receive(std::span<iovec> space, Patience patience) noexcept;
 
   /// Waits until there is something to receive, or the end. False when the time
@@ -57,13 +65,20 @@ class RemoteLink {
   bool waitAnnounced(std::chrono::milliseconds limit);
 
   ReceiveBudget& budget() noexcept { return mBudget; }
+  const ReceiveBudget& budget() const noexcept { return mBudget; }
+
+  std::uint64_t receivedBytes() const noexcept { return mReceived.load(std::memory_order_relaxed); }
+  std::uint64_t sentBytes() const noexcept { return mOutbox.written(); }
 
  private:
   const UniqueFd mSocket;
   std::atomic<bool> mEnded{false};
+  std::atomic<std::uint64_t> mReceived{0};
   std::mutex mStateMutex;
   std::condition_variable mStateCond;
-  bool mAnnounced = false;  ///< guarded by mStateMutex
+  bool mAnnounced = false;  ///< this and the next by mStateMutex
+  std::unique_ptr<ZorPacket> mDiverted;
+  std::atomic<bool> mDiverts{false};
   ReceiveBudget mBudget;
   Outbox mOutbox;
 };

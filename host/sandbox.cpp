@@ -79,7 +79,7 @@ class Report {
 
 }  // namespace
 
-void confine(SandboxMode mode, const std::string& directory, bool readOnly) {
+bool confine(SandboxMode mode, const std::string& directory, bool readOnly) {
   ::tzset();  // the log's times need a file that is out of reach afterwards
   Report report;
   int version = 0;
@@ -96,12 +96,13 @@ void confine(SandboxMode mode, const std::string& directory, bool readOnly) {
   report.take("filtered system calls", filterSystemCalls);
   if (report.missing().empty()) {
     spdlog::info("confined to {}: {}", printable(directory), report.holding());
-    return;
+    return true;
   }
   if (mode == SandboxMode::kRequired) {
     throw std::runtime_error("cannot be confined, without: " + report.missing());
   }
   spdlog::warn("confined in part: {}; without: {}", report.holding(), report.missing());
+  return version != 0;
 }
 
 }  // namespace zor::host

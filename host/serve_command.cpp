@@ -1,11 +1,14 @@
 #include "serve_command.h"
 
-#include <fcntl.h>
+#include <pwd.h>
 #include <spdlog/spdlog.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdint>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -18,13 +21,14 @@
 #include "cleanup_process.h"
 #include "device_parameters.h"
 #include "host_device.h"
+#include "host_signals.h"
 #include "log_sink.h"
 #include "module_loader.h"
 #include "morvel_log.h"
 #include "mounted_partition.h"
 #include "sandbox.h"
+#include "served_directory.h"
 #include "server.h"
-#include "signals_blocked.h"
 #include "text.h"
 
 namespace zor::host {
@@ -42,6 +46,8 @@ struct ServeOptions {
   std::string sandbox = "auto";
   std::string traceFile;
   std::vector<std::string> tracePaths;
+  std::string user;
+  std::size_t maxClients = kMaxClients;
   bool readOnly = false;
 };
 
@@ -61,20 +67,6 @@ const std::map<std::string, LogLevels>& logLevels() {
   return levels;
 }
 
-// Of the mount as well: the same disk mounted again is outside of what a host was
-// confined to.
-using Identity = std::pair<std::uint64_t, std::uint64_t>;
-
-std::optional<Identity> identityOf(const std::string& directory) {
-  constexpr unsigned kUniqueMount = 0x4000;  // younger than the headers
-  struct statx status {};
-  if (::statx(AT_FDCWD, directory.c_str(), 0, STATX_INO | STATX_MNT_ID | kUniqueMount, &status) !=
-      0) {
-    return std::nullopt;
-  }
-  return Identity(status.stx_mnt_id, status.stx_ino);
-}
-
 // Nothing: the host keeps the rights that it was started with.
 const std::map<std::string, std::optional<SandboxMode>>& sandboxModes() {
   static const std::map<std::string, std::optional<SandboxMode>> modes = {
@@ -86,8 +78,10 @@ const std::map<std::string, std::optional<SandboxMode>>& sandboxModes() {
 // the rights for it.
 class Cleanup {
  public:
-  explicit Cleanup(std::optional<MountedPartition>& mounted) noexcept : mMounted(mounted) {}
+  Cleanup(std::optional<MountedPartition>& mounted, Listener& listener) noexcept
+      : mMounted(mounted), mListener(listener) {}
   ~Cleanup() {
+    removeSocket();
     try {
       unmount();
     } catch (const std::exception& error) {
@@ -97,17 +91,22 @@ class Cleanup {
   Cleanup(const Cleanup&) = delete;
   Cleanup& operator=(const Cleanup&) = delete;
 
-  void splitOff(Listener& listener) {
+  void splitOff() {
     CleanupProcess::Steps steps(kStepCount);
-    steps[kRemoveSocket] = [&listener] { listener.removePath(); };
+    steps[kRemoveSocket] = [this] { mListener.removePath(); };
     if (mMounted) steps[kUnmount] = [this] { mMounted->unmount(); };
-    mProcess.emplace(std::move(steps), listener.identity());
+    mProcess.emplace(std::move(steps), mListener.kept());
     mUnmountsElsewhere = mMounted.has_value();
     if (mMounted) mMounted->release();
   }
   void removeSocket() noexcept {
+    if (std::exchange(mSocketRemoved, true)) return;
     try {
-      if (mProcess) mProcess->run(kRemoveSocket);
+      if (mProcess) {
+        mProcess->run(kRemoveSocket);
+      } else {
+        mListener.removePath();
+      }
     } catch (const std::exception& error) {
       spdlog::error("the socket is left behind: {}", error.what());
     }
@@ -124,8 +123,10 @@ class Cleanup {
   enum Step : std::size_t { kRemoveSocket, kUnmount, kStepCount };
 
   std::optional<MountedPartition>& mMounted;
+  Listener& mListener;
   std::optional<CleanupProcess> mProcess;
   bool mUnmountsElsewhere = false;
+  bool mSocketRemoved = false;
 };
 
 std::string servedDirectory(const std::string& given) {
@@ -138,11 +139,55 @@ std::string servedDirectory(const std::string& given) {
   return directory.string();
 }
 
+// A host that root runs is there for the user of the desktop.
+std::optional<Listener::Owner> socketOwner(const std::string& name) {
+  if (name.empty()) return std::nullopt;
+  std::vector<char> memory(std::size_t{64} << 10);
+  passwd entry{};
+  passwd* found = nullptr;
+  const int error = ::getpwnam_r(name.c_str(), &entry, memory.data(), memory.size(), &found);
+  if (found == nullptr) {
+    throw std::runtime_error("there is no user " + printable(name) +
+                             (error != 0 ? std::string(": ") + std::strerror(error) : ""));
+  }
+  if (::geteuid() != 0 && found->pw_uid != ::geteuid()) {
+    throw std::runtime_error("only root can serve for another user (--user " + printable(name) +
+                             ")");
+  }
+  return Listener::Owner{found->pw_uid, found->pw_gid};
+}
+
+std::vector<uid_t> admittedUsers(const std::optional<Listener::Owner>& owner) {
+  std::vector<uid_t> users = {0, ::geteuid()};
+  if (owner) users.push_back(owner->user);
+  return users;
+}
+
+void warnOfSetuidPrograms(const std::string& directory, bool readOnly) {
+  struct statvfs disk {};
+  if (::geteuid() != 0 || readOnly || ::statvfs(directory.c_str(), &disk) != 0) return;
+  if ((disk.f_flag & ST_NOSUID) != 0) return;
+  spdlog::warn(
+      "the client can make programs in {} that run as root for every user here who reaches them "
+      "(setuid). Mount the file system with nosuid, or serve it as another user",
+      printable(directory));
+}
+
+// Modes are the clients' to choose. Only what nobody chose, as those of directories that are
+// made on the way to a file, must not let everybody write.
+void letClientsChooseModes() noexcept {
+  const mode_t before = ::umask(0);
+  ::umask(before & S_IWOTH);
+}
+
 void serve(const ServeOptions& options) {
   const LogLevels& levels = logLevels().at(options.logLevel);
   spdlog::set_level(levels.host);
   morvelLogSetLevel(levels.module);
 
+  // From here on, so that a partition that is being mounted is unmounted again.
+  HostSignals signals;
+  const auto owner = socketOwner(options.user);
   const DriverModule module(
       options.module.empty() ? DriverModule::defaultFile() : std::filesystem::path(options.module),
       kModuleName);
@@ -155,40 +200,28 @@ void serve(const ServeOptions& options) {
     for (const std::string& glob : options.tracePaths) paths->Add(glob);
   }
 
-  // A signal that comes while the partition is being mounted waits until the
-  // server looks for signals, so that what was mounted is unmounted again.
-  std::optional<SignalsBlocked> blocked;
   std::optional<MountedPartition> mounted;
-  if (!options.partition.empty()) {
-    blocked.emplace();
-    mounted.emplace(options.partition, options.readOnly);
-  }
+  if (!options.partition.empty()) mounted.emplace(options.partition, options.readOnly);
   const std::string directory = servedDirectory(mounted ? mounted->directory() : options.directory);
   const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
   const DeviceParameters parameters = makeParameters(directory, name, options.readOnly);
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);
+  ServedDirectory disk(directory);
+  warnOfSetuidPrograms(directory, options.readOnly);
 
-  Cleanup cleanup(mounted);
-  std::optional<Identity> confinedTo;
-  ServerHooks hooks;
-  hooks.listening = [&](Listener& listener) {
-    if (const auto mode = sandboxModes().at(options.sandbox)) {
-      cleanup.splitOff(listener);
-      confine(*mode, directory, options.readOnly);
-      confinedTo = identityOf(directory);
-    }
-    startLogThread();
-    blocked.reset();
-  };
-  hooks.arrived = [&] {
-    if (!confinedTo || confinedTo == identityOf(directory)) return;
-    spdlog::error(
-        "{} is not the directory that this host was confined to: the disk is gone, or was mounted "
-        "again. Start the host anew, or with --sandbox=off",
-        printable(directory));
-  };
-  hooks.closed = [&cleanup] { cleanup.removeSocket(); };
-  runServer(module, base, options.socketPath, directory, hooks);
+  Listener listener(options.socketPath, owner);
+  Cleanup cleanup(mounted, listener);
+  if (const auto mode = sandboxModes().at(options.sandbox)) {
+    cleanup.splitOff();
+    if (confine(*mode, directory, options.readOnly)) disk.confinedToMount();
+  }
+  letClientsChooseModes();
+  startLogThread();
+  signals.attend();
+  disk.watch();
+  spdlog::info("serving {} on {}", printable(directory), printable(options.socketPath));
+  runServer(module, base, disk, listener, signals, {options.maxClients, admittedUsers(owner)},
+            [&cleanup] { cleanup.removeSocket(); });
   cleanup.unmount();
 }
 
@@ -196,7 +229,7 @@ void serve(const ServeOptions& options) {
 
 void addServeCommand(CLI::App& app, std::function<void()>& run) {
   auto options = std::make_shared<ServeOptions>();
-  CLI::App* command = app.add_subcommand("serve", "Serve a directory to a remote");
+  CLI::App* command = app.add_subcommand("serve", "Serve a directory to remote desktops");
   std::vector<std::string> levels;
   for (const auto& level : logLevels()) levels.push_back(level.first);
 
@@ -208,6 +241,14 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
   served->require_option(1);
   command->add_option("--socket", options->socketPath, "Path of the Unix socket to listen on")
       ->required();
+  command->add_option("--user", options->user,
+                      "User whose the socket is, and who may connect beside root (for a host that "
+                      "root runs)");
+  command
+      ->add_option("--max-clients", options->maxClients,
+                   "How many clients may be connected at once")
+      ->check(CLI::Range(std::size_t{1}, kMaxClients))
+      ->capture_default_str();
   command->add_option("--name", options->name,
                       "Name announced to the remote (default: the directory's own)");
   command->add_flag("--read-only", options->readOnly, "Refuse every change");

@@ -6,13 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <asio.hpp>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
+#include <list>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "connection.h"
@@ -23,133 +23,206 @@ namespace {
 
 // How long accepting pauses when the system has no descriptor left for it.
 constexpr auto kAcceptPause = std::chrono::milliseconds(200);
+// How long a newcomer waits for drivers that are being closed.
+constexpr auto kClosingPatience = std::chrono::seconds(2);
+// Drivers that are still there so long after the end has begun are worth a line.
+constexpr auto kEndPatience = std::chrono::seconds(3);
 
 class Server {
  public:
-  Server(const DriverModule& module, std::shared_ptr<HostDevBase> base, const ServerHooks& hooks)
+  Server(const DriverModule& module, std::shared_ptr<HostDevBase> base, ServedDirectory& disk,
+         Listener& listener, HostSignals& signals, const ServerOptions& options,
+         const std::function<void()>& closed)
       : mModule(module),
         mBase(std::move(base)),
-        mHooks(hooks),
-        mSignals(mContext, SIGINT, SIGTERM) {}
+        mDisk(disk),
+        mOptions(options),
+        mHostSignals(signals),
+        mClosed(closed),
+        mListener(listener),
+        mSignals(mContext, ::fcntl(signals.fd(), F_DUPFD_CLOEXEC, 0)),
+        mAcceptor(std::in_place, mContext, ::fcntl(listener.fd(), F_DUPFD_CLOEXEC, 0)) {}
 
-  void run(const std::string& socketPath, const std::string& served) {
-    mListener.emplace(socketPath);
-    mAcceptor.emplace(mContext, ::fcntl(mListener->fd(), F_DUPFD_CLOEXEC, 0));
+  void run() {
     awaitSignal();
-    awaitRemote();
-    mHooks.listening(*mListener);
-    spdlog::info("serving {} on {}", printable(served), printable(socketPath));
+    awaitClient();
     mContext.run();
   }
 
  private:
+  using Wait = asio::posix::descriptor_base;
+
   void awaitSignal() {
-    mSignals.async_wait([this](const asio::error_code& error, int signal) {
+    mSignals.async_wait(Wait::wait_read, [this](const asio::error_code& error) {
       if (error) return;
-      if (mEnding) ::_exit(1);
-      spdlog::info("ending on signal {}", signal);
-      beginEnd();
+      const HostSignals::Asked asked = mHostSignals.take();
+      if (asked.report) report();
+      if (asked.end != 0 && !mEnding) beginEnd(asked.end);
+      awaitSignal();
     });
   }
 
-  // From here on the loop runs until the connection has finished; the signals
-  // are still awaited, but no longer keep the loop alive.
-  void beginEnd() {
+  // From here on the loop runs until the last connection has finished.
+  void beginEnd(int signal) {
     mEnding = true;
+    spdlog::info("ending on signal {}", signal);
     mAcceptor.reset();
-    mListener.reset();
-    mHooks.closed();
+    mListener.close();
+    mClosed();
     mPause.cancel();
-    if (mConnection) {
-      awaitSignal();
-      mConnection->end();
-    } else {
-      mContext.stop();
+    for (Connection& connection : mConnections) connection.end();
+    if (mConnections.empty()) return mContext.stop();
+    mPause.expires_after(kEndPatience);
+    mPause.async_wait([this](const asio::error_code& error) {
+      if (error) return;
+      spdlog::warn("waiting for the requests of {} clients; a second signal ends at once",
+                   mConnections.size());
+    });
+  }
+
+  // Through the level of the log, as it was asked for.
+  template <class... Arguments>
+  static void print(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    spdlog::log(std::max(spdlog::level::info, spdlog::get_level()), format,
+                std::forward<Arguments>(arguments)...);
+  }
+
+  void report() {
+    Connection::Figures all = mLeft;
+    for (const Connection& connection : mConnections) all += connection.figures();
+    print(
+        "served {} clients, {} requests, {} bytes received, {} bytes sent; now {} clients, {} "
+        "drivers being closed, {} requests waiting, {} bytes in memory",
+        mCount, all.packets, all.received, all.sent, clients(), mConnections.size() - clients(),
+        all.waitingPackets, all.waitingBytes);
+    for (const Connection& connection : mConnections) {
+      const Connection::Figures own = connection.figures();
+      print(
+          "{} process {} of user {}: {} requests, {} bytes received, {} bytes sent, {} requests "
+          "waiting, {} bytes in memory",
+          connection.clientGone() ? "left:" : "connected:", connection.client().process,
+          connection.client().user, own.packets, own.received, own.sent, own.waitingPackets,
+          own.waitingBytes);
     }
   }
 
-  void awaitRemote() {
-    mAcceptor->async_wait(asio::posix::descriptor_base::wait_read,
-                          [this](const asio::error_code& error) {
-                            if (!error && !mEnding) takeRemote();
-                          });
+  // How many are served; the others' drivers are being closed.
+  std::size_t clients() const {
+    return static_cast<std::size_t>(
+        std::count_if(mConnections.begin(), mConnections.end(),
+                      [](const Connection& connection) { return !connection.clientGone(); }));
+  }
+  bool manyClosing() const { return mConnections.size() - clients() >= kMaxClients; }
+
+  void awaitClient() {
+    mAcceptor->async_wait(Wait::wait_read, [this](const asio::error_code& error) {
+      if (!error && !mEnding) takeClient();
+    });
+  }
+  void awaitClientAfter(std::chrono::milliseconds pause) {
+    mPause.expires_after(pause);
+    mPause.async_wait([this](const asio::error_code&) {
+      if (!mEnding) takeClient();
+    });
   }
 
-  void takeRemote() {
-    // A newcomer that arrives while its predecessor's driver is being closed
-    // waits in the socket's queue instead of being sent away.
-    if (mConnection && mConnection->remoteGone()) {
-      mAcceptDeferred = true;
-      return;
+  // A newcomer that has to wait does so in the socket's queue.
+  void takeClient() {
+    if (!manyClosing()) {
+      mOverdue = false;
+    } else if (!std::exchange(mOverdue, true)) {
+      return awaitClientAfter(kClosingPatience);
     }
     UniqueFd socket(::accept4(mAcceptor->native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
     if (socket) {
       admit(std::move(socket));
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      spdlog::error("cannot take in a remote: {}", std::strerror(errno));
-      mPause.expires_after(kAcceptPause);
-      mPause.async_wait([this](const asio::error_code& error) {
-        if (!error && !mEnding) awaitRemote();
-      });
-      return;
+      spdlog::error("cannot take in a client: {}", std::strerror(errno));
+      return awaitClientAfter(kAcceptPause);
     }
-    awaitRemote();
+    awaitClient();
   }
 
   void admit(UniqueFd socket) {
     ucred peer{};
     socklen_t size = sizeof peer;
+    const auto& users = mOptions.users;
     if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-      spdlog::warn("refused a remote: its user is unknown: {}", std::strerror(errno));
-    } else if (peer.uid != ::geteuid()) {
-      spdlog::warn("refused a remote: it runs as user {}", peer.uid);
-    } else if (mConnection) {
-      spdlog::warn("refused a second remote (process {})", peer.pid);
+      spdlog::warn("refused a client: its user is unknown: {}", std::strerror(errno));
+    } else if (std::find(users.begin(), users.end(), peer.uid) == users.end()) {
+      spdlog::warn("refused a client (process {}): it runs as user {}, who may not connect",
+                   peer.pid, peer.uid);
+    } else if (clients() >= mOptions.maxClients) {
+      spdlog::warn(
+          "refused a client (process {}): {} are connected, which is the limit "
+          "(--max-clients)",
+          peer.pid, clients());
+    } else if (manyClosing()) {
+      spdlog::warn(
+          "refused a client (process {}): {} clients left requests behind that are still "
+          "being served; does the disk hang?",
+          peer.pid, mConnections.size() - clients());
     } else {
       spdlog::info("a remote connected (process {})", peer.pid);
-      mHooks.arrived();
-      start(std::move(socket));
+      start(std::move(socket), {peer.pid, peer.uid});
     }
   }
 
-  void start(UniqueFd socket) {
+  void start(UniqueFd socket, Connection::Client client) {
     try {
-      mConnection = std::make_unique<Connection>(std::move(socket), mModule, mBase);
-      mConnection->start([this] { asio::post(mContext, [this] { onFinished(); }); });
+      mConnections.emplace_back(std::move(socket), client, mModule, mDisk, mBase, mShared);
     } catch (const std::exception& error) {
-      mConnection.reset();
-      spdlog::error("cannot serve the remote: {}", error.what());
+      spdlog::error("cannot serve the client: {}", error.what());
+      return;
+    }
+    const auto connection = std::prev(mConnections.end());
+    try {
+      connection->start([this, connection] {
+        asio::post(mContext, [this, connection] { onFinished(connection); });
+      });
+      ++mCount;
+    } catch (const std::exception& error) {
+      mConnections.erase(connection);
+      spdlog::error("cannot serve the client: {}", error.what());
     }
   }
 
-  void onFinished() {
-    mConnection.reset();
+  void onFinished(std::list<Connection>::iterator connection) {
+    Connection::Figures figures = connection->figures();
+    figures.waitingPackets = figures.waitingBytes = 0;
+    mLeft += figures;
+    mConnections.erase(connection);
     ::malloc_trim(0);  // what a flood took goes back to the system
-    if (mEnding) {
-      mContext.stop();
-    } else if (std::exchange(mAcceptDeferred, false)) {
-      awaitRemote();
-    }
+    if (mEnding && mConnections.empty()) mContext.stop();
+    // Who waits for this is taken in at once.
+    if (!mEnding && mOverdue && !manyClosing()) mPause.cancel();
   }
 
   const DriverModule& mModule;
   const std::shared_ptr<HostDevBase> mBase;
-  const ServerHooks& mHooks;
+  ServedDirectory& mDisk;
+  const ServerOptions& mOptions;
+  HostSignals& mHostSignals;
+  const std::function<void()>& mClosed;
+  Listener& mListener;
   asio::io_context mContext{1};
-  asio::signal_set mSignals;
-  asio::steady_timer mPause{mContext};
-  std::optional<Listener> mListener;
+  asio::posix::stream_descriptor mSignals;
   std::optional<asio::posix::stream_descriptor> mAcceptor;
-  std::unique_ptr<Connection> mConnection;
-  bool mAcceptDeferred = false;  ///< nobody watches the socket until the connection is gone
+  asio::steady_timer mPause{mContext};
+  SharedBudget mShared;
+  std::list<Connection> mConnections;
+  Connection::Figures mLeft;  ///< of those that are gone
+  std::size_t mCount = 0;
+  bool mOverdue = false;  ///< newcomers have waited for drivers that are being closed
   bool mEnding = false;
 };
 
 }  // namespace
 
-void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base,
-               const std::string& socketPath, const std::string& served, const ServerHooks& hooks) {
-  Server(module, std::move(base), hooks).run(socketPath, served);
+void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base, ServedDirectory& disk,
+               Listener& listener, HostSignals& signals, const ServerOptions& options,
+               const std::function<void()>& closed) {
+  Server(module, std::move(base), disk, listener, signals, options, closed).run();
 }
 
 }  // namespace zor::host

@@ -1,29 +1,41 @@
-// Taking in remotes, one at a time, until a signal says to end.
+// Taking in clients until a signal says to end.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <functional>
 #include <memory>
-#include <string>
+#include <vector>
 
 #include "host_device.h"
+#include "host_signals.h"
 #include "listener.h"
 #include "module_loader.h"
+#include "served_directory.h"
 
 namespace zor::host {
 
-struct ServerHooks {
-  std::function<void(Listener&)> listening;  ///< signals are awaited, the socket is there
-  std::function<void()> arrived;             ///< a remote is about to be served
-  std::function<void()> closed;              ///< the end has begun, the socket is closed
+/// The most clients that can be served at once: what each can always have in flight is
+/// part of a bound for all of them.
+inline constexpr std::size_t kMaxClients = 8;
+
+struct ServerOptions {
+  std::size_t maxClients = kMaxClients;
+  std::vector<uid_t> users;  ///< who may connect
 };
 
-/// Listens on `socketPath` and serves until SIGINT or SIGTERM arrives; returns
-/// once the connection's driver is closed and the socket's path removed. A
-/// second signal meanwhile ends the process with exit code 1. Throws
-/// std::runtime_error when it cannot listen. `served` is named in the log.
+/// Serves the clients that come to `listener`, each with a driver of its own, until `signals`
+/// ask for the end. Then `closed` is called first, which is to remove the socket's path, and
+/// every driver is closed.
 ///
-/// To be called on the main thread, while there is no other.
-void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base,
-               const std::string& socketPath, const std::string& served, const ServerHooks& hooks);
+/// A driver whose client has left is closed beside those that serve. Up to kMaxClients may be
+/// on their way out so; beyond that a newcomer waits two seconds for one of them, and is
+/// sent away then.
+///
+/// To be called on the main thread.
+void runServer(const DriverModule& module, std::shared_ptr<HostDevBase> base, ServedDirectory& disk,
+               Listener& listener, HostSignals& signals, const ServerOptions& options,
+               const std::function<void()>& closed);
 
 }  // namespace zor::host

@@ -1,19 +1,18 @@
-// Keeping the signals that end the host away for a while.
+// Keeping signals away for a while.
 #pragma once
 
 #include <csignal>
 
 namespace zor::host {
 
-/// SIGINT and SIGTERM wait while this object lives: for the calling thread, and
-/// for the threads that it starts meanwhile.
+/// The signals that have a meaning to the host wait while this object lives: for the calling
+/// thread, and for the threads and processes that it starts meanwhile.
 class SignalsBlocked {
  public:
   SignalsBlocked() noexcept {
     sigset_t signals;
     ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGINT);
-    ::sigaddset(&signals, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1}) ::sigaddset(&signals, signal);
     ::pthread_sigmask(SIG_BLOCK, &signals, &mOld);
   }
   ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &mOld, nullptr); }

@@ -1,6 +1,5 @@
 #include "system_call_filter.h"
 
-#include <asm/sockios.h>
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
@@ -208,11 +207,12 @@ class Filter {
     // send() is this with no address.
     ifEqual(SYS_sendto, {upperHalf(4), jump(BPF_JEQ, 0, 0, 2), argument(4), jump(BPF_JEQ, 0, 1, 0),
                          end(refusal(EPERM)), end(kAllow)});
-    // Typing into the terminal that the log goes to, and signals to others by
-    // way of a descriptor.
-    ifEqual(SYS_ioctl, {argument(1), jump(BPF_JEQ, TIOCSTI, 3, 0), jump(BPF_JEQ, TIOCLINUX, 2, 0),
-                        jump(BPF_JEQ, FIOSETOWN, 1, 0), jump(BPF_JEQ, SIOCSPGRP, 0, 1),
-                        end(refusal(EPERM)), end(kAllow)});
+    // What the C library asks of an output, and how descriptors wait. Typing into a terminal,
+    // the flags of a disk's files and all the drivers' own are not among it.
+    ifEqual(SYS_ioctl, {argument(1), jump(BPF_JEQ, TCGETS, 4, 0), jump(BPF_JEQ, TIOCGWINSZ, 3, 0),
+                        jump(BPF_JEQ, FIONREAD, 2, 0), jump(BPF_JEQ, FIONBIO, 1, 0),
+                        jump(BPF_JEQ, FIOCLEX, 0, 1), end(kAllow), end(refusal(EPERM))});
+    // Signals to others by way of a descriptor.
     ifEqual(SYS_fcntl, {argument(1), jump(BPF_JEQ, F_SETOWN, 1, 0),
                         jump(BPF_JEQ, F_SETOWN_EX, 0, 1), end(refusal(EPERM)), end(kAllow)});
   }

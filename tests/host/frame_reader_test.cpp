@@ -7,15 +7,19 @@
 #include <string_view>
 #include <vector>
 
+#include "driver/wire_text.h"
+
 namespace zor::host {
 namespace {
 
 using namespace std::string_literals;
+using test::le;
 
 // Puts `bytes` in, at most `chunk` at a time, and writes down what comes out:
 // cmd, request id, length and payload of each packet, and how it ended.
 std::string feed(std::string_view bytes, std::size_t chunk) {
-  ReceiveBudget budget;
+  SharedBudget shared;
+  ReceiveBudget budget{shared};
   std::string log;
   {
     FrameReader reader(budget);
@@ -81,6 +85,56 @@ TEST(FrameReader, ReadsPacketsLargerThanItsBuffer) {
   const std::string expected = "119/4294967295/ 106/5/" + large.substr(16) + " 102/7/abc between";
   for (const std::size_t chunk : {15U, 16U, 4097U, 262144U, 999999U, 2000000U}) {
     EXPECT_TRUE(feed(kEmpty + large + kLittle, chunk) == expected) << "in pieces of " << chunk;
+  }
+}
+
+std::string packetOf(unsigned cmd, const std::string& payload) {
+  return "\x27\1"s + le(cmd, 2) + le(1, 4) + le(16 + payload.size(), 4) + le(0, 4) + payload;
+}
+std::string fileOf(std::uint32_t size, const std::string& name) {
+  return le(0, 12) + le(size, 4) + le(name.size(), 4) + le(0, 4) + name;
+}
+
+// With what its reply may take, whatever came before it and in which pieces.
+TEST(FrameReader, CountsWhatAReplyMayTake) {
+  constexpr std::size_t kMiB = 1U << 20;
+  std::string many = le(600, 4);
+  for (int i = 0; i < 600; ++i) many += fileOf(1000, "/" + std::string(100, 'n'));
+  const struct {
+    std::string packet;
+    std::size_t reply;
+  } table[] = {{packetOf(105, fileOf(5000, "/f")), 42 + 5000},
+               {packetOf(105, fileOf(0xffffffff, "/f")), 42 + 32 * kMiB},
+               {packetOf(105, "short"), 21},
+               {packetOf(106, std::string(50000, 'x')), 0},
+               {packetOf(119, std::string(50000, 'x')), 50016},
+               {packetOf(123, many), 16 + many.size() + 600 * 1000},
+               {packetOf(123, le(2, 4) + fileOf(0xffffffff, "/f")), 46 + 64 * kMiB},
+               {packetOf(123, std::string(200000, 'x')), 200016 + 64 * kMiB}};
+  for (const auto& row : table) {
+    for (const std::size_t chunk : {15U, 5000U, 300000U}) {
+      SharedBudget shared;
+      ReceiveBudget budget(shared);
+      FrameReader reader(budget);
+      const std::string stream = packetOf(106, std::string(20000, 'x')) + row.packet;
+      std::unique_ptr<ZorPacket> packet;
+      std::size_t at = 0;
+      for (int packets = 0; packets < 2;) {
+        if (packets == 1) packet.reset();
+        if (reader.next(packet) == FrameReader::Status::kPacket) {
+          ++packets;
+          continue;
+        }
+        const iovec space = reader.space()[0];
+        const std::size_t part = std::min({space.iov_len, chunk, stream.size() - at});
+        ASSERT_GT(part, 0U);
+        std::memcpy(space.iov_base, stream.data() + at, part);
+        reader.commit(part);
+        at += part;
+      }
+      EXPECT_EQ(budget.total(), row.packet.size() + 256 + row.reply)
+          << &row - table << " " << chunk;
+    }
   }
 }
 

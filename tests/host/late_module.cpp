@@ -1,8 +1,12 @@
 // A module that takes its time before it announces its disk, and then tells
 // through which entry each packet came and whether it came too early. Built
-// with SILENT it never announces anything.
+// with SILENT it never announces anything; built with STUCK it is not closed while the file
+// that STUCK_WHILE names is there.
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 
 #include "protocol/commands.h"
@@ -33,6 +37,11 @@ class LateDriver final : public zor::ZorRawDriver {
   // A driver that is destroyed unclosed ends the program.
   int Close(signed char) override {
     if (mThread.joinable()) mThread.join();
+#ifdef STUCK
+    while (::access(std::getenv("STUCK_WHILE"), F_OK) == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+#endif
     return 0;
   }
 

@@ -1,12 +1,16 @@
 #include "listener.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cstring>
 #include <optional>
+#include <thread>
 
 #include "remote/temporary_directory.h"
 
@@ -76,6 +80,57 @@ TEST_F(ListenerTest, LeavesAPathThatIsNoLongerIts) {
   std::ofstream(mPath) << "another";
   listener.reset();
   EXPECT_TRUE(std::filesystem::exists(mPath));
+}
+
+// Anybody may lock a directory that he can read.
+TEST_F(ListenerTest, WaitsForNobodysLock) {
+  bound(SOCK_STREAM, mPath);
+  const UniqueFd directory(::open(mDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(directory.get(), LOCK_EX), 0);
+  EXPECT_EQ(refusal(mPath), "it listens");
+}
+
+TEST_F(ListenerTest, OfTwoThatStartAtOnceOneListens) {
+  for (int round = 0; round < 300; ++round) {
+    std::filesystem::remove(mPath);
+    if (round % 2 == 0) bound(SOCK_STREAM, mPath);
+    std::atomic<int> ready{0};
+    std::optional<Listener> listeners[2];
+    const auto start = [&](std::optional<Listener>& listener) {
+      for (++ready; ready < 2;) std::this_thread::yield();
+      try {
+        listener.emplace(mPath);
+      } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("already serving"));
+      }
+    };
+    std::thread other([&] { start(listeners[1]); });
+    start(listeners[0]);
+    other.join();
+    ASSERT_NE(listeners[0].has_value(), listeners[1].has_value()) << round;
+    EXPECT_THAT(refusal(mPath), HasSubstr("already serving"));
+    listeners[0].reset();
+    listeners[1].reset();
+    EXPECT_TRUE(std::filesystem::is_empty(mDirectory));
+  }
+}
+
+TEST_F(ListenerTest, GivesItsSocketToAnotherUserAndTakesNobodyElses) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can";
+  const auto owned = [&](uid_t user) {
+    std::filesystem::remove(mPath);
+    bound(SOCK_STREAM, mPath);
+    return ::chown(mPath.c_str(), user, 0) == 0;
+  };
+  ASSERT_TRUE(owned(65533));
+  EXPECT_THAT(refusal(mPath), HasSubstr("a socket of user 65533"));
+  for (const uid_t before : {0, 65534}) {
+    ASSERT_TRUE(owned(before));
+    const Listener listener(mPath, Listener::Owner{65534, 65534});
+    struct stat found {};
+    ASSERT_EQ(::lstat(mPath.c_str(), &found), 0);
+    EXPECT_TRUE(found.st_mode == (S_IFSOCK | 0600U) && found.st_uid == 65534);
+  }
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ class Intake final : public ZorRawDriver {
 struct Reading {
   Reading() {
     std::tie(mNear, remote) = socketPair();
-    mLink.emplace(std::move(mNear));
+    mLink.emplace(std::move(mNear), mShared);
     reception.emplace(*mLink);
     mThread = std::thread([this] {
       try {
@@ -116,6 +116,7 @@ struct Reading {
 
  private:
   UniqueFd mNear;
+  SharedBudget mShared;
   std::optional<RemoteLink> mLink;
   std::thread mThread;
 };
@@ -200,12 +201,12 @@ TEST(Reception, NothingIsLentToWhoWentToSleepMeanwhile) {
 TEST(Reception, AFullBudgetIsWaitedForByTheOtherThread) {
   Reading reading;
   reading.intake.keeps = true;
-  for (int i = 0; i < 31; ++i) reading.send(packetOf(119, 0, (1U << 20) - 16));
+  for (int i = 0; i < 31; ++i) reading.send(packetOf(106, 0, (1U << 20) - 16));
   ASSERT_TRUE(reading.arrived(31));
   reading.takeOver();
   const std::size_t all = reading.intake.count + 130;  // 123 at most have room
   for (std::size_t i = reading.intake.count; i < all; ++i) {
-    reading.send(packetOf(119, 0, (8U << 10) - 16));
+    reading.send(packetOf(106, 0, (8U << 10) - 16));
     reading.reception->await();
   }
   EXPECT_LT(reading.intake.count, all);

@@ -1,7 +1,11 @@
 #include "remote_link.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -15,7 +19,8 @@ using remote::test::takeBytes;
 
 TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
   auto [near, far] = socketPair();
-  RemoteLink link{UniqueFd(::dup(near.get()))};
+  SharedBudget shared;
+  RemoteLink link{UniqueFd(::dup(near.get())), shared};
   const auto packet = [](std::uint32_t length) {
     auto made = std::make_unique<ZorPacket>(20);
     made->mHeader->length = length;
@@ -35,7 +40,8 @@ TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
 
 TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
   const auto [near, far] = socketPair();
-  RemoteLink link{UniqueFd(::dup(near.get()))};
+  SharedBudget shared;
+  RemoteLink link{UniqueFd(::dup(near.get())), shared};
   constexpr std::size_t kSize = 300000;
   std::vector<std::thread> senders;
   for (const char mark : {'a', 'b', 'c'}) {
@@ -55,6 +61,38 @@ TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
   }
   link.end();  // while all of them wait: nobody reads any more
   for (std::thread& sender : senders) sender.join();
+}
+
+// Neither by not reading nor by not sending may one keep what the others wait for.
+TEST(RemoteLink, GivesUpOneThatStandsStillOnlyIfOthersWaitForItsMemory) {
+  for (const bool sends : {true, false}) {
+    const auto [near, far] = socketPair();
+    SharedBudget shared;
+    RemoteLink link{UniqueFd(::dup(near.get())), shared};
+    const timeval moment{0, 20000};
+    ::setsockopt(near.get(), SOL_SOCKET, sends ? SO_SNDTIMEO : SO_RCVTIMEO, &moment, sizeof moment);
+    std::atomic<bool> over{false};
+    std::thread standing([&] {
+      if (sends) {
+        auto packet = std::make_unique<ZorPacket>(SharedBudget::kDefaultLimit);
+        packet->mHeader->length = SharedBudget::kDefaultLimit;
+        EXPECT_EQ(link.send(std::move(packet)), -1);
+      } else {
+        ASSERT_TRUE(link.budget().acquire({1, SharedBudget::kDefaultLimit}));
+        char byte;
+        iovec space{&byte, 1};
+        EXPECT_EQ(link.receive({&space, 1}, Patience::kWait), -ETIMEDOUT);
+      }
+      over = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(over);
+    ReceiveBudget other(shared);
+    std::thread waiter([&] { other.acquire({1, SharedBudget::kDefaultLimit}); });
+    standing.join();
+    other.stop();
+    waiter.join();
+  }
 }
 
 }  // namespace

@@ -36,11 +36,11 @@ TEST_F(SandboxTest, AModuleThatWasTakenOverStaysInTheDisk) {
   ::setenv("ESCAPE_QUEUE", std::to_string(queue).c_str(), 1);
   fs::create_directories(mDirectory + "/disk/sub");
   for (const auto& [option, inside, outside] :  // what is possible
-       {std::tuple{"--sandbox=required", 3, 0}, {"--read-only", 1, 0}, {"--sandbox=off", 3, 14}}) {
+       {std::tuple{"--sandbox=required", 3, 0}, {"--read-only", 1, 0}, {"--sandbox=off", 3, 15}}) {
     for (const char* name : {"disk/f", "kept"}) write(name, "canary");
     serve({option, "--module", HOST_MODULES "escape_module.so"});
     EXPECT_TRUE(Remote(mSocket).closedByHost());
-    EXPECT_EQ(logged("escape "), 17);
+    EXPECT_EQ(logged("escape "), 18);
     EXPECT_EQ(logged("inside: possible"), inside);
     EXPECT_EQ(logged("possible"), inside + outside);
     EXPECT_EQ(logged("confined to"), outside == 0);

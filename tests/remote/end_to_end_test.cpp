@@ -293,7 +293,7 @@ TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
          {{"--bandwidth", "0", "ls"}, 2, "", "--bandwidth"},
          {{"chmod", "8", "f"}, 2, "", "octal"}});
   EXPECT_EQ(run({"--help"}), 0);
-  mDisk.serve();
+  mDisk.serve({"--max-clients", "1"});
   const pid_t watcher = start({"watch", "/"});
   ASSERT_TRUE(eventually(
       [this] { return readFile(mDisk.beside("log")).find("connected") != std::string::npos; }));
