@@ -37,8 +37,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const UniqueFd remote(ends[0]);
   {
     const auto params = toJson(host::makeParameters(disk.disk, "", false));
-    host::Connection connection(UniqueFd(ends[1]), module,
-                                std::make_shared<host::HostDevBase>(params, nullptr, nullptr));
+    host::ServedDirectory served(disk.disk);
+    host::SharedBudget budget;
+    host::Connection connection(UniqueFd(ends[1]), {::getpid(), ::geteuid()}, module, served,
+                                std::make_shared<host::HostDevBase>(params, nullptr, nullptr),
+                                budget);
     // The socket has room for all of an input.
     EXPECT_EQ(::send(remote.get(), data, size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
     ::shutdown(remote.get(), SHUT_WR);

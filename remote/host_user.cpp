@@ -73,7 +73,8 @@ Result<uid_t> checkHostUser(int socket, std::optional<uid_t> allowed) {
 }
 
 std::string whyTurnedAway(uid_t hostUser) {
-  const std::string full = "it serves as many clients as it may (see --max-clients of udisk-host)";
+  const std::string full =
+      "it serves as many clients as it may (see --max-clients of udisk-host), or its disk is gone";
   if (hostUser == ::geteuid()) return full + ", or it ended";
   return "it runs as " + describeUser(hostUser) +
          " and serves only that user, unless it was started for you with --user; or " + full;
