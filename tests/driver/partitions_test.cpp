@@ -106,6 +106,8 @@ TEST_F(PartitionsTest, AreReadFromTheListing) {
     LABEL="MY DISK" TYPE="ntfs"                       | MY ntfs;
     UUID="12" SEC_TYPE="msdos" LABEL="U" TYPE="vfat"  | 12 msdos;
     PARTUUID="p-1" TYPE="v"                           | p-1 v;
+    UUID="12-AB" LABEL=USB TYPE="vfat"                | 12-AB vfat;
+    UUID="12-AB" LABEL="U TYPE="v"                    | U2-AB v;
     LABEL="$(reboot)&-rf" TYPE="v"                    | $(reboot)&-rf v;
     LABEL="unclosed TYPE="v                           | unclosed v;
     LABEL="123456789012345678901234567890xyz" TYPE="v | 123456789012345678901234567890x v;

@@ -1,5 +1,6 @@
 // Which removable disk is there, and what is on it: read from the system's
 // tables and the partition listing of the blkid program.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -23,7 +24,7 @@ int numberFrom(const std::vector<std::string>& command) {
       result.output.substr(0, std::min<std::size_t>(result.output.find('\n'), 3)).c_str());
 }
 
-// Cuts at a whole UTF-8 character. The field is zeroed.
+// Cuts at a whole UTF-8 character.
 template <std::size_t N>
 void assignField(char (&field)[N], std::string_view text) {
   std::size_t length = std::min(text.size(), N - 1);
@@ -39,11 +40,14 @@ void assignField(char (&field)[N], std::string_view text) {
   std::memcpy(field, text.data(), length);
 }
 
-// The first quoted part of a piece such as LABEL="USB".
-std::string quotedValue(UDiskService& service, std::string piece) {
-  std::string value(piece.size() + 1, '\0');
-  value.resize(static_cast<std::size_t>(service.GetString(piece.data(), value.data())));
-  return value;
+// Sets a field to the first quoted part of a piece such as LABEL="USB". What the
+// piece does not write over stays.
+template <std::size_t N>
+void assignQuoted(UDiskService& service, char (&field)[N], std::string piece) {
+  std::string value(field);
+  value.resize(std::max(piece.size(), N) + 1);
+  service.GetString(piece.data(), value.data());
+  assignField(field, value.c_str());
 }
 
 bool contains(const std::string& text, const char* part) {
@@ -59,11 +63,11 @@ bool parsePartition(UDiskService& service, const std::string& line, UDiskInfo& i
   std::istringstream pieces(line.substr(colon + 1));
   for (std::string piece; std::getline(pieces, piece, ' ');) {
     if (contains(piece, "LABEL=")) {
-      assignField(info.label, quotedValue(service, piece));
+      assignQuoted(service, info.label, piece);
     } else if (contains(piece, "UUID=")) {
-      if (info.label[0] == '\0') assignField(info.label, quotedValue(service, piece));
+      if (info.label[0] == '\0') assignQuoted(service, info.label, piece);
     } else if (contains(piece, "TYPE=")) {
-      assignField(info.fsType, quotedValue(service, piece));
+      assignQuoted(service, info.fsType, piece);
       break;
     }
   }
