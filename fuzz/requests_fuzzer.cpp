@@ -101,11 +101,11 @@ struct Forms {
   static constexpr void (*kChecks[])(Bytes) = {&check<R>...};
 };
 using Table =
-    Forms<MountNameRecord, MountNameRecord, FileAttrRecord, FileCreateRecord, FileCreateRecord,
-          FileReadRecord, FileWriteRecord, DirRecord, XattrRecord, TruncateRecord, FsyncRecord,
-          ChmodRecord, ChownRecord, StatvfsRecord, MakeDirRecord, RemoveRecord, TwoPathRecord,
-          RemoveRecord, TwoPathRecord, HandleRecord, HandleRecord, DirRecord, MountNameRecord,
-          SmallFileRecord, MountResponseRecord>;
+    Forms<MountRemoteRequest, MountRemoteRequest, FileAttrRecord, FileCreateRecord,
+          FileCreateRecord, FileReadRecord, FileWriteRecord, DirRecord, XattrRecord, TruncateRecord,
+          FsyncRecord, ChmodRecord, ChownRecord, StatvfsRecord, MakeDirRecord, RemoveRecord,
+          TwoPathRecord, RemoveRecord, TwoPathRecord, HandleRecord, HandleRecord, DirRecord,
+          MountRemoteRequest, SmallFileRecord, MountResponseRecord>;
 
 }  // namespace
 

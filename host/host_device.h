@@ -5,10 +5,10 @@
 #include <string>
 
 #include "remote_link.h"
-#include "support/request_source.h"
 #include "trace_file.h"
 #include "zor_dev_base.h"
 #include "zor_device.h"
+#include "zor_request_source.h"
 
 namespace zor::host {
 
@@ -34,13 +34,13 @@ class HostDevBase final : public ZorDevBase {
 };
 
 /// The device as one remote sees it.
-class HostDevice final : public ZorDevice, public RequestSource {
+class HostDevice final : public ZorDevice {
  public:
   static constexpr std::uint8_t kDeviceId = 1;
 
   /// `link` and `requests` must outlive the device.
-  HostDevice(RemoteLink& link, RequestSource& requests, std::shared_ptr<HostDevBase> base) noexcept
-      : mLink(link), mRequests(requests), mBase(std::move(base)) {}
+  HostDevice(RemoteLink& link, RequestSource& requests, std::shared_ptr<HostDevBase> base)
+      : mLink(link), mBase(std::move(base)), mRequests(*this, requests) {}
 
   std::shared_ptr<ZorDevBase> GetDevBase() override { return mBase; }
   std::uint8_t GetDevId() override { return kDeviceId; }
@@ -50,13 +50,10 @@ class HostDevice final : public ZorDevice, public RequestSource {
   int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override;
   void NotifyReadFailure(const std::string& path) override;
 
-  void poll() noexcept override { mRequests.poll(); }
-  bool await() noexcept override { return mRequests.await(); }
-
  private:
   RemoteLink& mLink;
-  RequestSource& mRequests;
   const std::shared_ptr<HostDevBase> mBase;
+  const RequestSourceOffer mRequests;
 };
 
 }  // namespace zor::host

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "zor_wait_listener.h"
+
 namespace zor::host {
 namespace {
 
@@ -40,7 +42,13 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   const std::size_t charge = packet->mBuffer->capacity + ReceiveBudget::kPacketOverhead;
   Item item{std::move(packet), size};
   Lock lock(mMutex);
-  mRoom.wait(lock, [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMostWaiting; });
+  const auto room = [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMostWaiting; };
+  if (!room()) {
+    lock.unlock();
+    tellAboutToWait();
+    lock.lock();
+    mRoom.wait(lock, room);
+  }
   if (mEnded) return false;
   mWaiting.push_back(std::move(item));
   mWaitingBytes += charge;
@@ -125,12 +133,18 @@ bool Outbox::writeItems() noexcept {
 
 // Writes all of `parts`, which it changes.
 bool Outbox::writeParts(iovec* parts, std::size_t count) noexcept {
+  int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
   while (count > 0) {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
-    const ssize_t sent = ::sendmsg(mSocket, &message, MSG_NOSIGNAL);
+    const ssize_t sent = ::sendmsg(mSocket, &message, flags);
     if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && errno == EAGAIN && (flags & MSG_DONTWAIT) != 0) {
+      tellAboutToWait();
+      flags = MSG_NOSIGNAL;
+      continue;
+    }
     if (sent < 0 && errno == EAGAIN) {
       if (!mBudget.keepsOthersWaiting()) continue;
       spdlog::warn(

@@ -9,8 +9,8 @@
 
 #include "frame_reader.h"
 #include "remote_link.h"
-#include "support/request_source.h"
 #include "zor_driver.h"
+#include "zor_request_source.h"
 
 namespace zor::host {
 

@@ -401,7 +401,7 @@ class LibraryWork {
       log("command " + std::to_string(wire::code(command)));
       const auto losses = mLosses.load();
       const Result<Reply> reply = await<Reply>([&](Callback<Reply> done) {
-        Request request{command, encode(wire::MountNameRecord{}, {"soak"}), {}};
+        Request request{command, encode(wire::MountRemoteRequest{}, {"soak"}), {}};
         Request fence{wire::Command::kFileFlush, encode(wire::HandleRecord{}, {"/"}), {}};
         mLink->submitFenced(std::move(request), std::move(done), std::move(fence));
       });

@@ -19,8 +19,8 @@ enum MorvelLogLevel : int {
 void morvelLogSetLevel(int level) noexcept;
 
 /// Whether a line of `level` would be written; lets callers skip the making
-/// of arguments that nobody reads.
-bool morvelLogEnabled(int level) noexcept;
+/// of arguments that nobody reads. Optional in a framework library.
+[[gnu::weak]] bool morvelLogEnabled(int level) noexcept;
 
 /// Writes one line: `format` is filled in printf's manner, control characters
 /// are made visible, and the line goes to the default spdlog logger. A text of more than
@@ -38,20 +38,41 @@ constexpr const char* sourceBaseName(const char* path) noexcept {
   return base;
 }
 
+/// Whether a line of `level` may be written, as far as the framework library tells.
+inline bool worthLogging(int level) noexcept {
+  return morvelLogEnabled == nullptr || morvelLogEnabled(level);
+}
+
+/// Whether a quoted message is one literal: two in a row would be quoted with what stands between.
+constexpr bool isOneLiteral(const char* quoted) noexcept {
+  int quotes = 0;
+  for (; *quoted != '\0'; ++quoted) {
+    if (*quoted == '"') ++quotes;
+    if (*quoted == '\\') ++quoted;
+  }
+  return quotes == 2;
+}
+
 }  // namespace zor
 
 #define MORVEL_QUOTED(literal) #literal
 #define MORVEL_FORMAT(kind, message) "%s %s(%d): " MORVEL_QUOTED(kind) " " MORVEL_QUOTED(message)
-#define MORVEL_LINE(level, kind, message, ...)                                             \
+#define MORVEL_LINE(function, level, kind, message, ...)                                   \
   do {                                                                                     \
-    if (::zor::morvelLogEnabled(level)) {                                                  \
+    static_assert(::zor::isOneLiteral(MORVEL_QUOTED(message)), "write it as one literal"); \
+    if (::zor::worthLogging(level)) {                                                      \
       static constexpr const char* morvelFile = ::zor::sourceBaseName(__FILE__);           \
       ::zor::morvelLogPrint(0, level, "ZOR_LOG", MORVEL_FORMAT(kind, message), morvelFile, \
-                            __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                \
+                            function, __LINE__ __VA_OPT__(, ) __VA_ARGS__);                \
     }                                                                                      \
   } while (false)
 
 #define MORVEL_DEBUG(level, message, ...) \
-  MORVEL_LINE(level, "Debug:", message __VA_OPT__(, ) __VA_ARGS__)
+  MORVEL_LINE(__func__, level, "Debug:", message __VA_OPT__(, ) __VA_ARGS__)
 #define MORVEL_ERROR(message, ...) \
-  MORVEL_LINE(::zor::kLogError, "Error:", message __VA_OPT__(, ) __VA_ARGS__)
+  MORVEL_LINE(__func__, ::zor::kLogError, "Error:", message __VA_OPT__(, ) __VA_ARGS__)
+// For a part of `function` that is a function by itself.
+#define MORVEL_DEBUG_OF(function, level, message, ...) \
+  MORVEL_LINE(function, level, "Debug:", message __VA_OPT__(, ) __VA_ARGS__)
+#define MORVEL_ERROR_OF(function, message, ...) \
+  MORVEL_LINE(function, ::zor::kLogError, "Error:", message __VA_OPT__(, ) __VA_ARGS__)

@@ -15,7 +15,7 @@ class ZorDevice;
 /// The part of a driver that the framework may hold on to by itself.
 class DriverObj {
  public:
-  virtual ~DriverObj();
+  virtual ~DriverObj() = default;
   virtual int GetCID() = 0;
   virtual int GetVid() = 0;
   virtual int GetPid() = 0;

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <new>
 
 namespace zor {
 
@@ -35,13 +37,24 @@ class PacketBudget {
   ~PacketBudget() = default;
 };
 
+struct PacketBuffer;
+
+/// Gives a buffer's charge back to its budget. Optional in a framework library: where
+/// it is missing, buffers need not have what stands behind `capacity`.
+[[gnu::weak]] void releaseBudget(const PacketBuffer& buffer) noexcept;
+
 /// The storage of a packet. `data` comes from the C allocator and is freed
 /// with `free` when the buffer is destroyed.
 struct PacketBuffer {
   PacketBuffer(std::uint8_t* bytes, std::uint64_t size) noexcept : data(bytes), capacity(size) {}
-  ~PacketBuffer();
+  ~PacketBuffer() {
+    std::free(data);
+    if (releaseBudget != nullptr) releaseBudget(*this);
+  }
   PacketBuffer(const PacketBuffer&) = delete;
   PacketBuffer& operator=(const PacketBuffer&) = delete;
+  // A buffer that another framework made may be shorter: the allocator must not be told a size.
+  static void operator delete(void* memory) noexcept { ::operator delete(memory); }
 
   std::uint8_t* data;
   std::uint64_t capacity;          ///< bytes at `data`

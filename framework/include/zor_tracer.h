@@ -7,7 +7,8 @@ namespace zor {
 
 class ZorTracer {
  public:
-  static ZorTracer& GetInstance();
+  /// Never null; one for the process.
+  static ZorTracer* GetInstance();
   ZorTracer(const ZorTracer&) = delete;
   ZorTracer& operator=(const ZorTracer&) = delete;
 

@@ -7,7 +7,6 @@ namespace {
 constexpr std::uint16_t kControlNotSupported = 0x1506;
 }  // namespace
 
-DriverObj::~DriverObj() = default;
 ZorDriver::~ZorDriver() = default;
 ZorRawDriver::~ZorRawDriver() = default;
 

@@ -32,11 +32,6 @@ void headerFromNetOrder(PacketHeader& header) noexcept {
 
 }  // namespace
 
-PacketBuffer::~PacketBuffer() {
-  std::free(data);
-  if (budget != nullptr) budget->ReleasePacket(charge);
-}
-
 ZorPacket::ZorPacket(std::size_t capacity) noexcept {
   const std::size_t size = std::max(capacity, kPacketHeaderSize);
   mBuffer = adopt(allocate(size), size);

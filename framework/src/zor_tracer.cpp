@@ -6,9 +6,9 @@
 
 namespace zor {
 
-ZorTracer& ZorTracer::GetInstance() {
+ZorTracer* ZorTracer::GetInstance() {
   static ZorTracer tracer;
-  return tracer;
+  return &tracer;
 }
 
 std::string ZorTracer::GenerateTraceId() const {

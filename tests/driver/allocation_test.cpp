@@ -83,20 +83,23 @@ TEST_F(AllocationTest, ARequestIsServedOrNotButNeverHalf) {
   }
 }
 
-TEST_F(AllocationTest, ADriverOpensOrDoesNot) {
+TEST_F(AllocationTest, ADriverOpensOrLeavesNothingBehind) {
   device.params = R"({"letter": ")" + base + R"(/", "label": "disk", "name": "USB"})";
+  const auto threads = [] {
+    return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+  };
+  morvelLogSetLevel(kLogError);
+  const auto before = threads();
   bool goesOn = true;
   for (long at = 0; goesOn; ++at) {
-    goesOn = failing(at, [this] {
-      try {
-        UDiskDriver driver(&device, "");
-        EXPECT_EQ(driver.Init(), 0);
-        const long left = std::exchange(tLeft, -1);
-        driver.Close(0);
-        tLeft = left;
-      } catch (const std::bad_alloc&) {
-      }
-    });
+    log.clear();
+    ZorDriver* driver = nullptr;
+    goesOn = failing(at, [&] { driver = udisk_open(&device, ""); });
+    EXPECT_EQ(log.errors("udisk_open Init failed"), driver == nullptr ? 1U : 0U) << at;
+    EXPECT_TRUE(driver != nullptr || goesOn);
+    if (driver != nullptr) driver->Close(0);
+    delete driver;
+    EXPECT_EQ(threads(), before);
   }
 }
 

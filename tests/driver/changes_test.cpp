@@ -88,15 +88,25 @@ TEST_F(DiskTest, ABatchOfChunksStopsAtTheFirstThatFails) {
   EXPECT_EQ(device.traces().at(2), "LOCAL_UDISK_WRITE_FILE_FAIL error /f udisk writeFile fail");
 }
 
-TEST_F(DiskTest, ADiskThatIsClosedBeginsNothingMoreOfABatch) {
+TEST_F(DiskTest, ADiskThatIsClosedStillTakesAWriteWhole) {
   op.StopServing();
   EXPECT_EQ(ask(123, le(1, 4) + le(0, 8) + le(9, 4) + le(6, 4) + le(0, 4) + "/spare"),
-            std::nullopt);
-  const std::string spare = contentsOf(disk + "/spare"), rest = le(0, 8) + le(6, 2) + le(0, 2);
-  const std::string chunks = wire("0000000000000000 02000000 'xx'");
-  EXPECT_EQ(ask(106, le(0, 8) + le(14, 4) + rest + "/spare" + chunks),
-            le(0, 8) + le(0, 4) + rest + "/spare");
-  EXPECT_EQ(contentsOf(disk + "/spare"), spare);
+            std::nullopt);  // nobody would read it
+  const std::string rest = le(0, 8) + le(6, 2) + le(0, 2);
+  const std::string chunks = wire("0000000000000000 02000000 'xx' 0200000000000000 03000000 'yyy'");
+  EXPECT_EQ(ask(106, le(0, 8) + le(29, 4) + rest + "/spare" + chunks),
+            le(0, 8) + le(29, 4) + rest + "/spare");
+  EXPECT_EQ(contentsOf(disk + "/spare"), "xxyyy");
+}
+
+TEST_F(DiskTest, BitsThatAreNoPermissionsMakeNoDifference) {
+  fs::create_symlink("made", disk + "/link-made");
+  for (const std::string path : {"/link-made", "/plain"}) {
+    const std::string reply =
+        ask(103, le(path.size(), 4) + le(0, 4) + le(S_IFREG | 0640, 4) + le(0, 4) + path).value();
+    EXPECT_EQ(reply[15], '\0') << path;
+    EXPECT_EQ(fs::status(disk + path).permissions(), fs::perms(0640)) << path;
+  }
 }
 
 TEST_F(DiskTest, LocalPathsNeedNoMountPoint) {

@@ -2,12 +2,16 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+
+#include <atomic>
+#include <thread>
 
 #include "disk_fixture.h"
 #include "probes.h"
@@ -37,14 +41,27 @@ TEST_F(DiskStateTest, WhatShowsInPlaceOfAGoneDiskIsLeftAlone) {
   EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
 }
 
-TEST_F(DiskStateTest, AnotherFileSystemOverTheMountPointIsNotTheDisk) {
+TEST_F(DiskStateTest, ADirectoryWaitsForItsDiskAndADiskForNoOther) {
+  const std::string other = outside + "/empty";
+  EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
   if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "nothing can be mounted here";
   }
+  ASSERT_EQ(::mount("tmpfs", other.c_str(), "tmpfs", 0, nullptr), 0);
+  layOut();
+  Peek::diskChanged(op) = 0;
+  for (const Probe& probe : kProbes) {
+    EXPECT_FALSE(fails(probe, "/" + probe.leaf())) << probe.name;
+    EXPECT_TRUE(probe.cmd != 102 || Peek::diskChanged(op) == 1);  // other statistics
+    layOut();
+  }
+  ASSERT_EQ(::umount2(disk.c_str(), 0), 0);  // nothing holds it open
+  expectAllFail();
+  EXPECT_EQ(log.errors("the disk at " + disk + " is gone"), 1U);
+  ASSERT_EQ(::mount(other.c_str(), disk.c_str(), nullptr, MS_BIND, nullptr), 0);
   layOut();
   expectAllFail();
-  ASSERT_EQ(::umount2(disk.c_str(), 0), 0);  // nothing holds it open
-  EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
+  for (const std::string& place : {disk, other}) EXPECT_EQ(::umount2(place.c_str(), 0), 0);
 }
 
 TEST_F(DiskStateTest, AWriteProtectedDiskKeepsEveryByte) {
@@ -80,6 +97,42 @@ TEST_F(DiskStateTest, SpecialFilesFailAtOnce) {
   }
   ::alarm(0);
   EXPECT_EQ(snapshot(disk), before);
+}
+
+// Nor opened at all, once one was met.
+TEST_F(DiskStateTest, ADeviceIsNotTakenForTheFileInWhosePlaceItIsPut) {
+  const std::string file = disk + "/inside.txt", zeros = disk + "/zeros";
+  if (::mknod(zeros.c_str(), S_IFCHR | 0666, makedev(1, 5)) != 0 ||
+      !UniqueFd(::open(zeros.c_str(), O_RDONLY | O_CLOEXEC))) {
+    GTEST_SKIP() << "there are no devices here";
+  }
+  morvelLogSetLevel(kLogError + 1);
+  for (const auto& [met, event] : {std::pair{true, IN_OPEN}, {false, IN_ACCESS | IN_MODIFY}}) {
+    if (!fs::is_regular_file(file)) fs::rename(zeros, disk + "/x"), fs::rename(file, zeros);
+    put(file, "0123456789");
+    const UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(::inotify_add_watch(watch.get(), zeros.c_str(), event), 0);
+    std::atomic<bool> stop{false};
+    std::thread neighbour([&] {
+      while (!stop) {
+        ::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, zeros.c_str(), RENAME_EXCHANGE);
+      }
+    });
+    for (int round = 0; round < 3000; ++round) {
+      std::optional<UDiskOperator::Burst> together;
+      if (round % 2 == 0) together.emplace(op);
+      for (const Probe& probe : kProbes) {
+        for (const int cmd : {103, 105, 106, 109, 110, 123}) {
+          FileManagerLinux::expectDevices(met);
+          if (probe.cmd == cmd) ask(cmd, probe.request("/inside.txt"));
+        }
+      }
+    }
+    stop = true;
+    neighbour.join();
+    char events[4096];
+    EXPECT_EQ(::read(watch.get(), events, sizeof events), -1) << met;
+  }
 }
 
 TEST_F(DiskStateTest, WhereAFilterForbidsOpenat2PathsAreWalked) {

@@ -6,8 +6,10 @@
 #include <thread>
 
 #include "disk_fixture.h"
+#include "probes.h"
 #include "service/command.h"
 #include "udisk/udisk_driver.h"
+#include "zor_wait_listener.h"
 
 namespace zor::test {
 namespace {
@@ -91,6 +93,7 @@ TEST_F(DriverTest, AsksADeviceThatCanBeAsked) {
   } asked;
   asked.id = 200;
   asked.params = device.params;
+  const RequestSourceOffer offer(asked, asked);
   UDiskDriver askingDriver(&asked, "");
   asked.driver = &askingDriver;
   ASSERT_EQ(askingDriver.Init(), 0);
@@ -99,6 +102,35 @@ TEST_F(DriverTest, AsksADeviceThatCanBeAsked) {
   ASSERT_TRUE(asked.waitForSent(5));
   EXPECT_EQ(asked.sent()[4].substr(24), "/2");
   askingDriver.Close(0);
+}
+
+// A remote that does not read can make every reply wait.
+TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
+  struct WaitingDevice : RecordingDevice {
+    int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override {
+      tellAboutToWait();
+      for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (fs::read_symlink(entry, gone).string().find(disk) == 0) ++open;
+      }
+      return RecordingDevice::SendPacket(std::move(packet), timeoutMs);
+    }
+    std::string disk;
+    std::atomic<int> open{0};
+  } waiting;
+  waiting.id = 200;
+  waiting.params = device.params;
+  waiting.disk = disk;
+  UDiskDriver waitingDriver(&waiting, "");
+  ASSERT_EQ(waitingDriver.Init(), 0);
+  for (int round = 0; round < 20; ++round) {
+    for (const Probe& probe : kProbes) {
+      waitingDriver.onEvent(requestOf(probe.cmd, probe.request("/sub/../" + probe.leaf()), 200), 0);
+    }
+  }
+  EXPECT_TRUE(waiting.waitForSent(2 + 20 * std::size(kProbes)));
+  waitingDriver.Close(0);
+  EXPECT_EQ(waiting.open, 0);
 }
 
 // What is open for one request of a burst must be right for the next one, and

@@ -4,6 +4,7 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,9 +45,13 @@ class LogLines : public spdlog::sinks::base_sink<std::mutex> {
     mLines.clear();
   }
 
+  /// Called for every line, on the thread that writes it. Set it before there is one.
+  std::function<void(const std::string&)> onLine;
+
  private:
   void sink_it_(const spdlog::details::log_msg& line) override {
     mLines.emplace_back(line.level, std::string(line.payload.data(), line.payload.size()));
+    if (onLine) onLine(mLines.back().second);
   }
   void flush_() override {}
 

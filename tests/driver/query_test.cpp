@@ -1,4 +1,5 @@
 // Attributes and statistics, compared with what the platform says; mount points.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/statfs.h>
@@ -7,6 +8,22 @@
 #include <sys/sysmacros.h>
 
 #include "disk_fixture.h"
+
+namespace {
+
+std::size_t gEntrySize = 0;  ///< of every entry of the password database, if not 0
+
+}  // namespace
+
+// The program's own comes before the C library's.
+extern "C" int getpwuid_r(uid_t user, passwd* entry, char* memory, std::size_t size,
+                          passwd** found) {
+  *found = nullptr;
+  if (size < gEntrySize) return ERANGE;
+  static const auto real =
+      reinterpret_cast<decltype(&::getpwuid_r)>(::dlsym(RTLD_NEXT, "getpwuid_r"));
+  return real(user, entry, memory, size, found);
+}
 
 namespace zor::test {
 namespace {
@@ -76,14 +93,39 @@ TEST_F(DiskTest, MountingMakesADirectoryOfThatName) {
     const passwd* known = user == 0 ? nullptr : ::getpwuid(user);
     const std::string made = (known != nullptr ? known->pw_dir : "/media") + ("/" + name);
     for (int round = 0; round < 2; ++round) {  // what is there already is no failure
+      gEntrySize = round == 0 ? 100000 : 0;
       ::syscall(SYS_setreuid, user, -1);
       EXPECT_EQ(ask(100, le(name.size(), 2) + name), le(name.size(), 2) + name);
       ::syscall(SYS_setreuid, self, -1);
       EXPECT_TRUE(fs::is_directory(made)) << made;
       EXPECT_EQ(op.GetLocalMountPoint(), "");
+      fs::remove(made);
     }
+    fs::create_directory(made);
+    EXPECT_TRUE(ask(100, le(name.size(), 2) + name));
     fs::remove(made);
   }
+}
+
+// As a host does that gives up its rights once the module is loaded.
+TEST_F(DiskTest, TheHomeDirectoryIsKnownWhereThePasswordDatabaseIsOutOfReach) {
+  const passwd* mail = ::getpwuid(8);
+  if (::geteuid() != 0 || mail == nullptr) GTEST_SKIP() << "only root can change who it is";
+  const std::string home = mail->pw_dir, made = base + home + "/USB";
+  fs::create_directories(base + home);
+  const auto run = [&] {
+    if (::setreuid(8, 0) != 0) std::exit(2);
+    auto* module = static_cast<ZorDriverModule*>(
+        ::dlsym(::dlopen(UDISK_MODULE, RTLD_NOW | RTLD_LOCAL), kDriverModuleSymbol));
+    if (::chroot(base.c_str()) != 0) std::exit(2);
+    ZorDriver* driver = module->open(&device, "");
+    driver->onEvent(requestOf(100, le(3, 2) + "USB"), 0);
+    const bool answered = device.waitForSent(3);
+    driver->Close(0);
+    ::_exit(answered ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+  EXPECT_TRUE(fs::is_directory(made));
 }
 
 }  // namespace

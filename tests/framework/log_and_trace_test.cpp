@@ -36,7 +36,7 @@ TEST(Log, TheLevelIsLookedAtBeforeAnyArgument) {
 TEST(Trace, IdsAreSixteenHexDigitsAndIndependent) {
   std::set<std::string> ids;
   while (ids.size() < 500) {  // some of them begin with a zero
-    const std::string id = ZorTracer::GetInstance().GenerateTraceId();
+    const std::string id = ZorTracer::GetInstance()->GenerateTraceId();
     ASSERT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos) << id;
     ASSERT_TRUE(id.size() == 16 && ids.insert(id).second) << id;
   }

@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <chrono>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "remote/host_packets.h"
+#include "zor_wait_listener.h"
 
 namespace zor::host {
 namespace {
@@ -43,9 +45,18 @@ TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
   SharedBudget shared;
   RemoteLink link{UniqueFd(::dup(near.get())), shared};
   constexpr std::size_t kSize = 300000;
+  std::atomic<int> told{0};
+  struct Listener final : WaitListener {
+    explicit Listener(std::atomic<int>& count) : told(count) {}
+    void aboutToWait() noexcept override { told += !std::exchange(mTold, true); }
+    std::atomic<int>& told;
+    bool mTold = false;
+  };
   std::vector<std::thread> senders;
   for (const char mark : {'a', 'b', 'c'}) {
     senders.emplace_back([&, mark] {
+      Listener listener(told);
+      listenForWaits(&listener);
       const std::string payload(kSize - 16, mark);
       std::unique_ptr<ZorPacket> packet;
       do {
@@ -59,6 +70,7 @@ TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
     ASSERT_EQ(packet.size(), kSize);
     EXPECT_EQ(packet.find_first_not_of(packet[16], 16), std::string::npos);
   }
+  while (told < 3) std::this_thread::yield();
   link.end();  // while all of them wait: nobody reads any more
   for (std::thread& sender : senders) sender.join();
 }

@@ -9,16 +9,17 @@
 #include <tuple>
 
 #include "protocol/codec.h"
+#include "protocol/commands.h"
 
 namespace zor::wire {
 
 /// 100 and 101, request and reply: the mount name follows.
-struct MountNameRecord {
+struct MountRemoteRequest {
   std::uint16_t nameLength;
-  static constexpr auto kFields = std::tuple(&MountNameRecord::nameLength);
-  static constexpr auto kStrings = std::tuple(&MountNameRecord::nameLength);
+  static constexpr auto kFields = std::tuple(&MountRemoteRequest::nameLength);
+  static constexpr auto kStrings = std::tuple(&MountRemoteRequest::nameLength);
 };
-static_assert(wireSize<MountNameRecord>() == 2);
+static_assert(wireSize<MountRemoteRequest>() == 2);
 
 /// 200: the drive and then the label follow, although the label's length comes first.
 struct MountResponseRecord {
@@ -222,6 +223,13 @@ struct SmallFileRecord {
   static constexpr auto kFields = std::tuple(&SmallFileRecord::num_records);
 };
 static_assert(wireSize<SmallFileRecord>() == 4);
+
+/// 122, sent by the disk with `kSmallFileNoticeRequestId`: a header alone.
+struct SmallFileTurboNotice {
+  static constexpr Command kCommand = Command::kSmallFileNotice;
+  static constexpr auto kFields = std::tuple<>();
+};
+static_assert(wireSize<SmallFileTurboNotice>() == 0);
 
 /// The announcement's length field: the name, a zero byte and the read-only
 /// byte follow.

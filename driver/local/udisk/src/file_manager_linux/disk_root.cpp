@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <atomic>
@@ -32,6 +33,24 @@ int openBeneath(int rootFd, const char* path, int flags, mode_t mode) noexcept {
   return static_cast<int>(fd);
 }
 
+// One call tells both. Where the kernel does not know it, a mount shows only when its
+// file system is not the one around it.
+bool identify(int fd, MountIdentity& identity) noexcept {
+  struct statx all {};
+  if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO, &all) == 0 &&
+      (all.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
+    identity = {{makedev(all.stx_dev_major, all.stx_dev_minor), all.stx_ino},
+                (all.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0};
+    return true;
+  }
+  struct stat status {
+  }, around{};
+  if (::fstat(fd, &status) != 0) return false;
+  identity = {{status.st_dev, status.st_ino},
+              ::fstatat(fd, "..", &around, 0) == 0 && around.st_dev != status.st_dev};
+  return true;
+}
+
 bool noOpenat2(int error) noexcept { return error == ENOSYS || error == EPERM; }
 
 }  // namespace
@@ -44,21 +63,10 @@ DiskRoot::DiskRoot(const char* mountPoint) : mMountPointLength(std::strlen(mount
   }
   std::memcpy(mMountPoint, mountPoint, mMountPointLength);
   mFd = UniqueFd(::open(mountPoint, O_PATH | O_DIRECTORY | O_CLOEXEC));
-  struct stat status {};
-  if (!mFd || ::fstat(mFd.get(), &status) != 0) {
-    mError = errno;
-    return;
-  }
-  mIdentity = {status.st_dev, status.st_ino};
+  if (!mFd || !identify(mFd.get(), mIdentity)) mError = errno;
 }
 
 void DiskRoot::forceComponentWalk(bool forced) noexcept { gComponentWalk.store(forced); }
-
-std::string DiskRoot::localPath(std::string_view remotePath) const {
-  std::string path = mMountPoint;
-  path += remotePath;
-  return path;
-}
 
 int DiskRoot::checkText(std::string_view remotePath) const noexcept {
   if (remotePath.size() >= PATH_MAX - mMountPointLength) return ENAMETOOLONG;
@@ -144,7 +152,7 @@ int DiskRoot::openParent(std::string_view parent) {
 }
 
 Location::Location(DiskRoot& root, std::string_view remotePath) noexcept
-    : mRoot(&root), mPath(mText), mError(root.error()) {
+    : mRoot(&root), mGiven(remotePath), mPath(mText), mError(root.error()) {
   mText[0] = '\0';
   if (mError == 0) mError = root.checkText(remotePath);
   if (mError != 0) return;
@@ -155,6 +163,10 @@ Location::Location(DiskRoot& root, std::string_view remotePath) noexcept
   if (remotePath.empty()) remotePath = ".";
   std::memcpy(mText, remotePath.data(), remotePath.size());
   mText[remotePath.size()] = '\0';
+}
+
+LogText Location::localPath() const noexcept {
+  return confined() ? mRoot->localPath(mGiven) : LogText(mGiven);
 }
 
 Location::Entry Location::wholeAsDirectory() const { return {mRoot->openParent(mPath), "."}; }

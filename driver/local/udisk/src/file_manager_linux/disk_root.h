@@ -20,6 +20,7 @@
 #include <string_view>
 #include <utility>
 
+#include "log_text.h"
 #include "support/unique_fd.h"
 
 namespace zor {
@@ -30,6 +31,12 @@ struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
   bool operator==(const FileIdentity&) const = default;
+};
+
+/// A mount point as it was when it was opened.
+struct MountIdentity {
+  FileIdentity file;
+  bool isMountRoot = false;  ///< something is mounted there, as far as the kernel tells
 };
 
 /// The descriptor of one operation, or one that is held for several.
@@ -95,11 +102,14 @@ class DiskRoot {
   int error() const noexcept { return mError; }
   void refuse(int error) noexcept { mError = error; }
 
-  const FileIdentity& identity() const noexcept { return mIdentity; }
+  const MountIdentity& identity() const noexcept { return mIdentity; }
   int fd() const noexcept { return mFd.get(); }
 
+  std::string_view mountPoint() const noexcept { return {mMountPoint, mMountPointLength}; }
   /// The local path as it is written in log lines: both texts, nothing between.
-  std::string localPath(std::string_view remotePath) const;
+  LogText localPath(std::string_view remotePath) const noexcept {
+    return LogText(mountPoint(), remotePath);
+  }
   /// Whether `localPath` of that text names something below the mount point,
   /// rather than a neighbour whose name begins alike; and whether it is short
   /// enough for the system.
@@ -135,7 +145,7 @@ class DiskRoot {
   char mMountPoint[256] = {};
   std::size_t mMountPointLength = 0;
   UniqueFd mFd;
-  FileIdentity mIdentity;
+  MountIdentity mIdentity;
   int mError = 0;
   std::array<Parent, 2> mParents;
   std::size_t mNextParent = 0;
@@ -149,8 +159,8 @@ class DiskRoot {
 class Location {
  public:
   /// `path` must outlive this object.
-  explicit Location(const char* localPath) noexcept : mPath(localPath) {}
-  /// `root` must outlive this object.
+  explicit Location(const char* localPath) noexcept : mGiven(localPath), mPath(localPath) {}
+  /// `root` and the text must outlive this object.
   Location(DiskRoot& root, std::string_view remotePath) noexcept;
   Location(const Location&) = delete;
   Location& operator=(const Location&) = delete;
@@ -161,6 +171,8 @@ class Location {
   DiskRoot* root() const noexcept { return mRoot; }
   /// Relative to the root, or the local path.
   const char* path() const noexcept { return mPath; }
+  /// As it was given, behind the mount point if there is one.
+  LogText localPath() const noexcept;
 
   /// A name in an open directory. `dirFd` is -1 (and errno set) when there is no
   /// such directory. The name itself may still be a symbolic link: operate on
@@ -185,6 +197,7 @@ class Location {
   Entry wholeAsDirectory() const;
 
   DiskRoot* mRoot = nullptr;
+  std::string_view mGiven;
   const char* mPath;
   int mError = 0;
   bool mDirectoryOnly = false;

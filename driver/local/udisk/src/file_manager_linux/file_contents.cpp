@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "file_manager_linux.h"
 #include "morvel_log.h"
@@ -14,56 +17,117 @@ namespace zor {
 namespace {
 
 // Opening a FIFO would wait for its other end, and opening a device can do
-// anything, so only what is known to be a regular file is opened at all.
-// O_NONBLOCK covers a neighbour who exchanges the file in between.
+// anything, so only what is known to be a regular file is opened. A neighbour may
+// exchange names in between: what was opened is looked at once more before a byte moves,
+// and O_NONBLOCK covers the opening.
 constexpr int kNeverBlock = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+// How often a neighbour may win before the operation fails.
+constexpr int kRaceRetries = 16;
+
+// A device stood where a file was asked for. A neighbour who puts it there to have it opened is
+// seen so long before he wins, and from then on every opening takes the time to be safe from him.
+std::atomic<bool> gDevicesAbout{false};
 
 bool isRegular(const struct stat& status) noexcept {
   if (S_ISREG(status.st_mode)) return true;
+  if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) gDevicesAbout = true;
   errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
   return false;
+}
+
+// Whether `fd` is the regular file that `status` describes.
+bool isThatFile(int fd, const struct stat& status) noexcept {
+  struct stat opened {};
+  if (::fstat(fd, &opened) == 0 && isRegular(opened) && opened.st_dev == status.st_dev &&
+      opened.st_ino == status.st_ino) {
+    return true;
+  }
+  errno = ESTALE;
+  return false;
+}
+
+// Opens the very file that `path`, a descriptor without access to it, stands for.
+// Without /proc it fails with ENOENT.
+UniqueFd openAgain(const UniqueFd& path, int flags) noexcept {
+  char name[32];
+  std::snprintf(name, sizeof name, "/proc/self/fd/%d", path.get());
+  return UniqueFd(retryOnInterrupt([&] { return ::open(name, flags | kNeverBlock); }));
 }
 
 // Follows symbolic links; `status` describes the opened file.
 UniqueFd openThroughLink(const Location& file, int flags, struct stat& status, mode_t mode) {
   if (const UniqueFd target = file.open(O_PATH)) {
     if (::fstat(target.get(), &status) != 0 || !isRegular(status)) return {};
-  } else if (errno != ENOENT || (flags & O_CREAT) == 0) {
+    UniqueFd fd = openAgain(target, flags & ~O_CREAT);
+    if (fd || errno != ENOENT) return fd;
+    fd = file.open((flags & ~O_CREAT) | kNeverBlock);
+    return fd && isThatFile(fd.get(), status) ? std::move(fd) : UniqueFd();
+  }
+  if (errno != ENOENT || (flags & O_CREAT) == 0) return {};
+  UniqueFd fd = file.open(flags | kNeverBlock, mode);
+  return fd && ::fstat(fd.get(), &status) == 0 && isRegular(status) ? std::move(fd) : UniqueFd();
+}
+
+// Opens the very file that `status` describes, and nothing else even for a moment.
+UniqueFd openGuarded(const Location::Entry& entry, int flags, const struct stat& status) {
+  const UniqueFd path(::openat(entry.dirFd, entry.name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!path || !isThatFile(path.get(), status)) return {};
+  UniqueFd fd = openAgain(path, flags);
+  if (!fd && errno == ENOENT) {
+    fd = UniqueFd(::openat(entry.dirFd, entry.name, flags | O_NOFOLLOW | kNeverBlock));
+  }
+  return fd;
+}
+
+// One try. ESTALE tells that a neighbour came in between.
+OpenedFile tryRegular(const Location& file, const Location::Entry& entry, int flags,
+                      struct stat& status, mode_t mode) {
+  const bool there = ::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!there && (errno != ENOENT || (flags & O_CREAT) == 0)) return {};
+  if (there && S_ISLNK(status.st_mode)) {
+    return OpenedFile(openThroughLink(file, flags, status, mode));
+  }
+  if (there && !isRegular(status)) return {};
+  if (file.directoryOnly()) {
+    errno = EISDIR;
     return {};
   }
-  return file.open(flags | kNeverBlock, mode);
+  if (!there) {  // what is made new is what is opened
+    UniqueFd fd(::openat(entry.dirFd, entry.name, flags | O_EXCL | O_NOFOLLOW | kNeverBlock, mode));
+    if (!fd && errno == EEXIST) errno = ESTALE;
+    return OpenedFile(std::move(fd));
+  }
+  DiskRoot& root = *file.root();
+  const auto open = [&]() -> UniqueFd {
+    const int existing = flags & ~O_CREAT;
+    if (gDevicesAbout.load(std::memory_order_relaxed)) return openGuarded(entry, existing, status);
+    return UniqueFd(retryOnInterrupt(
+        [&] { return ::openat(entry.dirFd, entry.name, existing | O_NOFOLLOW | kNeverBlock); }));
+  };
+  if (root.expectsMore() && (flags == O_RDONLY || flags == O_WRONLY)) {
+    if (const int held = root.held(flags).find(status, open); held >= 0) return OpenedFile(held);
+  }
+  UniqueFd fd = open();
+  if (!fd && errno == ENOENT && (flags & O_CREAT) != 0) errno = ESTALE;
+  return fd && isThatFile(fd.get(), status) ? OpenedFile(std::move(fd)) : OpenedFile();
 }
 
 OpenedFile openRegular(const Location& file, int flags, struct stat& status, mode_t mode = 0) {
   if (!file.confined()) return OpenedFile(openThroughLink(file, flags, status, mode));
   const Location::Entry entry = file.entry();
   if (!entry) return {};
-  if (::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    if (errno != ENOENT || (flags & O_CREAT) == 0) return {};
-  } else if (S_ISLNK(status.st_mode)) {
-    return OpenedFile(openThroughLink(file, flags, status, mode));
-  } else if (!isRegular(status)) {
-    return {};
+  for (int tries = kRaceRetries; tries > 0; --tries) {
+    OpenedFile opened = tryRegular(file, entry, flags, status, mode);
+    if (opened || errno != ESTALE) return opened;
   }
-  if (file.directoryOnly()) {
-    errno = EISDIR;
-    return {};
-  }
-  const auto open = [&] {
-    return UniqueFd(retryOnInterrupt(
-        [&] { return ::openat(entry.dirFd, entry.name, flags | O_NOFOLLOW | kNeverBlock, mode); }));
-  };
-  if (DiskRoot& root = *file.root();
-      root.expectsMore() && (flags == O_RDONLY || flags == O_WRONLY)) {
-    if (const int held = root.held(flags).find(status, open); held >= 0) return OpenedFile(held);
-  }
-  return OpenedFile(open());
+  return {};
 }
 
 OpenedFile create(const Location& file, int mode) {
   struct stat status {};
-  return openRegular(file, O_WRONLY | O_CREAT | O_TRUNC, status,
-                     static_cast<mode_t>(mode & 0xffff));
+  // openat2 refuses bits that are no permissions, which other calls pass over.
+  return openRegular(file, O_WRONLY | O_CREAT | O_TRUNC, status, static_cast<mode_t>(mode & 07777));
 }
 
 int synchronise(const Location& file) {
@@ -73,6 +137,8 @@ int synchronise(const Location& file) {
 }
 
 }  // namespace
+
+void FileManagerLinux::expectDevices(bool on) noexcept { gDevicesAbout = on; }
 
 int FileManagerLinux::UdiskCreateFile(char* path, int flags, int mode) {
   return UdiskCreateFile(Location(path), flags, mode);
@@ -109,11 +175,13 @@ int FileManagerLinux::UdiskReadFile(const char* path, char* buf, long long offse
 }
 
 int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, std::uint32_t size,
-                                    ReadTarget& target) {
+                                    ReadTarget& target, Failures failures) {
   struct stat status {};
   const OpenedFile fd = openRegular(file, O_RDONLY, status);
   if (!fd) {
-    MORVEL_ERROR("file_read failed res:%d errno: %s\n", 0, std::strerror(errno));
+    if (failures == Failures::kLogged) {
+      MORVEL_ERROR("file_read failed res:%d errno: %s\n", 0, std::strerror(errno));
+    }
     return -1;
   }
   if (offset >= status.st_size) return 0;
@@ -127,7 +195,7 @@ int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, s
   } else {
     count = retryOnInterrupt([&] { return ::pread(fd.get(), room, wanted, offset); });
   }
-  if (count < 0) {
+  if (count < 0 && failures == Failures::kLogged) {
     MORVEL_ERROR("file_read failed res: %d, fd = %d errno: %s\n", -1, fd.get(),
                  std::strerror(errno));
   }
@@ -137,7 +205,7 @@ int FileManagerLinux::UdiskReadFile(const Location& file, std::int64_t offset, s
 FileWriter::FileWriter(const Location& file) {
   struct stat status {};
   mFile = openRegular(file, O_WRONLY, status);
-  if (!mFile) MORVEL_ERROR("write file fail errno:%s \n", std::strerror(errno));
+  if (!mFile) MORVEL_ERROR_OF(kFunction, "write file fail errno:%s \n", std::strerror(errno));
 }
 
 int FileWriter::write(std::span<const std::byte> data, std::int64_t offset) noexcept {
@@ -145,8 +213,8 @@ int FileWriter::write(std::span<const std::byte> data, std::int64_t offset) noex
   const ssize_t count =
       retryOnInterrupt([&] { return ::pwrite(mFile.get(), data.data(), data.size(), offset); });
   if (count < 0) {
-    MORVEL_ERROR("pwrite failed res: %d, fd = %d errno: %s\n", -1, mFile.get(),
-                 std::strerror(errno));
+    MORVEL_ERROR_OF(kFunction, "pwrite failed res: %d, fd = %d errno: %s\n", -1, mFile.get(),
+                    std::strerror(errno));
   }
   return static_cast<int>(count);
 }

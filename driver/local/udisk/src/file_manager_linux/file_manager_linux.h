@@ -33,6 +33,9 @@ class ReadTarget {
   ~ReadTarget() = default;
 };
 
+/// Whether an operation tells the log why it failed.
+enum class Failures { kLogged, kSilent };
+
 /// An existing file, opened for the writes of one request. Opening never blocks;
 /// a file that cannot be opened is logged once. Without memory for the way to it,
 /// opening throws.
@@ -43,6 +46,8 @@ class FileWriter {
   int write(std::span<const std::byte> data, std::int64_t offset) noexcept;
 
  private:
+  static constexpr char kFunction[] = "UdiskWriteFile";  // in the log: it is its work
+
   OpenedFile mFile;
 };
 
@@ -60,6 +65,10 @@ class FileManagerLinux {
   FileManagerLinux(const FileManagerLinux&) = delete;
   FileManagerLinux& operator=(const FileManagerLinux&) = delete;
 
+  /// Whether files are opened so that no device in their place is, either; slower, and in the
+  /// whole process. Turns itself on when a device is met.
+  static void expectDevices(bool on) noexcept;
+
   // file_contents.cpp
   int UdiskCreateFile(char* path, int flags, int mode);
   int UdiskCreateFile(const Location& file, int flags, int mode);
@@ -70,7 +79,7 @@ class FileManagerLinux {
   /// Bytes read into `target`, at most `size`, or -1. Asks the target for no
   /// more than the file holds behind `offset`.
   int UdiskReadFile(const Location& file, std::int64_t offset, std::uint32_t size,
-                    ReadTarget& target);
+                    ReadTarget& target, Failures failures = Failures::kLogged);
   int UdiskWriteFile(char* path, char* buf, long long offset, int size);
   int UdiskFlushFile(char* path);
   int UdiskFlush(char* path);

@@ -20,6 +20,10 @@ class Ancestors {
  public:
   explicit Ancestors(const Location& of) : mRoot(of.root()) {}
 
+  std::size_t rootLength() const noexcept {
+    return mRoot != nullptr ? mRoot->mountPoint().size() : 0;
+  }
+
   bool isExistingDirectory(const std::string& path) const {
     if (mRoot != nullptr) return bool(Location(*mRoot, path).open(O_PATH | O_DIRECTORY));
     struct stat status {};
@@ -59,16 +63,19 @@ int FileManagerLinux::UdiskMakeDir(const Location& directory, int mode, short cr
     return -1;
   }
   const Ancestors ancestors(directory);
-  // A remote path is taken with a leading slash, as it stands in the full one.
-  std::string path = directory.confined() ? std::string("/") + directory.path() : directory.path();
-  if (directory.directoryOnly()) path += '/';
+  // The mount point is there; only its part of the complete path is written down.
+  const std::size_t begin = ancestors.rootLength();
+  std::string path = directory.localPath().str();
   for (std::size_t at = 1; at < path.size(); ++at) {
     if (!isSeparator(path[at])) continue;
     const std::string prefix = path.substr(0, at);
     MORVEL_DEBUG(kLogDebug, "pszDir:%s\n", prefix.c_str());
-    if (!ancestors.isExistingDirectory(prefix) && ancestors.make(prefix, mode) != 0) return -1;
+    if (at <= begin) continue;
+    const std::string below = prefix.substr(begin);
+    if (!ancestors.isExistingDirectory(below) && ancestors.make(below, mode) != 0) return -1;
     path[at] = '/';
   }
+  path.erase(0, begin);
   if (createLast == 0 || ancestors.isExistingDirectory(path)) return 0;
   return ancestors.make(path, mode);
 }

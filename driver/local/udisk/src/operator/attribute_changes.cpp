@@ -34,7 +34,7 @@ int UDiskOperator::file_truncate(unsigned char headerLength, ZorPacket* packet) 
   Request<wire::TruncateRecord> request(*packet);
   if (!request) return -1;
   DiskRoot& disk = openDisk(*packet);
-  std::string local = disk.localPath(request.path().text);
+  LogText local = disk.localPath(request.path().text);
   std::uint64_t length = request.record.length;
   MORVEL_DEBUG(kLogDebug, "file_truncate full path: %s,name len:%d,offset:%llu\n", local.c_str(),
                static_cast<int>(request.record.pathLength),

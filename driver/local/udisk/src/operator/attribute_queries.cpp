@@ -14,7 +14,7 @@ int UDiskOperator::get_file_attr(unsigned char headerLength, ZorPacket* packet) 
   Request<wire::FileAttrRecord> request(*packet);
   if (!request) return -1;
   const PeerString& path = request.path();
-  MORVEL_DEBUG(kLogDebug, "get_file_attr path name: %s, size:%d\n", std::string(path.text).c_str(),
+  MORVEL_DEBUG(kLogDebug, "get_file_attr path name: %s, size:%d\n", path.logged().c_str(),
                request.record.pathLength);
   if (!path.whole()) {
     MORVEL_ERROR("get_file_attr path not match\n");
@@ -41,15 +41,13 @@ int UDiskOperator::get_xattr(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::XattrRecord> request(*packet);
   if (!request) return -1;
   const auto& [path, name] = request.strings;
-  MORVEL_DEBUG(kLogFrequent, "get_xattr path:%s, name: %s, size:%llu\n",
-               std::string(path.text).c_str(), std::string(name.text).c_str(),
-               static_cast<unsigned long long>(request.record.valueSize));
+  MORVEL_DEBUG(kLogFrequent, "get_xattr path:%s, name: %s, size:%llu\n", path.logged().c_str(),
+               name.logged().c_str(), static_cast<unsigned long long>(request.record.valueSize));
   if (!name.whole()) {
     MORVEL_ERROR("get_xattr name length not match\n");
     return -1;
   }
-  MORVEL_DEBUG(kLogDebug, "get_xattr full path: %s\n",
-               (mountPoint() + std::string(path.text)).c_str());
+  MORVEL_DEBUG(kLogDebug, "get_xattr full path: %s\n", LogText(mountPoint(), path.text).c_str());
   request.record.valueSize = 0;
   request.record.valueLength = 0;
 
@@ -71,8 +69,8 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
   const std::string_view label =
       slash == std::string_view::npos ? std::string_view() : path.text.substr(0, slash);
   MORVEL_DEBUG(kLogDebug, "get_statvfs file_name: %s, full path: %s,name len:%d, label: %s\n",
-               std::string(path.text).c_str(), (mountPoint() + std::string(path.text)).c_str(),
-               static_cast<int>(request.record.pathLength), std::string(label).c_str());
+               path.logged().c_str(), LogText(mountPoint(), path.text).c_str(),
+               static_cast<int>(request.record.pathLength), LogText(label).c_str());
   const auto matches = [label](const LabelRecord& record) {
     return std::string_view(record->label, sizeof record->label).starts_with(label);
   };

@@ -25,8 +25,8 @@ int UDiskOperator::BusEventHandle(std::shared_ptr<ZorPacket> packet) {
   // A clock that was set back does not keep reports away until it is back again.
   mBandwidthTraceTime = std::min(mBandwidthTraceTime, mBandwidthCheckTime);
   if (mBandwidthCheckTime - mBandwidthTraceTime >= kReportIntervalMs && announced != mBandwidth) {
-    TraceZorDevice("UDISK_READ_BW_INFO", mDevice, true,
-                   UDISK_TRACE_MESSAGE("Udisk read bwinfo:" + std::to_string(announced)), "", "");
+    Trace("UDISK_READ_BW_INFO", true, UDISK_TRACE_PLACE,
+          "Udisk read bwinfo:", std::to_string(announced));
     MORVEL_DEBUG(kLogDebug, "busEventHandle cmd: %d, paylaodSize: %d,requestId:%u bw:%d\n", cmd,
                  static_cast<int>(payloadOf(*packet).size()), packet->GetRequestId(),
                  static_cast<int>(announced));
@@ -36,7 +36,7 @@ int UDiskOperator::BusEventHandle(std::shared_ptr<ZorPacket> packet) {
   return 0;
 }
 
-void UDiskOperator::limitReadRate(std::uint32_t count, PeriodStart start) {
+void UDiskOperator::limitReadRate(const char* function, std::uint32_t count, PeriodStart start) {
   const std::int64_t now = getCurrentTime();
   if (start == PeriodStart::kWithThisRead) mReadTime = now;
   // A clock that was set back does not prolong an announcement: it counts from now.
@@ -48,8 +48,9 @@ void UDiskOperator::limitReadRate(std::uint32_t count, PeriodStart start) {
 
   mWindowBytes += count;
   const std::int64_t started = getCurrentTime();
-  MORVEL_DEBUG(kLogFrequent, "start limit udisk write ... start time =%lu mRelishTime =%d\n",
-               static_cast<unsigned long>(started), static_cast<int>(mRelishTime));
+  MORVEL_DEBUG_OF(function, kLogFrequent,
+                  "start limit udisk write ... start time =%lu mRelishTime =%d\n",
+                  static_cast<unsigned long>(started), static_cast<int>(mRelishTime));
   const RatePeriod period = ratePeriod(bandwidth);
   if (mWindowBytes >= period.budget) {
     const std::int64_t pause = ratePause(period, mWindowBytes, mRelishTime);
@@ -58,8 +59,8 @@ void UDiskOperator::limitReadRate(std::uint32_t count, PeriodStart start) {
     mWindowBytes = start == PeriodStart::kWithThisRead ? count : 0;
   }
   const std::int64_t ended = getCurrentTime();
-  MORVEL_DEBUG(kLogFrequent, "end limit udisk write endtime=%lu kbps...\n",
-               static_cast<unsigned long>(ended));
+  MORVEL_DEBUG_OF(function, kLogFrequent, "end limit udisk write endtime=%lu kbps...\n",
+                  static_cast<unsigned long>(ended));
   mRelishTime = rateOverrun(period, ended - started);
 }
 

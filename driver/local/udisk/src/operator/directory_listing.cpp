@@ -40,7 +40,7 @@ int UDiskOperator::dir_read(unsigned char headerLength, ZorPacket* packet) {
   Request<wire::DirRecord> request(*packet);
   if (!request) return -1;
   const PeerString& path = request.path();
-  MORVEL_DEBUG(kLogFrequent, "dir_read dir: %s, size:%d\n", std::string(path.text).c_str(),
+  MORVEL_DEBUG(kLogFrequent, "dir_read dir: %s, size:%d\n", path.logged().c_str(),
                request.record.pathLength);
   if (!path.whole()) {
     MORVEL_ERROR("dir_read dir not match\n");
@@ -61,7 +61,7 @@ int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
   if (!request || !request.data(request.record.listingLength, cached)) return -1;
   const PeerString& path = request.path();
   MORVEL_DEBUG(kLogDebug, "cache_file_count:%d", request.record.entryCount);
-  MORVEL_DEBUG(kLogDebug, "check_dir dir: %s, size:%d\n", std::string(path.text).c_str(),
+  MORVEL_DEBUG(kLogDebug, "check_dir dir: %s, size:%d\n", path.logged().c_str(),
                request.record.pathLength);
   if (!path.whole()) {
     MORVEL_ERROR("check dir not match\n");
@@ -74,11 +74,12 @@ int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
 
   // A cached listing that makes no sense describes no directory: its holder
   // gets the fresh one.
-  const std::optional<ListingEntries> old =
-      ListingEntries::parse(cached, request.record.entryCount);
-  const std::optional<ListingEntries> now =
-      ListingEntries::parse(listing.bytes(), listing.entryCount);
-  if (old && now && sameListing(*old, *now)) {
+  const std::uint16_t count = request.record.entryCount;
+  unsigned char* old = nullptr;
+  if (holdsEntries(cached, count)) {  // is only read, as the whole request
+    old = reinterpret_cast<unsigned char*>(const_cast<std::byte*>(cached.data()));
+  }
+  if (compare_cache(count, static_cast<int>(listing.entryCount), old, listing.entries)) {
     MORVEL_DEBUG(kLogDebug, "========== not update==========");
     return -1;
   }

@@ -93,6 +93,12 @@ int UDiskOperator::reply(const ZorPacket& request, Reply& reply) {
     MORVEL_ERROR("no memory for the reply, cmd: %d", request.GetCmd());
     return -1;
   }
+  return send(std::move(packet));
+}
+
+int UDiskOperator::send(std::unique_ptr<ZorPacket> packet) {
+  // Otherwise the thread is told when it is about to wait for a remote that does not read.
+  if (listenForWaits == nullptr) closeDisk();
   return mDevice->SendPacket(std::move(packet), -1);
 }
 
@@ -102,7 +108,7 @@ int UDiskOperator::echo(const ZorPacket& request) {
     reportMalformed(request);
     return -1;
   }
-  return mDevice->SendPacket(std::move(packet), -1);
+  return send(std::move(packet));
 }
 
 }  // namespace zor

@@ -21,8 +21,7 @@ int UDiskOperator::file_create(unsigned char headerLength, ZorPacket* packet) {
   record.fd =
       mFileManager->UdiskCreateFile(Location(disk, path.text), 0, static_cast<int>(record.mode));
   if (record.fd < 0) {
-    TraceZorDevice("DEVICE_REDIR_ERROR", mDevice, false,
-                   UDISK_TRACE_MESSAGE("udisk CreatFile fail"), "", "");
+    Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk CreatFile fail");
   }
   Reply answer(*packet, headerLength,
                wire::wireSize<wire::FileCreateRecord>() + path.received.size());

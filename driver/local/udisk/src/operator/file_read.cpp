@@ -16,7 +16,7 @@ int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
   if (!request) return -1;
   wire::FileReadRecord& record = request.record;
   const PeerString& path = request.path();
-  limitReadRate(record.size, PeriodStart::kWithThisRead);
+  limitReadRate(__func__, record.size, PeriodStart::kWithThisRead);
   DiskRoot& disk = openDisk(*packet);
 
   // The contents are read to where they are sent from.
@@ -26,13 +26,12 @@ int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
   const int count = mFileManager->UdiskReadFile(Location(disk, path.text), record.offset,
                                                 std::min(record.size, wire::kMaxReadSize), answer);
   if (count < 0) MORVEL_ERROR("file_read failed res: %d, \n", -1);
-  if (const std::string context(path.text); isTraced(context)) {
+  if (const std::string context = path.logged().str(); isTraced(context)) {
     if (count >= 0) {
-      TraceZorDevice("UDISK_READ_FILE_SUCCESS", mDevice, true,
-                     UDISK_TRACE_MESSAGE("udisk readFile success"), context, "");
+      Trace("UDISK_READ_FILE_SUCCESS", true, UDISK_TRACE_PLACE, "udisk readFile success", {},
+            context);
     } else {
-      TraceZorDevice("UDISK_READ_FILE_FAIL", mDevice, false,
-                     UDISK_TRACE_MESSAGE("udisk readFile fail"), context, "");
+      Trace("UDISK_READ_FILE_FAIL", false, UDISK_TRACE_PLACE, "udisk readFile fail", {}, context);
       mDevice->NotifyReadFailure(context);
     }
   }

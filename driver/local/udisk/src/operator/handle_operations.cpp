@@ -12,7 +12,7 @@ int UDiskOperator::file_flush(unsigned char /*headerLength*/, ZorPacket* packet)
   const Request<wire::HandleRecord> request(*packet);
   if (!request) return -1;
   MORVEL_DEBUG(kLogDebug, "file_flush fd: %d, path: %s\n", request.record.fd,
-               std::string(request.path().text).c_str());
+               request.path().logged().c_str());
   return echo(*packet);
 }
 
@@ -21,7 +21,7 @@ int UDiskOperator::file_release(unsigned char /*headerLength*/, ZorPacket* packe
   if (!request) return -1;
   DiskRoot& disk = openDisk(*packet);
   MORVEL_DEBUG(kLogDebug, "file_release fd: %d, path: %s, mMountPoint: %s\n", request.record.fd,
-               std::string(request.path().text).c_str(), disk.localPath("").c_str());
+               request.path().logged().c_str(), disk.localPath("").c_str());
   mFileManager->UdiskRelease(Location(disk, request.path().text));
   return echo(*packet);
 }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "morvel_log.h"
 #include "udisk_operator.h"
@@ -76,11 +77,23 @@ DiskRoot UDiskOperator::openMountPoint() {
   const std::lock_guard lock(mMountMutex);
   if (generation != mMountGeneration) {
     root.refuse(ENODEV);
-  } else if (!mMountIdentity) {
+    return root;
+  }
+  if (!mMountIdentity) {
     mMountIdentity = root.identity();
-  } else if (*mMountIdentity != root.identity()) {
+  } else if (mMountIdentity->file != root.identity().file) {
+    // A directory may wait for its disk; a disk waits for no other one.
+    if (!mMountIdentity->isMountRoot && root.identity().isMountRoot) {
+      mMountIdentity = root.identity();
+      mDiskTaken = true;
+    } else {
+      root.refuse(EIO);
+    }
+  }
+  if (root.error() != 0 && !std::exchange(mGoneReported, true)) {
     MORVEL_ERROR("the disk at %s is gone, another file system shows there", mountPoint);
-    root.refuse(EIO);
+  } else if (root.error() == 0) {
+    mGoneReported = false;
   }
   return root;
 }
@@ -99,10 +112,10 @@ DiskRoot& UDiskOperator::openDisk(const ZorPacket& request) {
       mDiskGeneration = mMountGeneration;
     }
     mDisk.emplace(openMountPoint());
-    if (mInBurst) {
-      mDisk->expectMore();
-      mDiskOpened = std::chrono::steady_clock::now();
-    }
+    mDiskOpened = std::chrono::steady_clock::now();
+    if (mInBurst) mDisk->expectMore();
+    const std::lock_guard lock(mMountMutex);
+    if (std::exchange(mDiskTaken, false)) mDiskChanged = 1;
   }
   const Operation* operation = findOperation(request.GetCmd());
   if (mDisk->error() == 0 && mReadOnly && operation != nullptr && operation->changesDisk) {

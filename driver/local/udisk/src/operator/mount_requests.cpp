@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,8 @@
 namespace zor {
 namespace {
 
+constexpr std::size_t kMostPasswordEntry = std::size_t{1} << 20;
+
 // One plain component; anything else could create a directory elsewhere.
 bool isPlainName(const PeerString& name) noexcept {
   return name.whole() && !name.text.empty() && name.text != "." && name.text != ".." &&
@@ -23,17 +27,42 @@ bool isPlainName(const PeerString& name) noexcept {
 }
 
 // Empty when the password database does not know the user.
-std::string homeDirectory() {
+std::string lookUpHome(uid_t user) {
   const long hint = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> memory(hint > 0 ? static_cast<std::size_t>(hint) : 16384);
+  std::vector<char> memory(hint > 0 ? static_cast<std::size_t>(hint) : 1024);
   passwd entry{};
   passwd* found = nullptr;
-  ::getpwuid_r(::getuid(), &entry, memory.data(), memory.size(), &found);
+  while (::getpwuid_r(user, &entry, memory.data(), memory.size(), &found) == ERANGE &&
+         memory.size() < kMostPasswordEntry) {
+    memory.resize(memory.size() * 2);  // the hint is no limit
+  }
   return found != nullptr && found->pw_dir != nullptr ? found->pw_dir : "";
 }
 
+// Looked up when the module is loaded: a process that confines itself afterwards
+// does not reach the password database any more.
+struct Home {
+  uid_t user;
+  std::string directory;
+};
+const Home gHome = []() noexcept {
+  Home home{::getuid(), {}};
+  try {
+    if (home.user != 0) home.directory = lookUpHome(home.user);
+  } catch (const std::bad_alloc&) {
+  }
+  return home;
+}();
+
+// Empty for root, and where none is known.
+std::string homeDirectory() {
+  const uid_t user = ::getuid();
+  if (user == 0) return "";
+  return user == gHome.user && !gHome.directory.empty() ? gHome.directory : lookUpHome(user);
+}
+
 void mountDirectory(const std::string& name, char (&path)[256]) {
-  const std::string home = ::getuid() != 0 ? homeDirectory() : "";
+  const std::string home = homeDirectory();
   if (home.empty()) {
     std::snprintf(path, sizeof path, "/media/%s", name.c_str());
   } else {
@@ -44,16 +73,16 @@ void mountDirectory(const std::string& name, char (&path)[256]) {
 }  // namespace
 
 int UDiskOperator::mountEcho(unsigned char headerLength,
-                             const Request<wire::MountNameRecord>& request) {
+                             const Request<wire::MountRemoteRequest>& request) {
   const std::string_view name = request.path().received;
   Reply answer(request.packet(), headerLength,
-               wire::wireSize<wire::MountNameRecord>() + name.size());
+               wire::wireSize<wire::MountRemoteRequest>() + name.size());
   answer.add(request.record).add(name);
   return reply(request.packet(), answer);
 }
 
 int UDiskOperator::mount_remote(unsigned char headerLength, ZorPacket* packet) {
-  const Request<wire::MountNameRecord> request(*packet);
+  const Request<wire::MountRemoteRequest> request(*packet);
   if (!request) return -1;
   if (isPlainName(request.path())) {
     char path[256] = {};
@@ -66,14 +95,14 @@ int UDiskOperator::mount_remote(unsigned char headerLength, ZorPacket* packet) {
     SetRootPath(path, nullptr);
     MORVEL_DEBUG(kLogDebug, "mount path: %s\n", path);
   } else {
-    MORVEL_ERROR("mount name is not a plain name: %s", std::string(request.path().text).c_str());
+    MORVEL_ERROR("mount name is not a plain name: %s", request.path().logged().c_str());
     SetRootPath(nullptr, nullptr);
   }
   return mountEcho(headerLength, request);
 }
 
 int UDiskOperator::umount_remote(unsigned char headerLength, ZorPacket* packet) {
-  const Request<wire::MountNameRecord> request(*packet);
+  const Request<wire::MountRemoteRequest> request(*packet);
   if (!request) return -1;
   SetRootPath(nullptr, nullptr);
   return mountEcho(headerLength, request);
@@ -92,8 +121,7 @@ int UDiskOperator::mount_response(unsigned char /*headerLength*/, ZorPacket* pac
     const std::lock_guard lock(mMountMutex);
     mMountDrive = drive;
   }
-  TraceZorDevice("DEVICE_OPEN", mDevice, true,
-                 UDISK_TRACE_MESSAGE("udisk create success RemoteMountPoint:" + drive), "", "");
+  Trace("DEVICE_OPEN", true, UDISK_TRACE_PLACE, "udisk create success RemoteMountPoint:", drive);
   return -1;
 }
 

@@ -21,8 +21,7 @@ int UDiskOperator::make_dir(unsigned char headerLength, ZorPacket* packet) {
       mFileManager->UdiskMakeDir(Location(disk, request.path().text), request.record.mode, 1);
   MORVEL_DEBUG(kLogDebug, "make dir resule: %d", request.record.result);
   if (request.record.result != 0) {
-    TraceZorDevice("DEVICE_REDIR_ERROR", mDevice, false, UDISK_TRACE_MESSAGE("udisk make_dir fail"),
-                   "", "");
+    Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk make_dir fail");
   }
   Reply answer = recordReply(request, headerLength);
   MORVEL_DEBUG(kLogDebug, "make dir send back size:%d", static_cast<int>(answer.size()));
@@ -38,8 +37,7 @@ int UDiskOperator::remove_dir(unsigned char headerLength, ZorPacket* packet) {
   request.record.result = static_cast<std::int16_t>(
       mFileManager->UdiskDeleteDirectory(Location(disk, request.path().text)));
   if (request.record.result != 0) {
-    TraceZorDevice("DEVICE_REDIR_ERROR", mDevice, false,
-                   UDISK_TRACE_MESSAGE("udisk remove_dir fail"), "", "");
+    Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk remove_dir fail");
   }
   MORVEL_DEBUG(kLogDebug, "remove dir resule: %d", request.record.result);
   Reply answer = recordReply(request, headerLength);
@@ -87,8 +85,7 @@ int UDiskOperator::set_rename(unsigned char headerLength, ZorPacket* packet) {
   request.record.result =
       mFileManager->UdiskRename(Location(disk, from.text), Location(disk, to.text));
   if (request.record.result != 0) {
-    TraceZorDevice("DEVICE_REDIR_ERROR", mDevice, false,
-                   UDISK_TRACE_MESSAGE("udisk set_rename fail"), "", "");
+    Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk set_rename fail");
   }
   MORVEL_DEBUG(kLogDebug, "set rename resule: %d", request.record.result);
   Reply answer = recordReply(request, headerLength);

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <utility>
 
+#include "file_manager_linux/log_text.h"
 #include "protocol/codec.h"
 #include "zor_packet.h"
 
@@ -29,6 +30,8 @@ struct PeerString {
 
   /// False when a zero byte hides the rest of the declared bytes.
   bool whole() const noexcept { return text.size() == received.size(); }
+
+  LogText logged() const noexcept { return LogText(text); }
 
   std::string_view received;  ///< every declared byte
   std::string_view text;      ///< up to the first zero byte: what the string means

@@ -19,10 +19,10 @@ struct SmallFileEntry {
 };
 
 // 0, or what the handler returns for a request that is refused.
-int readEntry(wire::Cursor& cursor, SmallFileEntry& entry) {
+int readEntry(const char* function, wire::Cursor& cursor, SmallFileEntry& entry) {
   const std::size_t remaining = cursor.rest().size();
   if (!cursor.get(entry.record)) {
-    MORVEL_ERROR("small_file_read remaining %d, \n", static_cast<int>(remaining));
+    MORVEL_ERROR_OF(function, "small_file_read remaining %d, \n", static_cast<int>(remaining));
     return -2;
   }
   const std::uint32_t length = entry.record.pathLength;
@@ -48,19 +48,19 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
 
   // Every record is looked at before any file is touched. They are read twice
   // rather than kept: a list of them could be larger than the request.
-  DiskRoot& disk = openDisk(*packet);
+  const std::string mountPoint = this->mountPoint();
   std::uint64_t requested = headerLength;  // what the limiter and the log count
   std::uint64_t names = 0;
   wire::Cursor check = cursor;
   SmallFileEntry entry{};
   for (std::uint32_t i = 0; i < batch.num_records; ++i) {
     if (mStopServing) return -1;
-    if (const int refusal = readEntry(check, entry); refusal != 0) return refusal;
+    if (const int refusal = readEntry(__func__, check, entry); refusal != 0) return refusal;
     const wire::FileReadRecord& record = entry.record;
     MORVEL_DEBUG(kLogFrequent,
                  "small_file_read file_name %s path %s offset %d buflen %d filename_length %d, \n",
-                 std::string(entry.file_name.text).c_str(),
-                 disk.localPath(entry.file_name.text).c_str(), static_cast<int>(record.offset),
+                 entry.file_name.logged().c_str(),
+                 LogText(mountPoint, entry.file_name.text).c_str(), static_cast<int>(record.offset),
                  static_cast<int>(record.size), static_cast<int>(record.pathLength));
     names += kFixed + record.pathLength;
     requested += std::uint64_t{kFixed} + record.pathLength + record.size;
@@ -72,14 +72,19 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
 
   Reply answer(*packet, headerLength, wire::wireSize<wire::SmallFileRecord>() + names);
   answer.add(batch);
-  for (std::uint32_t i = 0; i < batch.num_records && readEntry(cursor, entry) == 0; ++i) {
-    if (mStopServing) return -1;
+  std::uint32_t failures = 0;
+  for (std::uint32_t i = 0; i < batch.num_records; ++i) {
+    if (mStopServing) return -1;  // nobody will get it
+    readEntry(__func__, cursor, entry);
     wire::FileReadRecord block{entry.record.offset, 0, 0, entry.record.pathLength, 0};
     const std::size_t at = answer.size() - headerLength;
     answer.add(block).add(entry.file_name.received);
-    const int count = mFileManager->UdiskReadFile(Location(disk, entry.file_name.text),
-                                                  block.offset, entry.record.size, answer);
-    if (count < 0) MORVEL_ERROR("file_read failed res: %d, \n", 0);
+    // Opened anew from time to time: a long batch must not go on in what was moved away.
+    const Location file(openDisk(*packet), entry.file_name.text);
+    const int count =
+        mFileManager->UdiskReadFile(file, block.offset, entry.record.size, answer,
+                                    failures == 0 ? Failures::kLogged : Failures::kSilent);
+    if (count < 0 && failures++ == 0) MORVEL_ERROR("file_read failed res: %d, \n", 0);
     if (count > 0) {
       block.size = static_cast<std::uint32_t>(count);
       answer.rewrite(at, block);
@@ -89,7 +94,10 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
                  static_cast<int>(requested), static_cast<int>(block.size),
                  static_cast<unsigned long long>(block.offset));
   }
-  limitReadRate(static_cast<std::uint32_t>(requested), PeriodStart::kEmpty);
+  if (failures > 1) {
+    MORVEL_ERROR("small_file_read: so failed %u of %u records", failures, batch.num_records);
+  }
+  limitReadRate(__func__, static_cast<std::uint32_t>(requested), PeriodStart::kEmpty);
   reply(*packet, answer);
   return 0;
 }

@@ -3,6 +3,7 @@
 
 #include "morvel_log.h"
 #include "trace_keys.h"
+#include "trace_message.h"
 #include "udisk_operator.h"
 #include "zor_tracer.h"
 
@@ -23,7 +24,7 @@ void UDiskOperator::TraceZorDevice(std::string eventName, ZorDevice* device, boo
         {kTraceKeys[kTraceKeyMessage], std::move(message)},
         {kTraceKeys[kTraceKeySuccess], success ? "true" : "false"},
         {kTraceKeys[kTraceKeyProductName], GetLocalMountPoint()}};
-    const std::string id = ZorTracer::GetInstance().GenerateTraceId();
+    const std::string id = ZorTracer::GetInstance()->GenerateTraceId();
     if (context.empty()) {
       base->TraceEvent(id, name, attributes);
     } else {
@@ -32,6 +33,18 @@ void UDiskOperator::TraceZorDevice(std::string eventName, ZorDevice* device, boo
   } catch (const std::exception& error) {
     MORVEL_ERROR("no trace of %s: %s", eventName.c_str(), error.what());
   }
+}
+
+void UDiskOperator::Trace(const char* eventName, bool success, const TracePlace& place,
+                          std::string_view text, std::string_view detail,
+                          std::string_view context) noexcept try {
+  std::string message = "[";
+  message.append(place.file).append(" ").append(place.function);
+  message.append("(").append(std::to_string(place.line)).append(")] ");
+  message.append(text).append(detail);
+  TraceZorDevice(eventName, mDevice, success, std::move(message), LogText(context).str(), "");
+} catch (const std::exception& error) {
+  MORVEL_ERROR("no trace of %s: %s", eventName, error.what());
 }
 
 bool UDiskOperator::isTraced(const std::string& path) {

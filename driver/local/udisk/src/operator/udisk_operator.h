@@ -18,10 +18,12 @@
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
+#include "zor_wait_listener.h"
 
 namespace zor {
 
 class Reply;
+struct TracePlace;
 template <wire::Record R>
 class Request;
 
@@ -94,6 +96,9 @@ class UDiskOperator : public UdiskOperatorInf {
    private:
     UDiskOperator& mOperator;
   };
+  /// Closes what is open of the disk. To be told by the thread of `EventHandle` alone.
+  WaitListener& Waits() noexcept { return mWaits; }
+
   /// Takes in a bandwidth announcement (bandwidth.cpp). Always 0.
   int BusEventHandle(std::shared_ptr<ZorPacket> packet);
 
@@ -105,13 +110,16 @@ class UDiskOperator : public UdiskOperatorInf {
   /// write-protected one.
   void SetReadOnly(bool readOnly) noexcept { mReadOnly = readOnly; }
 
-  /// From now on a request that goes through many steps ends at the next one,
-  /// without an answer: the driver is being closed.
+  /// From now on a batch read may end without an answer: the driver is being closed.
   void StopServing() noexcept { mStopServing = true; }
 
   /// Reports an event to the device's trace sink. `extra` is not used (trace.cpp).
   void TraceZorDevice(std::string eventName, ZorDevice* device, bool success, std::string message,
                       const std::string& context, const std::string& extra);
+  /// The same for this disk's device, with the place in front of `text` and `detail`. Of
+  /// `context` as much is passed on as a log line shows. Without memory nothing is reported.
+  void Trace(const char* eventName, bool success, const TracePlace& place, std::string_view text,
+             std::string_view detail = {}, std::string_view context = {}) noexcept;
 
   // mount_requests.cpp
   int mount_remote(unsigned char headerLength, ZorPacket* request);
@@ -148,6 +156,8 @@ class UDiskOperator : public UdiskOperatorInf {
 
   /// Whether the cached listing still describes the directory: the same names,
   /// sizes and modification times in whole seconds, in any order.
+  /// Reads both listings and changes neither. A null `cached` describes no directory that
+  /// has entries.
   /// REQUIRES: both listings hold that many entries, all well-formed
   /// (compare_cache.cpp).
   bool compare_cache(int cachedCount, int currentCount, unsigned char* cached,
@@ -160,6 +170,12 @@ class UDiskOperator : public UdiskOperatorInf {
     void operator()(void* memory) const noexcept;
   };
   using LabelRecord = std::unique_ptr<udisk_label_statvfs, FreeDeleter>;
+
+  struct DiskCloser final : WaitListener {
+    explicit DiskCloser(UDiskOperator& owner) noexcept : op(owner) {}
+    void aboutToWait() noexcept override { op.closeDisk(); }
+    UDiskOperator& op;
+  };
 
   /// Whether a read opens the new period of the limiter or only ends the old one.
   enum class PeriodStart { kWithThisRead, kEmpty };
@@ -175,10 +191,11 @@ class UDiskOperator : public UdiskOperatorInf {
   DiskRoot openMountPoint();
   bool diskIsFresh();
   int reply(const ZorPacket& request, Reply& reply);
+  int send(std::unique_ptr<ZorPacket> packet);
   int echo(const ZorPacket& request);
-  int mountEcho(unsigned char headerLength, const Request<wire::MountNameRecord>& request);
+  int mountEcho(unsigned char headerLength, const Request<wire::MountRemoteRequest>& request);
   bool isTraced(const std::string& path);
-  void limitReadRate(std::uint32_t count, PeriodStart start);
+  void limitReadRate(const char* function, std::uint32_t count, PeriodStart start);
 
   ZorDevice* mDevice;
   std::unique_ptr<FileManagerLinux> mFileManager;
@@ -199,13 +216,16 @@ class UDiskOperator : public UdiskOperatorInf {
   std::uint32_t mWindowBytes = 0;  ///< data-event thread only, as the next
   std::int64_t mRelishTime = 0;
 
+  DiskCloser mWaits{*this};
   std::atomic<bool> mReadOnly{false};
   std::atomic<bool> mStopServing{false};
-  /// Guards mMountPoint, mMountDrive, mStatvfsList and the two below; never
+  /// Guards mMountPoint, mMountDrive, mStatvfsList and the four below; never
   /// held over a file-system call.
   std::mutex mMountMutex;
-  std::optional<FileIdentity> mMountIdentity;  ///< of the mount point's first use
+  std::optional<MountIdentity> mMountIdentity;  ///< of the mount point's first use
   std::uint64_t mMountGeneration = 0;           ///< counts the settings of mMountPoint
+  bool mGoneReported = false;                   ///< since the disk was seen last
+  bool mDiskTaken = false;                      ///< mounted later: its statistics are unknown
 };
 
 }  // namespace zor

@@ -54,7 +54,7 @@ int UDiskService::MountRemote(char* name, ZorDevice* device) {
 
 void UDiskService::SetReadSmallFileTrubo() {
   auto packet = std::make_unique<ZorPacket>(kUsualCapacity);
-  packet->SetHeader(mDevice->GetDevId(), code(wire::Command::kSmallFileNotice),
+  packet->SetHeader(mDevice->GetDevId(), code(wire::SmallFileTurboNotice::kCommand),
                     wire::kSmallFileNoticeRequestId);
   mDevice->SendPacket(std::move(packet), -1);
 }

@@ -16,6 +16,8 @@ namespace {
 
 enum LoopState : std::int32_t { kNeverStarted = 0, kStarted = 1, kStopRequested = 2 };
 
+constexpr char kThread[] = "ServiceThread";  // in the log: whose work its parts do
+
 void copyCut(char (&to)[256], const char* from) noexcept {
   std::memset(to, 0, sizeof to);
   std::memcpy(to, from, std::min(std::strlen(from), sizeof to - 1));
@@ -64,12 +66,13 @@ void* UDiskService::ServiceThread(void* service) noexcept {
 void UDiskService::announceDisk() {
   const std::shared_ptr<ZorDevBase> base = mDevice->GetDevBase();
   if (!base) {
-    MORVEL_ERROR("getDevBase error usb device.");
+    MORVEL_ERROR_OF(kThread, "getDevBase error usb device.");
     return;
   }
   const std::string text = base->GetParams();
-  MORVEL_DEBUG(kLogDebug, "bus=%d,addr=%d, params:%s", base->bus, base->addr, text.c_str());
-  MORVEL_DEBUG(kLogDebug, "udisk soft client");
+  MORVEL_DEBUG_OF(kThread, kLogDebug, "bus=%d,addr=%d, params:%s", base->bus, base->addr,
+                  text.c_str());
+  MORVEL_DEBUG_OF(kThread, kLogDebug, "udisk soft client");
   char params[256] = {};
   char name[256] = {};
   char letter[256] = {};
@@ -78,9 +81,9 @@ void UDiskService::announceDisk() {
   try {
     readParameters(text, name, letter, label);
   } catch (const std::exception& error) {
-    MORVEL_ERROR("device parameters cannot be used: %s", error.what());
+    MORVEL_ERROR_OF(kThread, "device parameters cannot be used: %s", error.what());
   }
-  MORVEL_DEBUG(kLogDebug, "path: %s, lable: %s", params, label);
+  MORVEL_DEBUG_OF(kThread, kLogDebug, "path: %s, lable: %s", params, label);
   mOperator->SetRootPath(letter, label);
   SetReadSmallFileTrubo();
   MountRemote(name, mDevice);
@@ -94,7 +97,7 @@ void UDiskService::readParameters(const std::string& text, char (&name)[256], ch
   Json::Value root;
   std::string errors;
   if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &root, &errors)) {
-    MORVEL_ERROR("Failed to parse JSON errors: %s", errors.c_str());
+    MORVEL_ERROR_OF(kThread, "Failed to parse JSON errors: %s", errors.c_str());
     return;
   }
   if (!root.isObject()) throw std::invalid_argument("not a JSON object");

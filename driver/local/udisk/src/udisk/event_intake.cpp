@@ -7,6 +7,7 @@
 #include "morvel_log.h"
 #include "operator/udisk_operator.h"
 #include "udisk_driver.h"
+#include "zor_wait_listener.h"
 
 namespace zor {
 int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
@@ -73,6 +74,7 @@ void UDiskDriver::lookOut() noexcept {
 }
 
 void UDiskDriver::DataEventHandle() {
+  if (listenForWaits != nullptr) listenForWaits(&mOperator->Waits());
   bool served = false;
   GQueue taken = G_QUEUE_INIT;
   const auto next = [&taken] {

@@ -1,6 +1,8 @@
 #include "udisk_driver.h"
 
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include "morvel_log.h"
@@ -11,13 +13,13 @@
 namespace zor {
 
 UDiskDriver::UDiskDriver(ZorDevice* device, const char* params)
-    : mDevice(device), mRequests(dynamic_cast<RequestSource*>(device)) {
+    : mDevice(device), mRequests(requestSourceOf != nullptr ? requestSourceOf(device) : nullptr) {
   if (params != nullptr) storePolicy(params);
 }
 
 UDiskDriver::~UDiskDriver() = default;
 
-int UDiskDriver::Init() {
+int UDiskDriver::Init() try {
   // A thread that is left running would end the process with its owner.
   struct Undo {
     UDiskDriver* driver;
@@ -35,19 +37,19 @@ int UDiskDriver::Init() {
   MORVEL_DEBUG(kLogDebug, "client udisk init service\n");
   mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
   if (mService->StartLoop() == -1) return -1;
-  mOperator->TraceZorDevice("UDISK_DRIVER_OPEN", mDevice, true,
-                            UDISK_TRACE_MESSAGE("udisk driver open success"), "", "");
+  mOperator->Trace("UDISK_DRIVER_OPEN", true, UDISK_TRACE_PLACE, "udisk driver open success");
   MORVEL_DEBUG(kLogDebug, "client udisk init success\n");
   undo.driver = nullptr;
   return 0;
+} catch (const std::bad_alloc&) {
+  return -1;
 }
 
 int UDiskDriver::Close(signed char /*reason*/) {
   MORVEL_DEBUG(kLogDebug, "udisk client close\n");
   stopServing();
   if (mOperator) {
-    mOperator->TraceZorDevice("UDISK_DRIVER_CLOSE", mDevice, true,
-                              UDISK_TRACE_MESSAGE("udisk driver close success"), "", "");
+    mOperator->Trace("UDISK_DRIVER_CLOSE", true, UDISK_TRACE_PLACE, "udisk driver close success");
     mOperator.reset();
   }
   MORVEL_DEBUG(kLogDebug, "udisk client close out\n");
@@ -92,5 +94,16 @@ void UDiskDriver::storePolicy(const char* policy) noexcept {
 }
 
 std::shared_ptr<DriverObj> UDiskDriver::GetDriverObj() { return mOperator; }
+
+ZorDriver* udisk_open(ZorDevice* device, const std::string& params) noexcept {
+  MORVEL_DEBUG(kLogDebug, "client udisk open\n");
+  try {
+    auto driver = std::make_unique<UDiskDriver>(device, params.c_str());
+    if (driver->Init() != -1) return driver.release();
+  } catch (const std::exception&) {  // no memory for the driver, or no thread to be had
+  }
+  MORVEL_ERROR("udisk_open Init failed");
+  return nullptr;
+}
 
 }  // namespace zor

@@ -12,10 +12,10 @@
 #include <thread>
 
 #include "support/look_out.h"
-#include "support/request_source.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
+#include "zor_request_source.h"
 
 namespace zor {
 
@@ -35,7 +35,7 @@ class UDiskDriver : public ZorRawDriver {
   UDiskDriver& operator=(const UDiskDriver&) = delete;
 
   /// Creates the operator, the data-event thread and the service. 0, or -1 with
-  /// everything undone. A thread that the system refuses, and memory, throw; then
+  /// everything undone. A data-event thread that the system refuses throws; then
   /// everything is undone, too.
   int Init();
   int Close(signed char reason) override;
@@ -68,13 +68,13 @@ class UDiskDriver : public ZorRawDriver {
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
   ZorDevice* mDevice;
-  RequestSource* mRequests;  ///< the device again, when it is one
+  RequestSource* mRequests;  ///< null where the framework offers none
   char mPolicy[128] = {};
   std::unique_ptr<std::thread> mDataThread;
   std::unique_ptr<UDiskService> mService;
 };
 
 /// The module's open entry: a running driver, or null.
-ZorDriver* udisk_open(ZorDevice* device, const std::string& params);
+ZorDriver* udisk_open(ZorDevice* device, const std::string& params) noexcept;
 
 }  // namespace zor

@@ -1,0 +1,16 @@
+#include "zor_wait_listener.h"
+
+namespace zor {
+namespace {
+
+thread_local WaitListener* tListener = nullptr;
+
+}  // namespace
+
+void listenForWaits(WaitListener* listener) noexcept { tListener = listener; }
+
+void tellAboutToWait() noexcept {
+  if (tListener != nullptr) tListener->aboutToWait();
+}
+
+}  // namespace zor
