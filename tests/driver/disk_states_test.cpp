@@ -107,7 +107,8 @@ TEST_F(DiskStateTest, ADeviceIsNotTakenForTheFileInWhosePlaceItIsPut) {
     GTEST_SKIP() << "there are no devices here";
   }
   morvelLogSetLevel(kLogError + 1);
-  for (const auto& [met, event] : {std::pair{true, IN_OPEN}, {false, IN_ACCESS | IN_MODIFY}}) {
+  for (const auto& [met, event] :
+       {std::pair{true, 0U + IN_OPEN}, {false, 0U + IN_ACCESS + IN_MODIFY}}) {
     if (!fs::is_regular_file(file)) fs::rename(zeros, disk + "/x"), fs::rename(file, zeros);
     put(file, "0123456789");
     const UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
