@@ -123,6 +123,7 @@ TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
   waiting.disk = disk;
   UDiskDriver waitingDriver(&waiting, "");
   ASSERT_EQ(waitingDriver.Init(), 0);
+  ASSERT_TRUE(waiting.waitForSent(2));  // from now on one thread serves and sends
   for (int round = 0; round < 20; ++round) {
     for (const Probe& probe : kProbes) {
       waitingDriver.onEvent(requestOf(probe.cmd, probe.request("/sub/../" + probe.leaf()), 200), 0);
