@@ -44,10 +44,16 @@ TEST_F(DiskStateTest, WhatShowsInPlaceOfAGoneDiskIsLeftAlone) {
 TEST_F(DiskStateTest, ADirectoryWaitsForItsDiskAndADiskForNoOther) {
   const std::string other = outside + "/empty";
   EXPECT_FALSE(fails(kProbes[0], "/inside.txt"));
-  if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, nullptr) != 0) {
+  if (::mount("tmpfs", other.c_str(), "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "nothing can be mounted here";
   }
-  ASSERT_EQ(::mount("tmpfs", other.c_str(), "tmpfs", 0, nullptr), 0);
+  fs::rename(disk, disk + ".away");
+  fs::create_directory_symlink(other, disk);
+  layOut();
+  expectAllFail();
+  fs::remove(disk);
+  fs::rename(disk + ".away", disk);
+  ASSERT_EQ(::mount("tmpfs", disk.c_str(), "tmpfs", 0, nullptr), 0);
   layOut();
   Peek::diskChanged(op) = 0;
   for (const Probe& probe : kProbes) {
@@ -57,7 +63,7 @@ TEST_F(DiskStateTest, ADirectoryWaitsForItsDiskAndADiskForNoOther) {
   }
   ASSERT_EQ(::umount2(disk.c_str(), 0), 0);  // nothing holds it open
   expectAllFail();
-  EXPECT_EQ(log.errors("the disk at " + disk + " is gone"), 1U);
+  EXPECT_EQ(log.errors("the disk at " + disk + " is gone"), 2U);
   ASSERT_EQ(::mount(other.c_str(), disk.c_str(), nullptr, MS_BIND, nullptr), 0);
   layOut();
   expectAllFail();

@@ -20,17 +20,22 @@ std::atomic<bool> gComponentWalk{false};
 // dot-dot; it says "try again", and after this often the peer gets a failure.
 constexpr int kRaceRetries = 128;
 
-int openBeneath(int rootFd, const char* path, int flags, mode_t mode) noexcept {
+int openResolving(int rootFd, const char* path, int flags, mode_t mode,
+                  std::uint64_t resolve) noexcept {
   open_how how{};
   how.flags = static_cast<std::uint64_t>(flags);
   how.mode = mode;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  how.resolve = resolve;
   long fd = -1;
   for (int attempt = 0; attempt < kRaceRetries; ++attempt) {
     fd = ::syscall(SYS_openat2, rootFd, path, &how, sizeof how);
     if (fd >= 0 || (errno != EAGAIN && errno != EINTR)) break;
   }
   return static_cast<int>(fd);
+}
+
+int openBeneath(int rootFd, const char* path, int flags, mode_t mode) noexcept {
+  return openResolving(rootFd, path, flags, mode, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS);
 }
 
 // One call tells both. Where the kernel does not know it, a mount shows only when its
@@ -64,6 +69,13 @@ DiskRoot::DiskRoot(const char* mountPoint) : mMountPointLength(std::strlen(mount
   std::memcpy(mMountPoint, mountPoint, mMountPointLength);
   mFd = UniqueFd(::open(mountPoint, O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!mFd || !identify(mFd.get(), mIdentity)) mError = errno;
+}
+
+bool DiskRoot::isReachedWithoutLinks() const noexcept {
+  MountIdentity found;
+  const UniqueFd fd(openResolving(AT_FDCWD, mMountPoint, O_PATH | O_DIRECTORY | O_CLOEXEC, 0,
+                                  RESOLVE_NO_SYMLINKS));
+  return fd && identify(fd.get(), found) && found.file == mIdentity.file;
 }
 
 void DiskRoot::forceComponentWalk(bool forced) noexcept { gComponentWalk.store(forced); }

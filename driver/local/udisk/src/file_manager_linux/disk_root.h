@@ -103,6 +103,9 @@ class DiskRoot {
   void refuse(int error) noexcept { mError = error; }
 
   const MountIdentity& identity() const noexcept { return mIdentity; }
+  /// Whether the path still leads here, and through no symbolic link. False on a kernel
+  /// that cannot tell.
+  bool isReachedWithoutLinks() const noexcept;
   int fd() const noexcept { return mFd.get(); }
 
   std::string_view mountPoint() const noexcept { return {mMountPoint, mMountPointLength}; }

@@ -82,8 +82,10 @@ DiskRoot UDiskOperator::openMountPoint() {
   if (!mMountIdentity) {
     mMountIdentity = root.identity();
   } else if (mMountIdentity->file != root.identity().file) {
-    // A directory may wait for its disk; a disk waits for no other one.
-    if (!mMountIdentity->isMountRoot && root.identity().isMountRoot) {
+    // A directory may wait for its disk; a disk waits for no other one. A link to
+    // some mount was put there by a neighbour.
+    if (!mMountIdentity->isMountRoot && root.identity().isMountRoot &&
+        root.isReachedWithoutLinks()) {
       mMountIdentity = root.identity();
       mDiskTaken = true;
     } else {
