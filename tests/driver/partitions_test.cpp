@@ -215,7 +215,8 @@ TEST_F(PartitionsTest, NoLabelIsEverInterpreted) {
                      {"mount", dev, directory, "-o", "dmask=0000", "-o", "fmask=0000", "-o",
                       "iocharset=utf8"}};
       if (result == 0) expected.push_back({"umount", "-l", directory});
-      expected.push_back({"rm", "-df", "--", directory});
+      expected.push_back(
+          {"rm", "-rf", "--one-file-system", "--preserve-root=all", "--", directory});
       EXPECT_EQ(calls(), expected);
       EXPECT_FALSE(fs::exists(directory));
     }

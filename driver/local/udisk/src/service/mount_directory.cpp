@@ -146,8 +146,9 @@ void MountDirectory::remove() const {
     MORVEL_ERROR("%s is still mounted, its directory is kept", mPath.c_str());
   } else if (::fchmod(directory.get(), S_IRWXU) != 0 || !isEmpty(std::move(directory))) {
     MORVEL_ERROR("%s is not empty, its directory is kept", mPath.c_str());
-  } else if (!runCommand({"rm", "-df", "--", mPath}).succeeded()) {
-    // With -d the kernel itself refuses whatever is not an empty directory.
+  } else if (!runCommand({"rm", "-rf", "--one-file-system", "--preserve-root=all", "--", mPath})
+                  .succeeded()) {
+    // The last option refuses what is a mount point itself, should one have come since.
     MORVEL_ERROR("mount directory %s could not be removed", mPath.c_str());
   }
 }
