@@ -21,7 +21,7 @@ constexpr std::size_t kMostParts = 64;
 constexpr std::size_t kMostTogether = 12;
 // How long a reply may wait because the next request takes long: between one
 // and two of these.
-constexpr auto kTick = std::chrono::milliseconds(1);
+constexpr auto kCoalescingTick = std::chrono::milliseconds(1);
 
 }  // namespace
 
@@ -184,7 +184,7 @@ void Outbox::run() {
 // Looks from time to time, which is cheaper than an alarm for every packet.
 void Outbox::waitForTheGathered(Lock& lock) {
   const std::uint64_t before = mWrites;
-  if (mWake.wait_for(lock, kTick, [this] { return mEnded || mHandedOver; })) return;
+  if (mWake.wait_for(lock, kCoalescingTick, [this] { return mEnded || mHandedOver; })) return;
   if (mWrites != before) return;
   if (mWaiting.empty()) {
     mGathering = false;

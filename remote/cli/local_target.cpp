@@ -8,13 +8,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "exchange.h"
 #include "remote_path.h"
 
 namespace zor::remote::cli {
 
 namespace {
 
-Error refused(std::string message) { return {ErrorKind::kRefused, std::move(message)}; }
+using exchange::refused;
 
 bool isStream(const struct stat& status) {
   return S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode);

@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "command.h"
+#include "exchange.h"
 
 namespace zor::remote::cli {
 
 namespace {
 
-Error refused(std::string message) { return {ErrorKind::kRefused, std::move(message)}; }
+using exchange::refused;
 
 Status makeDirectory(Context& context, const std::string& path, std::uint16_t mode, bool parents) {
   if (path.find('\\') != std::string::npos) {

@@ -124,7 +124,7 @@ TEST_F(ListenerTest, GivesItsSocketToAnotherUserAndTakesNobodyElses) {
   };
   ASSERT_TRUE(owned(65533));
   EXPECT_THAT(refusal(mPath), HasSubstr("a socket of user 65533"));
-  for (const uid_t before : {0, 65534}) {
+  for (const uid_t before : {0U, 65534U}) {
     ASSERT_TRUE(owned(before));
     const Listener listener(mPath, Listener::Owner{65534, 65534});
     struct stat found {};

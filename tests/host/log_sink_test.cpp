@@ -38,7 +38,7 @@ TEST(LogLimit, CountsWhatItLeavesOutOfEachMessage) {
                                    "left out 3 more lines like: refused a remote: process "));
   // Whoever makes up messages does not get around it.
   int admitted = 0;
-  for (int i = 0; i < 1000; ++i) admitted += limit.admits(std::string(1 + i, 'x'), now);
+  for (std::size_t i = 0; i < 1000; ++i) admitted += limit.admits(std::string(1 + i, 'x'), now);
   EXPECT_LE(admitted, 300);
 }
 

@@ -215,7 +215,9 @@ TEST_F(LinkTest, OnlyAnswersKeepItWaiting) {
         stranger.id += 100;
         return reply(stranger, "unknown");
       },
-      [](const Packet&, int i) { return i < 16 ? hex(kNotice).substr(i, 1) : "x"; },
+      [](const Packet&, int i) {
+        return i < 16 ? hex(kNotice).substr(static_cast<std::size_t>(i), 1) : "x";
+      },
       [](const Packet& sent, int i) {  // of a long answer, a byte at a time
         return i == 0 ? reply(sent, std::string(200'000, 'x')).substr(0, 16) : "x";
       },
