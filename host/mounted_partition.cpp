@@ -35,6 +35,8 @@ constexpr char kMountFailed[] = "the program mount failed, see the log";
 // The module's own service, used without a driver. Its operator only takes the
 // reset of a mount point that it never had.
 struct Service {
+  ~Service() { service.TakeDisk(nullptr); }
+
   UDiskOperator op{nullptr};
   UDiskService service{nullptr, &op};
 };
@@ -149,7 +151,6 @@ void MountedPartition::mountLocal(const UDiskInfo& part) {
   *own = part;
   service->service.TakeDisk(new UdiskDevice{1, own});
   if (const int result = service->service.MountLocal(own); result != 0) {
-    service->service.TakeDisk(nullptr);
     throw std::runtime_error(result < 0 ? kNoDirectory : kMountFailed);
   }
   mDirectory = own->mountPath;

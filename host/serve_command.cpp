@@ -222,6 +222,7 @@ void serve(const ServeOptions& options) {
   spdlog::info("serving {} on {}", printable(directory), printable(options.socketPath));
   runServer(module, base, disk, listener, signals, {options.maxClients, admittedUsers(owner)},
             [&cleanup] { cleanup.removeSocket(); });
+  disk.stopWatching();
   cleanup.unmount();
 }
 

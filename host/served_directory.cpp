@@ -44,7 +44,9 @@ ServedDirectory::ServedDirectory(std::string path) : mPath(std::move(path)) {
   if (::access(entry.c_str(), F_OK) == 0) mDevice = entry;
 }
 
-ServedDirectory::~ServedDirectory() {
+ServedDirectory::~ServedDirectory() { stopWatching(); }
+
+void ServedDirectory::stopWatching() {
   {
     const std::lock_guard lock(mMutex);
     mStop = true;

@@ -30,6 +30,8 @@ class ServedDirectory {
   bool isConfined() const noexcept { return mConfined; }
   /// At the start: checks from time to time, on a thread of its own. Throws std::system_error.
   void watch();
+  /// Before the host itself takes the disk away.
+  void stopWatching();
 
   /// Whether what shows at the path now is the disk, be it one that was pulled. Takes as
   /// long as the disk does.

@@ -50,8 +50,9 @@ class LogSinkTest : public ::testing::Test {
     mReader = UniqueFd(ends[0]);
     mWriter = UniqueFd(ends[1]);
     // Its thread may hang in a write for ever, so it is never destroyed.
-    mSink = new std::shared_ptr<LogSink>(std::make_shared<LogSink>(mWriter.release()));
-    mLogger = std::make_unique<spdlog::logger>("udisk-host", *mSink);
+    static auto* const all = new std::vector<std::shared_ptr<LogSink>>();
+    mSink = all->emplace_back(std::make_shared<LogSink>(mWriter.release()));
+    mLogger = std::make_unique<spdlog::logger>("udisk-host", mSink);
     mLogger->set_level(spdlog::level::trace);
   }
   std::string readAvailable() const {
@@ -65,23 +66,23 @@ class LogSinkTest : public ::testing::Test {
   }
 
   UniqueFd mReader, mWriter;
-  std::shared_ptr<LogSink>* mSink = nullptr;
+  std::shared_ptr<LogSink> mSink;
   std::unique_ptr<spdlog::logger> mLogger;
 };
 
 TEST_F(LogSinkTest, NobodyWhoLogsWaitsForTheReader) {
   constexpr int kLines = 50000;
   mLogger->info("before the thread");
-  (*mSink)->startThread();
+  mSink->startThread();
   for (int i = 0; i < kLines; ++i) mLogger->debug("line {} {}", i, std::string(100, 'x'));
-  (*mSink)->stopThread();  // nobody reads: it gives up
+  mSink->stopThread();  // nobody reads: it gives up
   EXPECT_THAT(readAvailable(), ::testing::HasSubstr("before the thread"));
   mLogger->info("afterwards");
 }
 
 TEST_F(LogSinkTest, EveryLineIsWrittenOrCounted) {
   constexpr int kLines = 50000;
-  (*mSink)->startThread();
+  mSink->startThread();
   for (int i = 0; i < kLines; ++i) mLogger->debug("line {} {}", i, std::string(100, 'x'));
   std::string text;
   int lines = 0;
@@ -100,7 +101,7 @@ TEST_F(LogSinkTest, EveryLineIsWrittenOrCounted) {
   }
   EXPECT_GT(lost, 0);
   EXPECT_EQ(lines + lost, kLines);
-  (*mSink)->stopThread();
+  mSink->stopThread();
 }
 
 }  // namespace
