@@ -1,5 +1,6 @@
 #include "host_signals.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 
 #include <array>
@@ -82,8 +83,8 @@ HostSignals::~HostSignals() {
 
 void HostSignals::attend() {
   mThread.emplace([stop = mStop.get()] {
-    std::uint64_t count = 0;
-    while (::read(stop, &count, sizeof count) < 0) {  // only the object's end ends it
+    pollfd end{stop, POLLIN, 0};
+    while (::poll(&end, 1, -1) < 0) {  // a signal interrupts it; only the object's end ends it
     }
   });
   setMask(SIG_BLOCK);
