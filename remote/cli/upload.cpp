@@ -20,6 +20,9 @@ namespace {
 
 constexpr std::size_t kUploadPiece = std::size_t{1} << 20;
 
+/// As many directories are open on this machine at most while others are under way.
+constexpr unsigned kEnoughDirs = 64;
+
 /// How long an interrupted run waits until its temporary files are removed.
 constexpr std::chrono::seconds kCleaningTime{3};
 
@@ -74,6 +77,7 @@ bool Upload::makeRequest() {
   if (!mFiles.empty()) {
     create();
   } else if (!mDirectories.empty()) {
+    if (!mWindow.empty() && LocalDir::count() + mEntering >= kEnoughDirs) return false;
     makeDirectory();
   } else if (!mModes->empty()) {
     setMode();
@@ -88,8 +92,10 @@ void Upload::makeDirectory() {
   mDirectories.pop_back();
   const std::string path = item.remotePath;
   const auto mode = static_cast<std::uint16_t>(item.mode | 0700U);
+  ++mEntering;
   mContext.disk.makeDir(path, mode,
                         entered<Unit>(0, [this, item = std::move(item)](const Status& made) {
+                          --mEntering;
                           if (!made)
                             return fail("make a directory of", item.remotePath, made.error());
                           enter(item);

@@ -84,6 +84,7 @@ class Upload final : public TransferRun {
 
   const bool mRecursive;
   std::vector<Item> mDirectories;
+  unsigned mEntering = 0;  ///< directories that are being made over there
   std::deque<Item> mFiles;
   std::deque<TransferPtr> mWriting;  ///< created, not yet read to their ends
   std::vector<TransferPtr> mOpen;    ///< have a temporary name, as far as is known
