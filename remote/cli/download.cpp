@@ -57,9 +57,10 @@ void Download::sort(Source source) {
 }
 
 /// Whether nothing is lost by fetching this file, or may be.
-bool Download::mayReplace(const Source& source) {
+bool Download::mayReplace(Source& source) {
   if (!mOptions.keepExisting && !mOptions.ask) return true;
   if (::faccessat(source.dir->fd(), source.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) {
+    source.mustBeNew = true;
     return true;
   }
   if (mOptions.ask && mContext.loop.signal() == 0 &&

@@ -44,6 +44,7 @@ class Download final : public TransferRun {
     std::shared_ptr<LocalDir> dir;
     std::string name;
     std::shared_ptr<WalkedDirectory> above;  ///< that directory
+    bool mustBeNew = false;                  ///< nothing may be replaced by it
 
     /// Fills in `path`: its turn has come.
     const std::string& resolve();
@@ -82,7 +83,7 @@ class Download final : public TransferRun {
   bool read();
   bool batchReady() const;
   void sort(Source source);
-  bool mayReplace(const Source& source);
+  bool mayReplace(Source& source);
   bool list();
   void listed(Directory directory, const Result<Listing>& listing);
   bool examine();

@@ -103,7 +103,8 @@ void Download::store(const TransferPtr& transfer, std::uint64_t offset, std::uin
     bytes = bytes.first(static_cast<std::size_t>(expected));
   }
   if (!transfer->file) {
-    auto file = PartialFile::create(transfer->source.dir, transfer->source.name);
+    auto file = PartialFile::create(transfer->source.dir, transfer->source.name,
+                                    transfer->source.mustBeNew);
     if (!file) {
       transfer->error = std::move(file.error());
       return;

@@ -28,6 +28,8 @@ bool isZero(wire::Bytes bytes) {
          std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
 }
 
+Error madeMeanwhile() { return {ErrorKind::kRefused, "another program has made it meanwhile"}; }
+
 /// The permission bits that new files do not get.
 mode_t fileMask() {
   static const mode_t mask = [] {
@@ -109,10 +111,11 @@ LocalDir::~LocalDir() {
 }
 
 Result<std::unique_ptr<PartialFile>> PartialFile::create(std::shared_ptr<LocalDir> dir,
-                                                         std::string name) {
+                                                         std::string name, bool mustBeNew) {
   static std::atomic<unsigned> counter{0};
   std::unique_ptr<PartialFile> file(new PartialFile(std::move(dir), std::move(name)));
   if (Status status = file->findReplaced(); !status) return std::move(status.error());
+  if (mustBeNew && file->mReplaced) return madeMeanwhile();
   while (!file->mFd) {
     const std::string temporary =
         ".udisk-remote." + std::to_string(::getpid()) + "." + std::to_string(++counter) + ".part";
@@ -178,8 +181,7 @@ Status PartialFile::commit(const udisk_stat& like) {
   const auto times = fileTimes(like);
   const bool wasThere = mReplaced.has_value();
   if (Status status = findReplaced(); !status) return status;
-  if (mReplaced && !wasThere)
-    return Error{ErrorKind::kRefused, "another program has made it meanwhile"};
+  if (mReplaced && !wasThere) return madeMeanwhile();
   mode_t mode = like.st_mode & 0777U & ~fileMask();
   if (mReplaced && S_ISREG(mReplaced->st_mode)) {
     mode = mReplaced->st_mode & 0777U;

@@ -67,8 +67,9 @@ Status checkReplaceable(mode_t mode);
 /// a link that has the name is replaced, and nothing else.
 class PartialFile {
  public:
+  /// Refused when `mustBeNew` and something has the name.
   static Result<std::unique_ptr<PartialFile>> create(std::shared_ptr<LocalDir> dir,
-                                                     std::string name);
+                                                     std::string name, bool mustBeNew);
   ~PartialFile();
 
   PartialFile(const PartialFile&) = delete;

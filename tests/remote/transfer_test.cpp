@@ -169,10 +169,31 @@ TEST_F(TransferTest, FetchedFilesReplaceFilesOnly) {
     EXPECT_THAT(mErr, HasSubstr(message));
   }
   EXPECT_EQ(readFile(local("deep/f")), "old");
+  EXPECT_EQ(run({"get", "-n", "f", local("late")},
+                [this](const Packet& packet) {
+                  if (packet.cmd == 105) writeFile(local("late"), "old");
+                  return true;
+                }),
+            1);
+  EXPECT_THAT(mErr, HasSubstr("another program has made it meanwhile"));
+  EXPECT_EQ(readFile(local("late")), "old");
   ::umask(077);
   EXPECT_EQ(run({"get", "-n", "f", local("fresh")}), 0) << mErr;
   ::umask(022);
   EXPECT_EQ(modeOf(local("fresh")), 0600U);
+}
+
+TEST_F(TransferTest, WideTreesTakeFewDescriptors) {
+  for (int i = 0; i < 800; ++i) {
+    const fs::path inner = local("wide/" + std::to_string(i));
+    fs::create_directories(inner);
+    writeFile(inner / "f", "x");
+  }
+  EXPECT_EQ(waitFor(spawn({"sh", "-c", "ulimit -n 220; exec \"$@\"", "sh", REMOTE_PROGRAM,
+                           "--socket", mDisk.socket(), "put", "-r", local("wide"), "/"},
+                          "/dev/null", mDisk.beside("err"))),
+            0)
+      << readFile(mDisk.beside("err"));
 }
 
 TEST_F(TransferTest, ADirectoryThatBecomesALinkIsNotSent) {
