@@ -11,6 +11,7 @@
 #include "log_sink.h"
 #include "probe_command.h"
 #include "serve_command.h"
+#include "text.h"
 
 namespace zor::host {
 
@@ -32,6 +33,10 @@ int runProgram(int argc, char** argv) {
   constexpr int kUsageError = 2;
   CLI::App app("Serves a directory as a redirected USB disk");
   app.require_subcommand(1);
+  app.failure_message([](const CLI::App* parsed, const CLI::Error& error) {
+    const CLI::Error shown(error.get_name(), printable(error.what()), error.get_exit_code());
+    return CLI::FailureMessage::simple(parsed, shown);
+  });
   std::function<void()> action;
   addServeCommand(app, action);
   addProbeCommand(app, action);
