@@ -51,6 +51,7 @@ class Server {
 
  private:
   using Wait = asio::posix::descriptor_base;
+  using Clock = asio::steady_timer::clock_type;
 
   void awaitSignal() {
     mSignals.async_wait(Wait::wait_read, [this](const asio::error_code& error) {
@@ -119,7 +120,7 @@ class Server {
       if (!error && !mEnding) takeClient();
     });
   }
-  void awaitClientAfter(std::chrono::milliseconds pause) {
+  void awaitClientAfter(Clock::duration pause) {
     mPause.expires_after(pause);
     mPause.async_wait([this](const asio::error_code&) {
       if (!mEnding) takeClient();
@@ -129,9 +130,11 @@ class Server {
   // A newcomer that has to wait does so in the socket's queue.
   void takeClient() {
     if (!manyClosing()) {
-      mOverdue = false;
-    } else if (!std::exchange(mOverdue, true)) {
-      return awaitClientAfter(kClosingPatience);
+      mWaitsUntil.reset();
+    } else {
+      const auto now = Clock::now();
+      if (!mWaitsUntil) mWaitsUntil = now + kClosingPatience;
+      if (now < *mWaitsUntil) return awaitClientAfter(*mWaitsUntil - now);
     }
     UniqueFd socket(::accept4(mAcceptor->native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
     if (socket) {
@@ -157,7 +160,7 @@ class Server {
           "refused a client (process {}): {} are connected, which is the limit "
           "(--max-clients)",
           peer.pid, clients());
-    } else if (manyClosing()) {
+    } else if (mWaitsUntil) {
       spdlog::warn(
           "refused a client (process {}): {} clients left requests behind that are still "
           "being served; does the disk hang?",
@@ -195,7 +198,7 @@ class Server {
     ::malloc_trim(0);  // what a flood took goes back to the system
     if (mEnding && mConnections.empty()) mContext.stop();
     // Who waits for this is taken in at once.
-    if (!mEnding && mOverdue && !manyClosing()) mPause.cancel();
+    if (!mEnding && mWaitsUntil && !manyClosing()) mPause.cancel();
   }
 
   const DriverModule& mModule;
@@ -213,7 +216,8 @@ class Server {
   std::list<Connection> mConnections;
   Connection::Figures mLeft;  ///< of those that are gone
   std::size_t mCount = 0;
-  bool mOverdue = false;  ///< newcomers have waited for drivers that are being closed
+  /// Newcomers wait so long for drivers that are being closed.
+  std::optional<Clock::time_point> mWaitsUntil;
   bool mEnding = false;
 };
 
