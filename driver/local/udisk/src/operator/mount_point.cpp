@@ -93,7 +93,8 @@ DiskRoot UDiskOperator::openMountPoint() {
     }
   }
   if (root.error() != 0 && !std::exchange(mGoneReported, true)) {
-    MORVEL_ERROR("the disk at %s is gone, another file system shows there", mountPoint);
+    // Each client has an operator; whoever serves them says it once for all.
+    MORVEL_DEBUG(kLogDebug, "the disk at %s is gone, another file system shows there", mountPoint);
   } else if (root.error() == 0) {
     mGoneReported = false;
   }
