@@ -99,6 +99,10 @@ class HostTest : public ::testing::Test {
     for (std::string line; std::getline(log, line);) count += line.find(text) != std::string::npos;
     return count;
   }
+  /// The same for a host that runs: its lines are written behind what they tell of.
+  bool logs(const std::string& text, int count) const {
+    return eventually([&] { return logged(text) == count; });
+  }
 
   const remote::TemporaryDirectory mHome;
   const std::string mDirectory = mHome.path(), mSocket = mDirectory + "/socket",
