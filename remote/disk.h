@@ -100,6 +100,7 @@ class Disk {
   void readSmallFiles(const std::vector<FilePiece>& files, Callback<FilePieces> done);
   Result<FilePieces> readSmallFiles(const std::vector<FilePiece>& files);
 
+  /// Fails when the disk cannot be reached. Hosts repeat that until the next change.
   void statvfs(std::string_view path, Callback<udisk_statvfs> done);
   Result<udisk_statvfs> statvfs(std::string_view path);
 

@@ -89,6 +89,8 @@ void Disk::statvfs(std::string_view path, Callback<udisk_statvfs> done) {
                          return failed("the host has no statistics for this disk");
                        udisk_statvfs statistics{};
                        cursor.get(statistics);
+                       // What a host fills in when it cannot reach the disk.
+                       if (statistics == udisk_statvfs{}) return failed("the disk cannot be read");
                        return statistics;
                      });
 }

@@ -69,21 +69,21 @@ Status DurableLink::connectFirst() {
     mConnection = nullptr;
     std::this_thread::sleep_for(kBusyHostPause);
   }
-  auto promise = std::make_shared<std::promise<Result<udisk_stat>>>();
-  auto root = promise->get_future();
-  Disk(mConnection->link()).attributes("/", [promise](Result<udisk_stat> attributes) {
-    promise->set_value(std::move(attributes));
+  auto promise = std::make_shared<std::promise<Result<DiskIdentity>>>();
+  auto answer = promise->get_future();
+  queryIdentity(Disk(mConnection->link()), [promise](Result<DiskIdentity> identity) {
+    promise->set_value(std::move(identity));
   });
-  if (root.wait_for(mOptions.timeout) != std::future_status::ready) {
+  if (answer.wait_for(mOptions.timeout) != std::future_status::ready) {
     return Error{ErrorKind::kLinkLost, "the host does not answer"};
   }
-  const Result<udisk_stat> attributes = root.get();
-  if (!attributes && attributes.error().kind == ErrorKind::kFailed) {
+  const Result<DiskIdentity> identity = answer.get();
+  if (!identity && identity.error().kind == ErrorKind::kFailed) {
     return Error{ErrorKind::kFailed, "the disk cannot be read"};
   }
-  if (!attributes) return attributes.error();
+  if (!identity) return identity.error();
   mAnnouncement = mConnection->announcement();
-  mRootInode = attributes->st_ino;
+  mIdentity = *identity;
   mSmallFiles = mConnection->link().servesSmallFiles();
   const std::lock_guard lock(mMutex);
   mLostAt = Clock::now();

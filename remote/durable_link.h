@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "connection.h"
+#include "disk_identity.h"
 #include "statistics.h"
 #include "transport.h"
 
@@ -40,9 +41,9 @@ struct DurableLinkOptions {
 /// not have other changes of the same names in flight: those are repeated
 /// whether or not the host had already removed or renamed their file.
 ///
-/// A connection over which another disk is announced, or whose root directory
-/// is another, is not used. When no connection has come back after the timeout,
-/// or a host has been silent for so long, all requests fail with
+/// A connection over which another disk is announced, or whose disk is another by
+/// its identity, is not used: no request is sent before both were compared. When no connection has
+/// come back after the timeout, or a host has been silent for so long, all requests fail with
 /// ErrorKind::kLinkLost, newer ones at once, until there is one.
 class DurableLink final : public Transport {
  public:
@@ -89,7 +90,7 @@ class DurableLink final : public Transport {
     kServing,   ///< the connection is or was in use
     kPausing,   ///< there is no connection
     kGreeting,  ///< the host has to announce its disk
-    kProbing,   ///< the root directory's attributes have been asked for
+    kProbing,   ///< the disk's identity has been asked for
   };
 
   explicit DurableLink(DurableLinkOptions options);
@@ -123,7 +124,7 @@ class DurableLink final : public Transport {
 
   const DurableLinkOptions mOptions;
   Announcement mAnnouncement;
-  std::uint64_t mRootInode = 0;
+  DiskIdentity mIdentity;
   std::atomic<bool> mSmallFiles{false};
   Statistics mStatistics;
 
@@ -148,7 +149,7 @@ class DurableLink final : public Transport {
   Clock::time_point mNextAttempt;
   Clock::time_point mAttemptEnd;
   std::chrono::milliseconds mPause{};
-  std::optional<Result<std::uint64_t>> mProbe;  ///< the root's inode; with mMutex held
+  std::optional<Result<DiskIdentity>> mProbe;  ///< with mMutex held
   std::unique_ptr<Connection> mConnection;
   bool mEnded = false;  ///< there will be no connection any more
 

@@ -106,24 +106,20 @@ void DurableLink::probe(Lock& lock) {
     return refuse(lock, "another disk is served there now");
   }
   mStage = Stage::kProbing;
-  Disk(mConnection->link()).attributes("/", [this](const Result<udisk_stat>& root) {
+  queryIdentity(Disk(mConnection->link()), [this](Result<DiskIdentity> identity) {
     const std::lock_guard guard(mMutex);
-    if (root) {
-      mProbe.emplace(std::uint64_t{root->st_ino});
-    } else {
-      mProbe.emplace(root.error());
-    }
+    mProbe.emplace(std::move(identity));
     mWork.notify_one();
   });
 }
 
 void DurableLink::judgeProbe(Lock& lock) {
-  const Result<std::uint64_t> inode = *mProbe;
-  if (inode) {
-    if (*inode == mRootInode) return activate(lock);
+  const Result<DiskIdentity> identity = *mProbe;
+  if (identity) {
+    if (*identity == mIdentity) return activate(lock);
     return refuse(lock, "another disk is served there now");
   }
-  if (inode.error().kind == ErrorKind::kLinkLost) return giveUpAttempt(lock);
+  if (identity.error().kind == ErrorKind::kLinkLost) return giveUpAttempt(lock);
   refuse(lock, "the disk that is served there now cannot be read");
 }
 

@@ -2,6 +2,7 @@
 #include "durable_link.h"
 
 #include <gmock/gmock.h>
+#include <poll.h>
 
 #include "host_packets.h"
 #include "temporary_directory.h"
@@ -13,6 +14,22 @@ using namespace std::chrono_literals;
 using wire::Command;
 using Clock = std::chrono::steady_clock;
 using namespace ::testing;
+
+/// What a host tells of its disk.
+struct Told {
+  char device = 1, inode = 2, fileSystem = 3, blocks = 4;
+  bool readable = true;
+
+  std::string attributes() const {
+    return hex("01 00 78 00 '/'") +
+           hex(kStatBytes).replace(0, 1, 1, device).replace(8, 1, 1, inode);
+  }
+  std::string statistics() const {
+    std::string record(112, '\0');
+    if (readable) record[1] = 16, record[16] = blocks, record[64] = fileSystem;
+    return hex("01 00 00 00  70 00 00 00 '/'") + record;
+  }
+};
 
 struct DurableLinkTest : Test {
   /// Up to the question for the root directory.
@@ -28,13 +45,19 @@ struct DurableLinkTest : Test {
   void send(const std::string& bytes) { sendBytes(mHost.get(), bytes); }
   Packet take() { return takePacket(mHost.get()); }
 
-  void greet(char inode = 2) {
-    send(reply(announce(), hex("01 00 78 00 '/'") + hex(kStatBytes).replace(8, 1, 1, inode)));
+  void greet(const Told& disk = {}) {
+    const Packet root = announce();
+    const Packet statistics = take();
+    // Whatever waits is sent only when both are known.
+    pollfd early{mHost.get(), POLLIN, 0};
+    send(reply(root, disk.attributes()));
+    EXPECT_EQ(::poll(&early, 1, 20), 0);
+    send(reply(statistics, disk.statistics()));
   }
 
-  void open(std::chrono::milliseconds timeout) {
+  void open(std::chrono::milliseconds timeout, const Told& disk = {}) {
     mListener = listenAt(mPath);
-    auto host = std::async(std::launch::async, [this] { greet(); });
+    auto host = std::async(std::launch::async, [this, disk] { greet(disk); });
     const auto keep = [this](const std::string& clause) { mReports.push_back(clause); };
     auto link = DurableLink::open({{mPath, {}}, timeout, keep});
     mLink = std::move(*link);
@@ -128,17 +151,32 @@ TEST_F(DurableLinkTest, SendsNothingToAnotherDisk) {
   Outcome write = submit(Command::kFileWrite, "mine");
   announce("CAM");
   EXPECT_EQ(take().cmd, 0);
-  greet(3);
-  EXPECT_EQ(take().cmd, 0);
+  for (const Told& other : {Told{.inode = 9}, Told{.fileSystem = 9}, Told{.fileSystem = 0},
+                            Told{.blocks = 9}, Told{.readable = false}}) {
+    greet(other);
+    EXPECT_EQ(take().cmd, 0);
+  }
   send(reply(announce(), hex("01 00 00 00 '/'")));
+  send(reply(take(), Told().statistics()));
   EXPECT_EQ(take().cmd, 0);
-  greet();
+  greet({.device = 9});  // as after it was plugged in somewhere else
   const Packet packet = take();
   send(reply(packet, packet.bytes.substr(16)));
   EXPECT_EQ(settled(write), "pmine");
   mLink.reset();
   EXPECT_THAT(mReports, ElementsAre(HasSubstr("is lost"), "another disk is served there now",
                                     HasSubstr("cannot be read"), HasSubstr("again")));
+}
+
+TEST_F(DurableLinkTest, TellsFileSystemsWithoutAnIdByTheirDevice) {
+  open(20s, {.fileSystem = 0});
+  Outcome write = submit(Command::kFileWrite, "mine");
+  greet({.device = 9, .fileSystem = 0});
+  EXPECT_EQ(take().cmd, 0);
+  greet({.fileSystem = 0});
+  const Packet packet = take();
+  send(reply(packet, packet.bytes.substr(16)));
+  EXPECT_EQ(settled(write), "pmine");
 }
 
 TEST_F(DurableLinkTest, EndsPromptlyInEveryStateAndLeavesNothingWithoutAnOutcome) {
