@@ -80,11 +80,12 @@ bool runWatch(Context& context, const std::string& path) {
     if (!*check) return report(context, "watch", path, check->error());
     if (!(*check)->changed) continue;
     Listing fresh = std::move((*check)->fresh);
-    printChanges(context, *known, fresh);
+    // Not one of its files need be gone.
     if (fresh.raw().empty()) {
       return report(context, "watch", path,
                     {ErrorKind::kFailed, "the directory is gone or cannot be read any more"});
     }
+    printChanges(context, *known, fresh);
     *known = std::move(fresh);
   }
   return true;

@@ -194,9 +194,11 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
   if (parent == nullptr || !parent->directory) return;
   Entries& entries = parent->directory->entries;
   if (!result) {
-    if (result.error().kind != ErrorKind::kFailed) return;
-    const auto gone = entries.find(name);
-    if (gone != entries.end() && !gone->second.changing) mTree.remove(*parent, name);
+    // Gone, or the disk fails: whoever needs it next finds out which.
+    const auto refused = entries.find(name);
+    if (result.error().kind == ErrorKind::kFailed && refused != entries.end()) {
+      refused->second.stale = true;
+    }
     return;
   }
   auto at = entries.find(name);
@@ -219,6 +221,7 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
   entry.attributes = *result;
   entry.confirmed = Clock::now();
   entry.stale = false;
+  entry.unreadable = false;
   entry.linkEpoch = epoch;
   if (entry.node == nullptr) return;
   if (entry.node->directory) {
@@ -264,23 +267,11 @@ void Drive::Burst::queryDirectory(NodeId directory) {
       [&drive = mDrive, directory](auto& result) { drive.learnSelf(directory, result); });
 }
 
-Result<udisk_stat> Drive::look(Lock& lock, NodeId directory, const std::string& name) {
-  waitForNames(lock);
-  const Node* node = mTree.find(directory);
-  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
-  if (!path) return Error{ErrorKind::kFailed, "the directory is gone"};
-  return ask<udisk_stat>(
-      lock, [&](auto done) { mDisk.attributes(joinPath(*path, name), std::move(done)); },
-      [this, directory, name, epoch = mLinkEpoch](auto& result) {
-        learn(directory, name, result, epoch);
-      });
-}
-
 /// The host gives no reasons; some can be found out.
 int Drive::refusal(Lock& lock, int otherwise) {
   const Result<udisk_statvfs> space = ask<udisk_statvfs>(
       lock, [&](auto done) { mDisk.statvfs("/", std::move(done)); }, [](auto&) {});
-  if (!space) return space.error().kind == ErrorKind::kFailed ? otherwise : EIO;
+  if (!space) return EIO;
   if ((space->f_flag & ST_RDONLY) != 0) return EROFS;
   const bool countsFiles = space->f_files != 0;
   if (space->f_bavail == 0 || (countsFiles && space->f_favail == 0)) return ENOSPC;

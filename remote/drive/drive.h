@@ -25,6 +25,7 @@
 #include "drive/read_ahead.h"
 #include "drive/read_window.h"
 #include "drive/small_files.h"
+#include "presence.h"
 
 namespace zor::remote {
 
@@ -186,10 +187,15 @@ class Drive {
   void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result,
              std::uint64_t epoch);
   void learnSelf(NodeId directory, const Result<udisk_stat>& result);
-  Result<udisk_stat> look(Lock& lock, NodeId directory, const std::string& name);
   int refusal(Lock& lock, int otherwise);
   void report(const std::string& sentence) const;
   std::string hiddenName();
+
+  // drive_presence.cpp
+  Presence look(Lock& lock, NodeId directory, const std::string& name);
+  Presence presenceAt(Lock& lock, const std::string& path);
+  Presence confirmAbsence(Lock& lock, NodeId directory, const std::string& name);
+  bool isRemoved(Lock& lock, NodeId directory);
 
   // drive_names.cpp
   Outcome<Unit> refresh(Lock& lock, NodeId directory, const std::string& name);

@@ -60,7 +60,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   if (!status) return Errno{EIO};
   // An answer about the size that was asked for before may still be on its way
   // into the tree; this one comes behind it.
-  if (length > kTruncateLimit && !look(lock, directory, name)) return Errno{EIO};
+  if (length > kTruncateLimit && !look(lock, directory, name).isPresent()) return Errno{EIO};
   return Unit{};
 }
 

@@ -42,12 +42,12 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
     Burst burst(*this);
     burst.queryDirectory(directory);
   }
-  const Result<udisk_stat> seen = look(lock, directory, key);
-  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
-  if (seen) {
+  const Presence seen = look(lock, directory, key);
+  if (seen.isUnknown()) return Errno{EIO};
+  if (seen.isPresent()) {
     if ((flags & O_EXCL) != 0) return Errno{EEXIST};
-    if (isDirectory(*seen)) return Errno{EISDIR};
-    if (!isRegular(*seen)) return Errno{EACCES};
+    if (isDirectory(seen.attributes())) return Errno{EISDIR};
+    if (!isRegular(seen.attributes())) return Errno{EACCES};
   } else {
     waitForNames(lock);
     // Only who writes is told by the close.
@@ -58,7 +58,7 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   if (!entry) return entry.error();
   Created result;
   result.entry = *entry;
-  if (seen && writes) {
+  if (seen.isPresent() && writes) {
     if (const Outcome<Unit> allowed = askToWrite(lock, entry->node); !allowed) {
       lock.unlock();
       forget(entry->node, 1);
@@ -67,14 +67,14 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   }
   Node& node = *mTree.find(result.entry.node);
   result.open = openNode(node, writes);
-  if (!seen) {
+  if (seen.isAbsent()) {
     node.file->created = Clock::now();
     if ((mode & kOpenMode) != kOpenMode) {
       node.file->lateMode = mode & 07777U;
       result.entry.attributes = visible(node.place->second);
     }
   }
-  if (seen && (flags & O_TRUNC) != 0) {
+  if (seen.isPresent() && (flags & O_TRUNC) != 0) {
     lock.unlock();
     const Outcome<Unit> emptied = setLength(result.entry.node, 0);
     if (!emptied) {
@@ -176,9 +176,8 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
   const std::string key(name);
   // Hosts take a backslash in this request for a separator, but not in a rename.
   const bool detour = key.find('\\') != std::string::npos;
-  const Result<udisk_stat> seen = look(lock, directory, key);
-  if (seen) return Errno{EEXIST};
-  if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  const Presence seen = look(lock, directory, key);
+  if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   waitForNames(lock);
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
@@ -227,9 +226,8 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
 Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_view name) {
   Lock lock = lockNames();
   const std::string key(name);
-  const Result<udisk_stat> seen = look(lock, directory, key);
-  if (seen) return Errno{EEXIST};
-  if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  const Presence seen = look(lock, directory, key);
+  if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   const Outcome<Unit> settled = settle(lock, existing, false);
   if (!settled) return settled.error();
   constexpr int kMostAttempts = 10;  // when the link is lost each time

@@ -15,6 +15,8 @@ constexpr std::int64_t kRecentSeconds = 3;
 
 constexpr std::chrono::seconds kLongListing{1};
 
+constexpr std::uint32_t kListMode = 0555;
+
 bool changedRecently(const Entries& entries) {
   const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                                std::chrono::system_clock::now().time_since_epoch())
@@ -114,8 +116,11 @@ Outcome<Unit> Drive::load(Lock& lock, NodeId id, const std::string& path) {
   if (listing.error().kind != ErrorKind::kFailed) return Errno{EIO};
   const Node* node = mTree.find(id);
   if (node->parent == nullptr) return Errno{EIO};
-  const Result<udisk_stat> seen = look(lock, node->parent->id, std::string(node->place->first));
-  return Errno{seen ? EACCES : ENOENT};
+  const Presence seen = look(lock, node->parent->id, std::string(node->place->first));
+  if (seen.isAbsent()) return Errno{ENOENT};
+  // A directory that everybody may read was not refused for its permissions.
+  const bool open = seen.isUnknown() || (seen.attributes().st_mode & kListMode) == kListMode;
+  return Errno{open ? EIO : EACCES};
 }
 
 Outcome<DirectorySnapshot> Drive::openDirectory(NodeId id) {

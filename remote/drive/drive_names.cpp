@@ -23,10 +23,6 @@ bool worthWhole(const Directory& directory, std::uint64_t single) {
   return directory.entries.size() * kEntrySize <= single * (1 + directory.singles);
 }
 
-int errnoOf(const Error& error, int failed) {
-  return error.kind == ErrorKind::kFailed ? failed : EIO;
-}
-
 }  // namespace
 
 Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
@@ -58,8 +54,7 @@ Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
       const Outcome<Unit> refreshed = refresh(lock, directory, key);
       if (!refreshed) return refreshed.error();
     } else {
-      const Result<udisk_stat> seen = look(lock, directory, key);
-      if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+      if (look(lock, directory, key).isUnknown()) return Errno{EIO};
     }
   }
 }
@@ -91,8 +86,7 @@ Outcome<Unit> Drive::refresh(Lock& lock, NodeId directory, const std::string& na
     if (listed) return listed;
   }
   if (Node* still = mTree.find(directory); still != nullptr) ++still->directory->singles;
-  const Result<udisk_stat> seen = look(lock, directory, name);
-  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{errnoOf(seen.error(), EIO)};
+  if (look(lock, directory, name).isUnknown()) return Errno{EIO};
   return Unit{};
 }
 
@@ -146,8 +140,7 @@ Outcome<Unit> Drive::catchUp(Lock& lock, NodeId id) {
   if (!isAhead()) return Unit{};
   if (!node->file->gather.empty()) sendGathered(*node);
   const std::string name = node->place->first;
-  const Result<udisk_stat> seen = look(lock, node->parent->id, name);
-  if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  if (look(lock, node->parent->id, name).isUnknown()) return Errno{EIO};
   return Unit{};
 }
 
@@ -174,18 +167,24 @@ Outcome<NodeAttributes> Drive::attributes(NodeId id, bool asOfNow) {
       const Outcome<Unit> refreshed = refresh(lock, directory, name);
       if (!refreshed) return refreshed.error();
     } else {
-      const Result<udisk_stat> seen = look(lock, directory, name);
-      if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+      if (look(lock, directory, name).isUnknown()) return Errno{EIO};
     }
   }
 }
 
 Outcome<udisk_statvfs> Drive::statistics() {
   Lock lock(mMutex);
-  Result<udisk_statvfs> result = ask<udisk_statvfs>(
-      lock, [&](auto done) { mDisk.statvfs("/", std::move(done)); }, [](auto&) {});
-  if (!result) return Errno{EIO};
-  return *result;
+  for (bool again = false;; again = true) {
+    Burst burst(*this);
+    Result<udisk_statvfs> result = Error{};
+    // A failure is repeated until something changes: this changes nothing, but counts.
+    if (again) burst.add<Unit>([&](auto done) { mDisk.fsync("/", std::move(done)); }, [](auto&) {});
+    burst.add<udisk_statvfs>([&](auto done) { mDisk.statvfs("/", std::move(done)); },
+                             [&result](auto& answer) { result = std::move(answer); });
+    burst.wait(lock);
+    if (result) return *result;
+    if (again || result.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  }
 }
 
 }  // namespace zor::remote

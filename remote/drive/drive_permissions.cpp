@@ -33,8 +33,8 @@ Outcome<Unit> Drive::askToWrite(Lock& lock, NodeId id) {
       lock, [&](auto done) { mDisk.fsync(path, std::move(done)); }, [](auto&) {});
   if (!opened && opened.error().kind != ErrorKind::kFailed) return Errno{EIO};
   if (!opened) {
-    const Result<udisk_stat> seen = look(lock, directory, name);
-    if (!seen) return Errno{seen.error().kind == ErrorKind::kFailed ? ESTALE : EIO};
+    const Presence seen = look(lock, directory, name);
+    if (!seen.isPresent()) return Errno{seen.isAbsent() ? ESTALE : EIO};
     return Errno{refusal(lock, EACCES) == EROFS ? EROFS : EACCES};
   }
   waitForNames(lock);

@@ -175,8 +175,9 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
     file.mAhead.drop();
     const Node* still = mTree.find(file.mNode);
     if (still == nullptr || still->parent == nullptr) return Errno{ESTALE};
-    const Result<udisk_stat> seen = look(lock, still->parent->id, std::string(still->place->first));
-    if (!seen && seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    if (look(lock, still->parent->id, std::string(still->place->first)).isUnknown()) {
+      return Errno{EIO};
+    }
   }
 }
 

@@ -72,16 +72,16 @@ Outcome<Unit> Drive::removeName(Lock& lock, NodeId directory, const std::string&
     burst.wait(lock);
     if (removed) return Unit{};
     // Refused, or lost on the way: looking tells which.
-    const Result<udisk_stat> seen = look(lock, directory, name);
+    const Presence seen = look(lock, directory, name);
     const bool lost = removed.error().kind != ErrorKind::kFailed;
-    if (!seen) {
-      if (seen.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    if (seen.isUnknown()) return Errno{EIO};
+    if (seen.isAbsent()) {
       if (lost) return Unit{};
       return Errno{ENOENT};
     }
     if (lost && attempt < kMostAttempts) continue;
     if (lost) return Errno{EIO};
-    if (isDir != isDirectory(*seen)) return Errno{isDir ? ENOTDIR : EISDIR};
+    if (isDir != isDirectory(seen.attributes())) return Errno{isDir ? ENOTDIR : EISDIR};
     if (isDir) {
       const Result<Listing> inside = ask<Listing>(
           lock, [&](auto done) { mDisk.list(path, std::move(done)); }, [](auto&) {});
@@ -149,9 +149,8 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
   std::string newKey = spelling(**destination, newName);
   if (from == to && newKey == oldKey) newKey = newName;  // which changes the spelling
   if ((flags & RENAME_NOREPLACE) != 0) {
-    const Result<udisk_stat> taken = look(lock, to, newKey);
-    if (taken) return Errno{EEXIST};
-    if (taken.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    const Presence taken = look(lock, to, newKey);
+    if (!taken.isAbsent()) return Errno{taken.isPresent() ? EEXIST : EIO};
   }
   const Outcome<Node*> target = directoryNode(to);
   if (!target) return target.error();
@@ -251,25 +250,28 @@ Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& na
     if (renamed) return Unit{};
     // The truth is told by looking; in this order, so that the tree follows.
     const bool lost = renamed.error().kind != ErrorKind::kFailed;
-    const Result<udisk_stat> there = ask<udisk_stat>(
-        lock, [&](auto done) { mDisk.attributes(newPath, std::move(done)); }, [](auto&) {});
-    const Result<udisk_stat> here = ask<udisk_stat>(
-        lock, [&](auto done) { mDisk.attributes(oldPath, std::move(done)); }, [](auto&) {});
+    const Presence there = presenceAt(lock, newPath);
+    const Presence here = presenceAt(lock, oldPath);
     mark(false);
-    if (!here && here.error().kind != ErrorKind::kFailed) return Errno{EIO};
-    if (!here && lost && there && (inode == 0 || there->st_ino == inode)) {
+    if (here.isUnknown() || there.isUnknown()) return Errno{EIO};
+    if (here.isAbsent() && lost && there.isPresent() &&
+        (inode == 0 || there.attributes().st_ino == inode)) {
       moved();
       return Unit{};
     }
-    if (!here) {
-      learn(from, name, here, mLinkEpoch);
+    if (here.isAbsent()) {
+      learn(from, name, Error{ErrorKind::kFailed, {}}, mLinkEpoch);
       return Errno{ENOENT};
     }
     if (lost && attempt < kMostAttempts) continue;
     if (lost) return Errno{EIO};
-    if (there && isDirectory(*there) && !isDirectory(*here)) return Errno{EISDIR};
-    if (there && !isDirectory(*there) && isDirectory(*here)) return Errno{ENOTDIR};
-    if (there && isDirectory(*there)) return Errno{ENOTEMPTY};
+    if (there.isPresent()) {
+      const bool ontoDirectory = isDirectory(there.attributes());
+      const bool directory = isDirectory(here.attributes());
+      if (ontoDirectory && !directory) return Errno{EISDIR};
+      if (!ontoDirectory && directory) return Errno{ENOTDIR};
+      if (ontoDirectory) return Errno{ENOTEMPTY};
+    }
     return Errno{refusal(lock, EACCES)};
   }
 }

@@ -122,7 +122,7 @@ bool Drive::lookBeforeAppending(Lock& lock, OpenFile& file) {
     if (isKnown()) return true;
     const Node& node = *mTree.find(id);
     const std::string name = node.place->first;
-    if (!look(lock, node.parent->id, name).ok()) break;
+    if (!look(lock, node.parent->id, name).isPresent()) break;
   }
   file.mKnowsEnd = false;
   return false;

@@ -43,6 +43,7 @@ struct Entry {
   udisk_stat attributes{};
   Clock::time_point confirmed{};  ///< by a question about this name alone
   bool stale = false;             ///< changed by us in a way that only the host can tell
+  bool unreadable = false;        ///< listed, but the host could not read its attributes
   bool hidden = false;            ///< removed by a program, but still open
   bool changing = false;          ///< being made or renamed: answers without it are older
   std::uint64_t linkEpoch = 0;    ///< of the drive, when the attributes were asked for
@@ -78,6 +79,7 @@ struct Directory {
   Rights creationRights;             ///< of the directory, then
   unsigned young = 0;                ///< files that are being made here
   unsigned singles = 0;              ///< questions about single names since `confirmed`
+  Clock::time_point disputed{};      ///< when last a name was refused and listed all the same
   DirectorySnapshot snapshot;        ///< of `entries`, or null
   std::shared_future<void> load;     ///< the listing or check under way
 };

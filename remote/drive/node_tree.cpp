@@ -198,13 +198,18 @@ void NodeTree::merge(Node& directory, const Listing& listing, Clock::time_point 
     while (at != entries.end() && at->first < entry->name) at = drop(entries, at);
     if (at == entries.end() || at->first != entry->name) {
       at = entries.emplace_hint(at, entry->name, Entry{});
+    } else if (entry->attributes.st_mode == 0) {
+      // The disk fails there, or somebody is just removing it: what is known may still hold.
+      at->second.stale = at->second.unreadable = true;
+      ++at;
+      continue;
     } else if (((at->second.attributes.st_mode ^ entry->attributes.st_mode) & kTypeBits) != 0 ||
                !fits(at->second, entry->attributes)) {
       detach(at->second);
     }
     Entry& place = at->second;
     place.attributes = entry->attributes;
-    place.stale = entry->attributes.st_mode == 0;
+    place.stale = place.unreadable = entry->attributes.st_mode == 0;
     place.linkEpoch = epoch;
     ++at;
   }

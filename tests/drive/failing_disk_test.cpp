@@ -1,0 +1,86 @@
+// What must not be taken for files that are gone, or for another disk.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include "altered_disk.h"
+
+namespace zor::remote::test {
+namespace {
+
+namespace fs = std::filesystem;
+using wire::Command;
+
+using FailingDisk = AlteredDisk;
+
+TEST_F(FailingDisk, IsAnErrorAndNeverADiskWithoutFiles) {
+  fs::create_directories(mDisk / "d/e");
+  writeFile(mDisk / "d/f", "text");
+  writeFile(mDisk / "d/e/g", "text");
+  connect();
+  const NodeId d = node("d");
+  const NodeId e = node("e", d);
+  const NodeId f = node("f", d);
+  ASSERT_NE(node("g", e), 0U);
+  OpenFile& file = *mDrive->open(f, O_RDWR)->file;
+  fs::rename(mDisk.root(), mDisk.beside("pulled"));
+  EXPECT_EQ(lookup("d"), EIO);
+  EXPECT_EQ(lookup("f", d), EIO);
+  EXPECT_EQ(lookup("never", d), EIO);
+  EXPECT_EQ(errnoOf(mDrive->attributes(f)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->attributes(kRootNode)), EIO);
+  for (const NodeId directory : {kRootNode, d, e}) {
+    EXPECT_EQ(errnoOf(mDrive->openDirectory(directory)), EIO);
+  }
+  EXPECT_EQ(errnoOf(mDrive->create(d, "new", 0644, O_CREAT | O_WRONLY)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->makeDirectory(d, "new", 0755)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->link(f, d, "new")), EIO);
+  EXPECT_EQ(errnoOf(mDrive->unlink(e, "g")), EIO);
+  EXPECT_EQ(errnoOf(mDrive->removeDirectory(d, "e")), EIO);
+  EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", 0)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", RENAME_NOREPLACE)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->setMode(f, 0600)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->statistics()), EIO);
+  EXPECT_EQ(read(file), "errno 5");
+  fs::rename(mDisk.beside("pulled"), mDisk.root());
+  // All of it is there again, under the same nodes.
+  EXPECT_EQ(errnoOf(mDrive->statistics()), 0);
+  EXPECT_EQ(node("f", d), f);
+  EXPECT_EQ(node("e", d), e);
+  EXPECT_EQ(read(file), "text");
+  EXPECT_EQ(write(file, "TEXT"), 0);
+  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  mDrive->release(file);
+  // What is gone is gone all the same, with its directory, too.
+  fs::remove(mDisk / "d/f");
+  EXPECT_EQ(lookup("f", d), ENOENT);
+  EXPECT_EQ(errnoOf(mDrive->attributes(f)), ESTALE);
+  fs::remove_all(mDisk / "d");
+  EXPECT_EQ(lookup("g", e), ESTALE);
+  EXPECT_EQ(lookup("d"), ENOENT);
+}
+
+TEST_F(FailingDisk, AFileThatCannotBeReadIsNotGoneWhileItIsListed) {
+  for (const char* name : {"bad", "good", "gone"}) writeFile(mDisk / name, "text");
+  connect();
+  const NodeId bad = node("bad");
+  const NodeId gone = node("gone");
+  mTransport->refuses = [](Command command, const std::string& names) {
+    return command == Command::kGetFileAttr && names.ends_with("/bad");
+  };
+  fs::remove(mDisk / "gone");
+  EXPECT_EQ(errnoOf(mDrive->setMode(bad, 0600)), 0);  // asks for the attributes behind it
+  EXPECT_NE(lookup("bad"), ENOENT);
+  EXPECT_NE(errnoOf(mDrive->attributes(bad)), ESTALE);
+  EXPECT_EQ(errnoOf(mDrive->attributes(gone)), ESTALE);
+  // Nor when the directory cannot be listed any more.
+  mTransport->refuses = [](Command command, const std::string& names) {
+    return (command == Command::kGetFileAttr && !names.ends_with('/')) ||
+           command == Command::kDirRead || command == Command::kCheckDir;
+  };
+  EXPECT_EQ(lookup("bad"), EIO);
+  EXPECT_EQ(errnoOf(mDrive->attributes(bad)), EIO);
+  EXPECT_EQ(errnoOf(mDrive->openDirectory(kRootNode)), EIO);
+}
+
+}  // namespace
+}  // namespace zor::remote::test
