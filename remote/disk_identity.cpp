@@ -14,7 +14,7 @@ void queryIdentity(Disk disk, Callback<DiskIdentity> done) {
     const bool hasId = statistics->f_fsid != 0;
     done(DiskIdentity{(*root)->st_ino,
                       hasId ? statistics->f_fsid : static_cast<std::uint64_t>((*root)->st_dev),
-                      statistics->f_bsize, statistics->f_blocks});
+                      statistics->f_bsize, statistics->f_blocks, !isFat(*statistics)});
   });
 }
 

@@ -61,6 +61,9 @@ class DurableLink final : public Transport {
   /// Of the first connection.
   const Announcement& announcement() const noexcept { return mAnnouncement; }
 
+  /// The same on all connections.
+  const DiskIdentity& identity() const noexcept { return mIdentity; }
+
   /// Whether the host of the last connection serves batches of small files.
   bool servesSmallFiles() const { return mSmallFiles.load(std::memory_order_relaxed); }
 

@@ -52,6 +52,7 @@ Drive::Drive(Transport& transport, DriveOptions options)
     : mDisk(transport),
       mTransport(transport),
       mOptions(std::move(options)),
+      mTree(mOptions.lastingInodes),
       mHiddenNames(std::uint64_t{std::random_device()()} << 32),
       mCounting(std::make_unique<Counting>(*this)),
       mBatchDisk(*mCounting),
@@ -204,7 +205,7 @@ void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_
   auto at = entries.find(name);
   if (at != entries.end() && ((((at->second.attributes.st_mode ^ result->st_mode) & S_IFMT) != 0 &&
                                at->second.attributes.st_mode != 0) ||
-                              !fits(at->second, *result))) {
+                              !mTree.fits(at->second, *result))) {
     mTree.remove(*parent, name);
     at = entries.end();
   }

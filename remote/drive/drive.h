@@ -39,6 +39,8 @@ struct DriveOptions {
   bool syncOnClose = true;
   /// The host serves batches of small files.
   bool smallFiles = true;
+  /// A file keeps its inode number for as long as it exists.
+  bool lastingInodes = true;
   /// Takes sentences for people; from any thread.
   std::function<void(const std::string&)> report{};
   /// Takes the path of each file that lost data, once, soon after.
@@ -246,6 +248,10 @@ class Drive {
   void beginRead(const Node* node, std::int64_t offset, std::uint32_t size,
                  Callback<FileData> done);
   OpenResult openNode(Node& node, bool writable);
+
+  // drive_identity.cpp
+  void identify(const Node& node);
+  void noteWrongFile(Node& node);
 
   // drive_writing.cpp
   void lookBeforeWriting(Lock& lock, NodeId id);

@@ -18,8 +18,9 @@ void Drive::writeFailed(Node& node, const std::string& path) {
 /// An open file that is still to tell of a failure. A close does not count as having
 /// told it: it may be the one of a child process, which nobody looks at.
 Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
-  if (mTree.find(file.mNode)->file->failures == file.mToldFailures) return Unit{};
-  return Errno{refusal(lock, EIO)};
+  const Node& node = *mTree.find(file.mNode);
+  if (node.file->failures == file.mToldFailures) return Unit{};
+  return Errno{mTree.has(node) ? refusal(lock, EIO) : ESTALE};
 }
 
 /// To a program that looks at what it is told.

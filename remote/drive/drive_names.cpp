@@ -163,7 +163,9 @@ Outcome<NodeAttributes> Drive::attributes(NodeId id, bool asOfNow) {
     }
     const NodeId directory = node->parent->id;
     const std::string name = node->place->first;
-    if (asked == 0 && !isDoubtful(entry)) {
+    // A comparison of the directory does not show that an open file was replaced.
+    const bool open = node->file && node->file->handles > 0;
+    if (asked == 0 && !isDoubtful(entry) && !open) {
       const Outcome<Unit> refreshed = refresh(lock, directory, name);
       if (!refreshed) return refreshed.error();
     } else {

@@ -163,9 +163,12 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
       file.mReadStamp = stamp;
       file.mReadWrites = node->file->writes;
     }
+    identify(*node);
     lock.unlock();
     Outcome<ReadParts> parts = file.mAhead.read(offset, wanted, static_cast<std::uint64_t>(length));
     lock.lock();
+    const Node* still = mTree.find(file.mNode);
+    if (still == nullptr || !mTree.has(*still)) return Errno{ESTALE};
     if (parts && sizeOf(*parts) == wanted) {
       mCounters.bytesRead += wanted;
       return parts;
@@ -173,8 +176,6 @@ Outcome<ReadParts> Drive::read(OpenFile& file, std::int64_t offset, std::uint32_
     // The file shrank, has another name, or cannot be read: its attributes tell.
     if (attempt++ > 0) return Errno{EIO};
     file.mAhead.drop();
-    const Node* still = mTree.find(file.mNode);
-    if (still == nullptr || still->parent == nullptr) return Errno{ESTALE};
     if (look(lock, still->parent->id, std::string(still->place->first)).isUnknown()) {
       return Errno{EIO};
     }

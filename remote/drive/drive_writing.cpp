@@ -51,7 +51,8 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
     return Errno{EIO};
   }
   Node* node = mTree.find(file.mNode);
-  if (appends && node->place != nullptr) offset = visible(node->place->second).st_size;
+  if (!mTree.has(*node)) return Errno{ESTALE};
+  if (appends) offset = visible(node->place->second).st_size;
   if (offset < 0 || static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) -
                             static_cast<std::uint64_t>(offset) <
                         data.size()) {
@@ -159,6 +160,7 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   const std::size_t size = file.gather.size();
   // Of a file that is gone: the request is refused on this side.
   const std::string path = mTree.path(node).value_or("a file that is gone");
+  identify(node);
   if (node.place == nullptr || node.place->second.attributes.st_nlink > 1) ++mLinkEpoch;
   ++file.inFlight;
   mBytesInFlight += size;
@@ -200,6 +202,7 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
   waitForNames(lock);
   if (!node->file->gather.empty()) sendGathered(*node);
   const std::uint64_t writes = node->file->writes;
+  const std::uint64_t failures = node->file->failures;
   const std::optional<std::string> path = mTree.path(*node);
   Burst burst(*this);
   if (sync && path && node->file->unsynced) {
@@ -223,6 +226,7 @@ Outcome<Unit> Drive::settle(Lock& lock, NodeId id, bool sync) {
     node->file->ahead = false;
     if (node->place != nullptr) node->place->second.stale = true;
   }
+  if (node->place == nullptr && node->file->failures == failures) noteWrongFile(*node);
   --node->file->handles;
   dropIdle(*node);
   return Unit{};

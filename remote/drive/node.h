@@ -99,9 +99,10 @@ struct FileState {
   /// The permissions that it gets when it is closed: until then the host, which
   /// opens it for every request, must be let in.
   std::optional<std::uint32_t> lateMode;
-  std::string lostPath;        ///< where it was, once it has no place any more
-  std::uint64_t writes = 0;    ///< by programs, ever
-  std::uint64_t failures = 0;  ///< failed writes, ever
+  Clock::time_point identified{};  ///< when its inode number was last asked for
+  std::string lostPath;            ///< where it was, once it has no place any more
+  std::uint64_t writes = 0;        ///< by programs, ever
+  std::uint64_t failures = 0;      ///< failed writes, ever
 };
 
 /// What tells one version of a file's contents from another.
@@ -133,7 +134,8 @@ struct Node {
 
 class NodeTree {
  public:
-  NodeTree();
+  /// `lastingInodes`: a file keeps its inode number for as long as it exists.
+  explicit NodeTree(bool lastingInodes = true);
 
   Node& root() noexcept { return *mRoot; }
   Node* find(NodeId id);
@@ -172,6 +174,9 @@ class NodeTree {
   /// Names and nodes that were dropped, ever.
   std::uint64_t dropped() const noexcept { return mDropped; }
 
+  /// Whether the entry's node, if any, can stand for a file with these attributes.
+  bool fits(const Entry& entry, const udisk_stat& attributes) const;
+
   /// Calls `visit(node)` for every node with a file state.
   template <class Visit>
   void forEachOpen(Visit visit) {
@@ -181,6 +186,7 @@ class NodeTree {
   }
 
  private:
+  bool isReplaced(const Entry& entry, const udisk_stat& attributes) const;
   void detach(Entry& entry);
   Entries::iterator drop(Entries& entries, Entries::iterator at);
 
@@ -188,15 +194,11 @@ class NodeTree {
   Node* mRoot;
   NodeId mLastId = kRootNode;
   std::uint64_t mDropped = 0;
+  const bool mLastingInodes;
 };
 
 inline bool isDirectory(const udisk_stat& attributes) {
   return (attributes.st_mode & 0170000U) == 0040000U;
-}
-
-/// Whether the entry's node, if any, can stand for a file with these attributes.
-inline bool fits(const Entry& entry, const udisk_stat& attributes) {
-  return entry.node == nullptr || (entry.node->directory != nullptr) == isDirectory(attributes);
 }
 
 /// The directory as it is known now, made anew when it has changed.

@@ -25,7 +25,7 @@ std::byte* encodeEntry(std::byte* at, const udisk_stat& attributes, std::string_
 
 }  // namespace
 
-NodeTree::NodeTree() {
+NodeTree::NodeTree(bool lastingInodes) : mLastingInodes(lastingInodes) {
   auto root = std::make_unique<Node>();
   root->id = kRootNode;
   root->references = 1;
@@ -79,6 +79,25 @@ std::optional<std::string> NodeTree::path(const Node& node) const {
     --length;
   }
   return path;
+}
+
+bool NodeTree::fits(const Entry& entry, const udisk_stat& attributes) const {
+  return entry.node == nullptr || ((entry.node->directory != nullptr) == isDirectory(attributes) &&
+                                   !isReplaced(entry, attributes));
+}
+
+/// Whether an open file's name stands for another file now.
+bool NodeTree::isReplaced(const Entry& entry, const udisk_stat& attributes) const {
+  const FileState* file = entry.node->file.get();
+  const std::uint64_t known = entry.attributes.st_ino;
+  if (file == nullptr || known == 0 || attributes.st_ino == 0 || known == attributes.st_ino) {
+    return false;
+  }
+  if (mLastingInodes) return true;
+  // The same file may have got another number. Then its contents are what they were,
+  // unless this side is just changing them.
+  const bool written = file->ahead || file->inFlight > 0 || !file->gather.empty();
+  return !written && stampOf(entry.attributes) != stampOf(attributes);
 }
 
 void NodeTree::detach(Entry& entry) {
