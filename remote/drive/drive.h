@@ -166,6 +166,14 @@ class Drive {
 
   class Burst;
   class Counting;
+  class Renaming;
+
+  /// A file that was renamed to a hidden name to be replaced, and was not.
+  struct Unfinished {
+    NodeId directory;
+    std::string hidden;
+    std::string name;
+  };
 
   /// A burst of one request; its answer.
   template <class T, class Start, class Update>
@@ -218,12 +226,29 @@ class Drive {
   // drive_removal.cpp
   Outcome<Unit> hide(Lock& lock, NodeId directory, const std::string& name,
                      const std::string& hidden);
-  void unhide(Lock& lock, NodeId directory, const std::string& hidden, const std::string& name);
+  Entry* markHidden(NodeId directory, const std::string& name);
   Outcome<Unit> renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
                              const std::string& newName);
+  Outcome<Unit> renameHeld(Lock& lock, NodeId from, const std::string& name, NodeId to,
+                           const std::string& newName);
   void settleBelow(Lock& lock, Node& node);
   Outcome<Unit> removeName(Lock& lock, NodeId directory, const std::string& name, bool isDir);
   void keepRemoved(NodeId directory, const std::string& name);
+
+  // drive_replacing.cpp
+  Outcome<Unit> renameOverOpen(Lock& lock, NodeId from, const std::string& name, NodeId to,
+                               const std::string& newName);
+  Outcome<bool> linkHidden(Lock& lock, NodeId directory, const std::string& name,
+                           const std::string& hidden);
+  Outcome<Unit> renameInTwo(Lock& lock, NodeId from, const std::string& name, NodeId to,
+                            const std::string& newName, const std::string& hidden);
+  void splitHidden(NodeId directory, const std::string& name, const std::string& hidden);
+  bool joinHidden(NodeId directory, const std::string& hidden, const std::string& name);
+  void undoLater(Unfinished one);
+  bool isUnfinished(NodeId directory, const std::string& hidden) const;
+  Outcome<Unit> unhide(Lock& lock, const Unfinished& one);
+  bool undo(Lock& lock, const Unfinished& one);
+  void undoUnfinished(Lock& lock);
 
   // drive_attributes.cpp
   template <class Start>
@@ -287,6 +312,7 @@ class Drive {
   std::uint64_t mTrimmed = 0;       ///< dropped names whose memory was given back
   std::uint64_t mHiddenNames = 0;
   std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
+  std::vector<Unfinished> mUnfinished;                        ///< undone by mFlusher
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;
   std::set<Rights> mWritable;    ///< those of files that the host could open for writing
   std::optional<bool> mAnyCase;  ///< the disk does not tell capitals from small letters
@@ -343,6 +369,23 @@ class Drive::Burst {
 
   Drive& mDrive;
   std::shared_ptr<State> mState = std::make_shared<State>();
+};
+
+/// While one exists, no request is made with a path that is about to change.
+class Drive::Renaming {
+ public:
+  Renaming(Drive& drive, Lock& lock) : mDrive(drive) {
+    drive.waitForNames(lock);
+    drive.mRenaming = true;
+  }
+  /// The drive's mutex must be held.
+  ~Renaming() { mDrive.endRenaming(); }
+
+  Renaming(const Renaming&) = delete;
+  Renaming& operator=(const Renaming&) = delete;
+
+ private:
+  Drive& mDrive;
 };
 
 template <class T, class Start, class Update>

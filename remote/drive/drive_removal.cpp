@@ -107,20 +107,27 @@ Outcome<Unit> Drive::hide(Lock& lock, NodeId directory, const std::string& name,
                           const std::string& hidden) {
   const Outcome<Unit> renamed = renameLocked(lock, directory, name, directory, hidden);
   if (!renamed) return renamed;
+  Entry* entry = markHidden(directory, hidden);
+  // It may have been closed meanwhile.
+  if (entry != nullptr && (entry->node == nullptr || !entry->node->file)) {
+    return removeName(lock, directory, hidden, false);
+  }
+  return Unit{};
+}
+
+/// Null when the file is not there any more.
+Entry* Drive::markHidden(NodeId directory, const std::string& name) {
   Node* node = mTree.find(directory);
-  const auto at = node->directory->entries.find(hidden);
-  if (at == node->directory->entries.end()) return Unit{};
+  if (node == nullptr || !node->directory) return nullptr;
+  const auto at = node->directory->entries.find(name);
+  if (at == node->directory->entries.end()) return nullptr;
   at->second.hidden = true;
   node->directory->snapshot = nullptr;
   std::erase_if(mHiddenPlaces, [&](const auto& place) {
     return findHidden(place.first, place.second) == nullptr;
   });
-  mHiddenPlaces.emplace_back(directory, hidden);
-  // It may have been closed meanwhile.
-  if (at->second.node == nullptr || !at->second.node->file) {
-    return removeName(lock, directory, hidden, false);
-  }
-  return Unit{};
+  mHiddenPlaces.emplace_back(directory, name);
+  return &at->second;
 }
 
 /// Waits until the host has what was written to files under their present paths.
@@ -168,39 +175,20 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
   if (at != (*target)->directory->entries.end() && at->second.node != nullptr &&
       at->second.node->file && at->second.node->file->handles > 0 &&
       !(from == to && oldKey == newKey)) {
-    // A reader of what is replaced goes on reading it.
-    const std::string hidden = hiddenName();
-    if (Outcome<Unit> done = hide(lock, to, newKey, hidden); !done) return done;
-    Outcome<Unit> renamed = renameLocked(lock, from, oldKey, to, newKey);
-    if (!renamed) unhide(lock, to, hidden, newKey);
-    return renamed;
+    return renameOverOpen(lock, from, oldKey, to, newKey);
   }
   return renameLocked(lock, from, oldKey, to, newKey);
 }
 
-/// What was to be replaced, and was not, is there again.
-void Drive::unhide(Lock& lock, NodeId directory, const std::string& hidden,
-                   const std::string& name) {
-  Node* node = mTree.find(directory);
-  if (node == nullptr) return;
-  const auto at = node->directory->entries.find(hidden);
-  if (at == node->directory->entries.end()) return;
-  at->second.hidden = false;
-  node->directory->snapshot = nullptr;
-  if (!renameLocked(lock, directory, hidden, directory, name)) {
-    report("'" + name + "' could not be replaced; it is called '" + hidden + "' on the disk");
-  }
-}
-
 Outcome<Unit> Drive::renameLocked(Lock& lock, NodeId from, const std::string& name, NodeId to,
                                   const std::string& newName) {
-  waitForNames(lock);
-  // From here on, no request is made with a path that is about to change.
-  mRenaming = true;
-  struct Ending {
-    Drive& drive;
-    ~Ending() { drive.endRenaming(); }
-  } ending{*this};
+  const Renaming renaming(*this, lock);
+  return renameHeld(lock, from, name, to, newName);
+}
+
+/// With a `Renaming`.
+Outcome<Unit> Drive::renameHeld(Lock& lock, NodeId from, const std::string& name, NodeId to,
+                                const std::string& newName) {
   for (int attempt = 0;; ++attempt) {
     const Outcome<Node*> source = directoryNode(from);
     if (!source) return source.error();

@@ -265,7 +265,8 @@ void Drive::release(OpenFile& file) {
     setLateMode(lock, file.mNode);
   }
   const bool last = --node->file->handles == 0;
-  const bool hidden = last && node->place != nullptr && node->place->second.hidden;
+  const bool hidden = last && node->place != nullptr && node->place->second.hidden &&
+                      !isUnfinished(node->parent->id, node->place->first);
   const NodeId directory = hidden ? node->parent->id : 0;
   const std::string name = hidden ? node->place->first : std::string();
   dropIdle(*node);
@@ -286,6 +287,7 @@ void Drive::release(OpenFile& file) {
 void Drive::flushLoop() {
   Lock lock(mMutex);
   Clock::time_point dropNext = Clock::now() + kListAgainAfter;
+  Clock::time_point undoAt{};
   while (!mStop) {
     tellOfLosses(lock);
     const Clock::time_point now = Clock::now();
@@ -309,17 +311,31 @@ void Drive::flushLoop() {
     } else {
       next = now + kGatherTime;
     }
+    if (!mUnfinished.empty()) {
+      if (now >= undoAt) {
+        undoUnfinished(lock);
+        undoAt = Clock::now() + kGatherTime;
+        continue;
+      }
+      next = std::min(next, undoAt);
+    }
     if (!mStop && mLossesTold == mLost.size()) mGathered.wait_until(lock, next);
   }
 }
 
 std::vector<std::string> Drive::finish() {
   Lock lock(mMutex);
+  undoUnfinished(lock);
+  for (const Unfinished& one : mUnfinished) {
+    report("'" + one.name + "' could not be replaced; it is called '" + one.hidden +
+           "' on the disk");
+  }
   std::vector<NodeId> open;
   std::vector<std::pair<NodeId, std::string>> hidden;
   mTree.forEachOpen([&](Node& node) {
     open.push_back(node.id);
-    if (node.place != nullptr && node.place->second.hidden) {
+    if (node.place != nullptr && node.place->second.hidden &&
+        !isUnfinished(node.parent->id, node.place->first)) {
       hidden.emplace_back(node.parent->id, node.place->first);
     }
   });
