@@ -219,6 +219,10 @@ class Drive {
   // drive_creation.cpp
   Outcome<Unit> createFile(Lock& lock, NodeId directory, const std::string& name,
                            std::uint32_t mode, bool mayBeToldLater);
+  using Make = std::function<void(const std::string& path, Callback<Unit> done)>;
+  Outcome<Unit> makeHere(Lock& lock, NodeId directory, const std::string& name, const Make& make);
+  Outcome<Unit> makeElsewhere(Lock& lock, NodeId directory, const std::string& name,
+                              const Make& make, bool isDir);
   Outcome<bool> linkOnce(Lock& lock, NodeId existing, NodeId directory, const std::string& key);
   void createWithoutWaiting(Node& parent, const std::string& path, const std::string& name,
                             std::uint32_t mode);

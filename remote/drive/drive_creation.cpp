@@ -15,6 +15,8 @@ namespace {
 /// For how long a creation that succeeded speaks for the next in its directory.
 constexpr std::chrono::seconds kCreationTrust{5};
 
+bool hasBackslash(std::string_view path) { return path.find('\\') != std::string_view::npos; }
+
 /// Whether every file system takes this name.
 bool isHarmless(std::string_view name) {
   return name.size() < 100 && name.back() != '.' && name.back() != ' ' &&
@@ -93,22 +95,18 @@ Outcome<Unit> Drive::createFile(Lock& lock, NodeId directory, const std::string&
   if (!parent) return parent.error();
   const std::string path = joinPath(*mTree.path(**parent), name);
   Directory& known = *(*parent)->directory;
-  if (mayBeToldLater && Clock::now() - known.lastCreation < kCreationTrust &&
+  if (mayBeToldLater && !hasBackslash(path) && Clock::now() - known.lastCreation < kCreationTrust &&
       known.creationRights == rightsOf(known.self) && isHarmless(name)) {
     createWithoutWaiting(**parent, path, name, mode);
     return Unit{};
   }
-  Status created = Unit{};
-  Burst burst(*this);
-  burst.add<Unit>([&](auto done) { mDisk.create(path, mode, std::move(done)); },
-                  [&created](Status& status) { created = status; });
-  burst.queryFile(path, directory, name);
-  burst.queryDirectory(directory);
-  burst.wait(lock);
-  if (!created) {
-    if (created.error().kind != ErrorKind::kFailed) return Errno{EIO};
-    return Errno{refusal(lock, EACCES)};
-  }
+  const Make make = [this, mode](const std::string& at, Callback<Unit> done) {
+    mDisk.create(at, mode, std::move(done));
+  };
+  const Outcome<Unit> created = hasBackslash(path)
+                                    ? makeElsewhere(lock, directory, name, make, false)
+                                    : makeHere(lock, directory, name, make);
+  if (!created) return created;
   if (Node* node = mTree.find(directory)) {
     Directory& made = *node->directory;
     if (made.entries.contains(name)) {
@@ -170,37 +168,63 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
                         });
 }
 
+Outcome<Unit> Drive::makeHere(Lock& lock, NodeId directory, const std::string& name,
+                              const Make& make) {
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const std::string path = joinPath(*mTree.path(**parent), name);
+  Status made = Unit{};
+  Burst burst(*this);
+  burst.add<Unit>([&](auto done) { make(path, std::move(done)); },
+                  [&made](Status& status) { made = status; });
+  burst.queryFile(path, directory, name);
+  burst.queryDirectory(directory);
+  burst.wait(lock);
+  if (made) return Unit{};
+  if (made.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  return Errno{refusal(lock, EACCES)};
+}
+
+/// Hosts take a backslash in the path of what they make for a separator, but not in a
+/// rename. So it is made where the path has none, under another name.
+Outcome<Unit> Drive::makeElsewhere(Lock& lock, NodeId directory, const std::string& name,
+                                   const Make& make, bool isDir) {
+  const Outcome<Node*> parent = directoryNode(directory);
+  if (!parent) return parent.error();
+  const Node* place = *parent;
+  while (hasBackslash(*mTree.path(*place))) place = place->parent;
+  const NodeId elsewhere = place->id;
+  const std::string path = joinPath(*mTree.path(*place), hiddenName());
+  const std::string made(baseName(path));
+  const Status status = ask<Unit>(
+      lock, [&](auto done) { make(path, std::move(done)); }, [](auto&) {});
+  if (!status && status.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  if (!status) return Errno{refusal(lock, EACCES)};
+  const Outcome<Unit> renamed = renameLocked(lock, elsewhere, made, directory, name);
+  if (renamed) return renamed;
+  const Outcome<Unit> removed = removeName(lock, elsewhere, made, isDir);
+  if (!removed && removed.error().value != ENOENT) {
+    report("'" + name + "' could not be made; it is called '" + path + "' on the disk");
+  }
+  return renamed;
+}
+
 Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
                                         std::uint32_t mode) {
   Lock lock = lockNames();
   const std::string key(name);
-  // Hosts take a backslash in this request for a separator, but not in a rename.
-  const bool detour = key.find('\\') != std::string::npos;
   const Presence seen = look(lock, directory, key);
   if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   waitForNames(lock);
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
-  const std::string made = detour ? hiddenName() : key;
-  const std::string path = joinPath(*mTree.path(**parent), made);
-  Status status = Unit{};
-  Burst burst(*this);
-  burst.add<Unit>(
-      [&](auto done) {
-        mDisk.makeDir(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
-      },
-      [&status](Status& answer) { status = answer; });
-  burst.queryFile(path, directory, made);
-  burst.queryDirectory(directory);
-  burst.wait(lock);
-  if (!status) {
-    if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
-    return Errno{refusal(lock, EACCES)};
-  }
-  if (detour) {
-    const Outcome<Unit> renamed = renameLocked(lock, directory, made, directory, key);
-    if (!renamed) return renamed.error();
-  }
+  const Make make = [this, mode](const std::string& path, Callback<Unit> done) {
+    mDisk.makeDir(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+  };
+  const std::string path = joinPath(*mTree.path(**parent), key);
+  const Outcome<Unit> made = hasBackslash(path) ? makeElsewhere(lock, directory, key, make, true)
+                                                : makeHere(lock, directory, key, make);
+  if (!made) return made.error();
   const Outcome<NodeEntry> entry = enterByName(directory, key);
   if (!entry) return entry.error();
   Node& node = *mTree.find(entry->node);
