@@ -268,17 +268,6 @@ void Drive::Burst::queryDirectory(NodeId directory) {
       [&drive = mDrive, directory](auto& result) { drive.learnSelf(directory, result); });
 }
 
-/// The host gives no reasons; some can be found out.
-int Drive::refusal(Lock& lock, int otherwise) {
-  const Result<udisk_statvfs> space = ask<udisk_statvfs>(
-      lock, [&](auto done) { mDisk.statvfs("/", std::move(done)); }, [](auto&) {});
-  if (!space) return EIO;
-  if ((space->f_flag & ST_RDONLY) != 0) return EROFS;
-  const bool countsFiles = space->f_files != 0;
-  if (space->f_bavail == 0 || (countsFiles && space->f_favail == 0)) return ENOSPC;
-  return otherwise;
-}
-
 void Drive::report(const std::string& sentence) const {
   if (mOptions.report) mOptions.report(sentence);
 }

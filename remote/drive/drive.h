@@ -61,6 +61,14 @@ struct NodeEntry {
   std::chrono::nanoseconds validFor{};
 };
 
+/// A change that the host refused, as far as it says something about the reason.
+struct Attempt {
+  std::string_view name{};  ///< that was to be made
+  std::uint64_t bytes = 0;  ///< that were to be written
+  std::uint64_t end = 0;    ///< where they were to end, or the file was
+  std::uint64_t size = 0;   ///< of the file
+};
+
 class OpenFile;
 
 struct OpenResult {
@@ -197,7 +205,6 @@ class Drive {
   void learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result,
              std::uint64_t epoch);
   void learnSelf(NodeId directory, const Result<udisk_stat>& result);
-  int refusal(Lock& lock, int otherwise);
   void report(const std::string& sentence) const;
   std::string hiddenName();
 
@@ -206,6 +213,11 @@ class Drive {
   Presence presenceAt(Lock& lock, const std::string& path);
   Presence confirmAbsence(Lock& lock, NodeId directory, const std::string& name);
   bool isRemoved(Lock& lock, NodeId directory);
+
+  // drive_refusal.cpp
+  int refusal(Lock& lock, int otherwise, const Attempt& attempt = {});
+  bool isPathTooLong(NodeId directory, std::string_view name) const;
+  bool isElsewhere(const udisk_stat& file, NodeId directory) const;
 
   // drive_names.cpp
   Outcome<Unit> refresh(Lock& lock, NodeId directory, const std::string& name);

@@ -32,6 +32,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   if (node->directory) return Errno{EISDIR};
   const NodeId directory = node->parent->id;
   const std::string name = node->place->first;
+  const Attempt attempt{{}, 0, length, lengthOf(*node)};
   node->place->second.stale = true;
   ++mLinkEpoch;
   Status status = Unit{};
@@ -56,7 +57,9 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
     endRenaming();
   }
   if (!status && length > kTruncateLimit) report(*path + ": " + status.error().message);
-  if (!status && status.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
+  if (!status && status.error().kind == ErrorKind::kFailed) {
+    return Errno{refusal(lock, EPERM, attempt)};
+  }
   if (!status) return Errno{EIO};
   // An answer about the size that was asked for before may still be on its way
   // into the tree; this one comes behind it.

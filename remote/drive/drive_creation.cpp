@@ -35,6 +35,7 @@ bool isHarmless(std::string_view name) {
 Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, std::uint32_t mode,
                                       int flags) {
   Lock lock = lockNames();
+  if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
   const std::string key = spelling(**parent, name);
@@ -182,7 +183,7 @@ Outcome<Unit> Drive::makeHere(Lock& lock, NodeId directory, const std::string& n
   burst.wait(lock);
   if (made) return Unit{};
   if (made.error().kind != ErrorKind::kFailed) return Errno{EIO};
-  return Errno{refusal(lock, EACCES)};
+  return Errno{refusal(lock, EACCES, {.name = name})};
 }
 
 /// Hosts take a backslash in the path of what they make for a separator, but not in a
@@ -199,7 +200,7 @@ Outcome<Unit> Drive::makeElsewhere(Lock& lock, NodeId directory, const std::stri
   const Status status = ask<Unit>(
       lock, [&](auto done) { make(path, std::move(done)); }, [](auto&) {});
   if (!status && status.error().kind != ErrorKind::kFailed) return Errno{EIO};
-  if (!status) return Errno{refusal(lock, EACCES)};
+  if (!status) return Errno{refusal(lock, EACCES, {.name = name})};
   const Outcome<Unit> renamed = renameLocked(lock, elsewhere, made, directory, name);
   if (renamed) return renamed;
   const Outcome<Unit> removed = removeName(lock, elsewhere, made, isDir);
@@ -213,6 +214,7 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
                                         std::uint32_t mode) {
   Lock lock = lockNames();
   const std::string key(name);
+  if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
   const Presence seen = look(lock, directory, key);
   if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   waitForNames(lock);
@@ -250,6 +252,7 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
 Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_view name) {
   Lock lock = lockNames();
   const std::string key(name);
+  if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
   const Presence seen = look(lock, directory, key);
   if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   const Outcome<Unit> settled = settle(lock, existing, false);
@@ -276,7 +279,8 @@ Outcome<bool> Drive::linkOnce(Lock& lock, NodeId existing, NodeId directory,
   const std::string to = joinPath(*mTree.path(**parent), key);
   const NodeId oldDirectory = node->parent->id;
   const std::string oldName = node->place->first;
-  const std::uint64_t inode = node->place->second.attributes.st_ino;
+  const udisk_stat attributes = node->place->second.attributes;
+  const std::uint64_t inode = attributes.st_ino;
   Status linked = Unit{};
   std::uint64_t made = 0;
   const std::uint64_t epoch = ++mLinkEpoch;
@@ -291,7 +295,10 @@ Outcome<bool> Drive::linkOnce(Lock& lock, NodeId existing, NodeId directory,
                         });
   burst.queryDirectory(directory);
   burst.wait(lock);
-  if (!linked && linked.error().kind == ErrorKind::kFailed) return Errno{refusal(lock, EPERM)};
+  if (!linked && linked.error().kind == ErrorKind::kFailed) {
+    if (isElsewhere(attributes, directory)) return Errno{EXDEV};
+    return Errno{refusal(lock, EPERM, {.name = key})};
+  }
   // Of a link that was lost on the way, the look behind it tells.
   if (!linked && made == 0) return false;
   if (made != inode) return Errno{EIO};

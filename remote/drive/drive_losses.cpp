@@ -20,7 +20,9 @@ void Drive::writeFailed(Node& node, const std::string& path) {
 Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
   const Node& node = *mTree.find(file.mNode);
   if (node.file->failures == file.mToldFailures) return Unit{};
-  return Errno{mTree.has(node) ? refusal(lock, EIO) : ESTALE};
+  if (!mTree.has(node)) return Errno{ESTALE};
+  const Attempt attempt{{}, node.file->failedBytes, node.file->failedEnd, lengthOf(node)};
+  return Errno{refusal(lock, EIO, attempt)};
 }
 
 /// To a program that looks at what it is told.

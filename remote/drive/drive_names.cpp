@@ -27,6 +27,7 @@ bool worthWhole(const Directory& directory, std::uint64_t single) {
 
 Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
   Lock lock = lockNames();
+  if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
   for (int asked = 0;; ++asked) {
     const Outcome<Node*> parent = directoryNode(directory);
     if (!parent) return parent.error();

@@ -148,6 +148,7 @@ Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::
                             unsigned flags) {
   if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return Errno{EINVAL};
   Lock lock = lockNames();
+  if (isPathTooLong(to, newName)) return Errno{ENAMETOOLONG};
   const Outcome<Node*> origin = directoryNode(from);
   if (!origin) return origin.error();
   const Outcome<Node*> destination = directoryNode(to);
@@ -253,6 +254,7 @@ Outcome<Unit> Drive::renameHeld(Lock& lock, NodeId from, const std::string& name
     }
     if (lost && attempt < kMostAttempts) continue;
     if (lost) return Errno{EIO};
+    if (isElsewhere(here.attributes(), to)) return Errno{EXDEV};
     if (there.isPresent()) {
       const bool ontoDirectory = isDirectory(there.attributes());
       const bool directory = isDirectory(here.attributes());
@@ -260,7 +262,7 @@ Outcome<Unit> Drive::renameHeld(Lock& lock, NodeId from, const std::string& name
       if (!ontoDirectory && directory) return Errno{ENOTDIR};
       if (ontoDirectory) return Errno{ENOTEMPTY};
     }
-    return Errno{refusal(lock, EACCES)};
+    return Errno{refusal(lock, EACCES, {.name = newName})};
   }
 }
 

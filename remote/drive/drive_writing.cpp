@@ -164,14 +164,19 @@ void Drive::sendGathered(Node& node, const ReadWindow::Ticket& ticket) {
   if (node.place == nullptr || node.place->second.attributes.st_nlink > 1) ++mLinkEpoch;
   ++file.inFlight;
   mBytesInFlight += size;
-  file.gather.submit(mDisk, path,
-                     whenAnswered<Unit>([this, path, id = node.id, size, ticket](Status& status) {
-                       mWriteWindow.finished(ticket, status ? size : 0);
-                       mBytesInFlight -= size;
-                       Node& written = *mTree.find(id);
-                       if (!status) writeFailed(written, path);
-                       answered(written);
-                     }));
+  const std::uint64_t end = file.gather.end();
+  auto done = [this, path, id = node.id, size, end, ticket](Status& status) {
+    mWriteWindow.finished(ticket, status ? size : 0);
+    mBytesInFlight -= size;
+    Node& written = *mTree.find(id);
+    if (!status) {
+      written.file->failedBytes = std::max<std::uint64_t>(written.file->failedBytes, size);
+      written.file->failedEnd = std::max(written.file->failedEnd, end);
+      writeFailed(written, path);
+    }
+    answered(written);
+  };
+  file.gather.submit(mDisk, path, whenAnswered<Unit>(std::move(done)));
 }
 
 /// One of the requests that a close waits for is done.

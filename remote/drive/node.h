@@ -103,6 +103,8 @@ struct FileState {
   std::string lostPath;            ///< where it was, once it has no place any more
   std::uint64_t writes = 0;        ///< by programs, ever
   std::uint64_t failures = 0;      ///< failed writes, ever
+  std::uint64_t failedBytes = 0;   ///< of the largest that failed
+  std::uint64_t failedEnd = 0;     ///< where the furthest that failed was to end
 };
 
 /// What tells one version of a file's contents from another.
@@ -199,6 +201,12 @@ class NodeTree {
 
 inline bool isDirectory(const udisk_stat& attributes) {
   return (attributes.st_mode & 0170000U) == 0040000U;
+}
+
+/// Of a file with a place, as the host told it last.
+inline std::uint64_t lengthOf(const Node& node) {
+  const std::int64_t length = node.place->second.attributes.st_size;
+  return length < 0 ? 0 : static_cast<std::uint64_t>(length);
 }
 
 /// The directory as it is known now, made anew when it has changed.

@@ -31,6 +31,14 @@ std::byte* WriteGather::add(std::int64_t offset, std::size_t size) {
   return at;
 }
 
+std::uint64_t WriteGather::end() const noexcept {
+  std::uint64_t end = 0;
+  for (const Piece& piece : mPieces) {
+    end = std::max(end, static_cast<std::uint64_t>(piece.offset) + piece.size);
+  }
+  return end;
+}
+
 bool WriteGather::accepts(std::int64_t offset, std::size_t size, std::size_t limit) const noexcept {
   if (mPieces.empty()) return true;
   if (size > limit - std::min(limit, mUsed)) return false;

@@ -19,6 +19,8 @@ class WriteGather {
 
   bool empty() const noexcept { return mPieces.empty(); }
   std::size_t size() const noexcept { return mUsed; }
+  /// How far into the file it reaches.
+  std::uint64_t end() const noexcept;
 
   /// Whether another `size` bytes at `offset` can join without making a batch
   /// of large pieces or one beyond `limit` bytes.

@@ -27,9 +27,19 @@ class AlteringTransport final : public Transport {
   std::function<bool(wire::Command command, const std::string& names)> refuses =
       [](wire::Command, const std::string&) { return false; };
 
+  /// Changes answers that are not refused; on the transport's thread.
+  std::function<void(wire::Command command, const std::string& names, Buffer& reply)> alters =
+      [](wire::Command, const std::string&, Buffer&) {};
+
   void submit(Request request, Completion done) override {
-    if (!refuses(request.command, textOf(request))) {
-      return mNext.submit(std::move(request), std::move(done));
+    const std::string names = textOf(request);
+    if (!refuses(request.command, names)) {
+      const wire::Command command = request.command;
+      return mNext.submit(std::move(request),
+                          [this, command, names, done = std::move(done)](Result<Reply> reply) {
+                            if (reply) alters(command, names, *reply);
+                            done(std::move(reply));
+                          });
     }
     answer(std::make_shared<Buffer>(refusal(request)), std::move(done));
   }
@@ -79,6 +89,9 @@ class AlteringTransport final : public Transport {
       case wire::Command::kSetRename:
       case wire::Command::kMakeDir:
         std::fill_n(reply.data(), 4, std::byte{0xff});
+        break;
+      case wire::Command::kFileWrite:
+        std::fill_n(reply.data() + 8, 4, std::byte{0});  // of the data
         break;
       case wire::Command::kGetStatvfs: {
         reply.data()[4] = std::byte{112};
