@@ -11,7 +11,7 @@ namespace zor::remote {
 namespace {
 
 /// A directory that was never listed is not listed for one name if it is as large.
-constexpr std::int64_t kLargeDirectory = 256 << 10;
+constexpr std::int64_t kMaxUnlisted = 256 << 10;
 
 constexpr std::chrono::milliseconds kLeastDispute{1000};
 
@@ -55,7 +55,7 @@ Presence Drive::confirmAbsence(Lock& lock, NodeId id, const std::string& name) {
   Node& node = *mTree.find(id);
   Directory& known = *node.directory;
   const bool canBeListed = known.listed != Clock::time_point();
-  if (!canBeListed && known.self.st_size > kLargeDirectory) {
+  if (!canBeListed && known.self.st_size > kMaxUnlisted) {
     mTree.remove(node, name);
     return Presence::absent();
   }

@@ -11,7 +11,7 @@ namespace zor::remote {
 namespace {
 
 /// For what was lost on the way.
-constexpr int kMostAttempts = 10;
+constexpr int kMaxLinkAttempts = 10;
 
 }  // namespace
 
@@ -68,7 +68,7 @@ Outcome<bool> Drive::linkHidden(Lock& lock, NodeId directory, const std::string&
     if (linked) return true;
     if (linked.error().kind == ErrorKind::kFailed) return false;
     const Presence seen = presenceAt(lock, hiddenPath);
-    if (seen.isUnknown() || attempt == kMostAttempts) return Errno{EIO};
+    if (seen.isUnknown() || attempt == kMaxLinkAttempts) return Errno{EIO};
     if (seen.isPresent()) {
       splitHidden(directory, name, hidden);
       return true;
