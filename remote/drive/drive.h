@@ -316,7 +316,7 @@ class Drive {
   std::condition_variable mSettled;  ///< something that others wait for has ended
   NodeTree mTree;
   bool mRenaming = false;                        ///< paths may not be used for requests now
-  std::vector<std::function<void()>> mDeferred;  ///< reads that wait for the rename's end
+  std::vector<std::function<void()>> mDeferred;  ///< requests that wait for the rename's end
   /// Changes with each request that may change a file which has several names.
   /// The host serves in order, so what was asked for since the last one is true.
   std::uint64_t mLinkEpoch = 0;

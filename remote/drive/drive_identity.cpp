@@ -10,8 +10,15 @@ void Drive::identify(const Node& node) {
   if (!node.file || node.place == nullptr || mRenaming) return;
   const Clock::time_point now = Clock::now();
   const Clock::time_point known = std::max(node.file->identified, node.place->second.confirmed);
+  if (now - known < mOptions.attributeTimeout) return;
+  if (mRenaming) {
+    mDeferred.emplace_back([this, id = node.id] {
+      if (const Node* still = mTree.find(id)) identify(*still);
+    });
+    return;
+  }
   const std::optional<std::string> path = mTree.path(node);
-  if (now - known < mOptions.attributeTimeout || !path) return;
+  if (!path) return;
   node.file->identified = now;
   Burst burst(*this);
   burst.queryFile(*path, node.parent->id, node.place->first);
