@@ -77,6 +77,8 @@ class Disk {
 
   /// Of a symbolic link: the link's own attributes.
   void attributes(std::string_view path, Callback<udisk_stat> done);
+  /// Also asks whether the disk can be read at all, in the same round trip; if it cannot,
+  /// ErrorKind::kUnreadable.
   Result<udisk_stat> attributes(std::string_view path);
 
   void list(std::string_view path, Callback<Listing> done);

@@ -1,3 +1,5 @@
+#include <memory>
+
 #include "disk.h"
 #include "exchange.h"
 
@@ -90,7 +92,7 @@ void Disk::statvfs(std::string_view path, Callback<udisk_statvfs> done) {
                        udisk_statvfs statistics{};
                        cursor.get(statistics);
                        // What a host fills in when it cannot reach the disk.
-                       if (statistics == udisk_statvfs{}) return failed("the disk cannot be read");
+                       if (statistics == udisk_statvfs{}) return unreadable();
                        return statistics;
                      });
 }
@@ -121,7 +123,18 @@ void Disk::xattr(std::string_view path, std::string_view name, Callback<std::uin
 }
 
 Result<udisk_stat> Disk::attributes(std::string_view path) {
-  return await<udisk_stat>([&](auto done) { attributes(path, std::move(done)); });
+  if (auto error = checkPath(path)) return std::move(*error);
+  const auto found = std::make_shared<Result<udisk_stat>>(Error{});
+  return await<udisk_stat>([&](Callback<udisk_stat> done) {
+    attributes(path, [found](Result<udisk_stat> answer) { *found = std::move(answer); });
+    // Both queries are refused in the same way when the disk fails.
+    attributes("/", [found, done = std::move(done)](const Result<udisk_stat>& root) {
+      const auto isRefusal = [](const auto& answer) {
+        return !answer && answer.error().kind == ErrorKind::kFailed;
+      };
+      done(isRefusal(*found) && isRefusal(root) ? unreadable() : std::move(*found));
+    });
+  });
 }
 
 Result<Listing> Disk::list(std::string_view path) {

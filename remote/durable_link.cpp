@@ -78,7 +78,8 @@ Status DurableLink::connectFirst() {
     return Error{ErrorKind::kLinkLost, "the host does not answer"};
   }
   const Result<DiskIdentity> identity = answer.get();
-  if (!identity && identity.error().kind == ErrorKind::kFailed) {
+  if (!identity && (identity.error().kind == ErrorKind::kFailed ||
+                    identity.error().kind == ErrorKind::kUnreadable)) {
     return Error{ErrorKind::kFailed, "the disk cannot be read"};
   }
   if (!identity) return identity.error();

@@ -24,6 +24,11 @@ inline Error badReply() {
 
 inline Error failed(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
 
+/// What a host cannot tell from a missing name by itself.
+inline Error unreadable() {
+  return {ErrorKind::kUnreadable, "the disk cannot be read; was it pulled out?"};
+}
+
 inline Error refused(std::string message) { return {ErrorKind::kRefused, std::move(message)}; }
 
 /// Why the host would not serve a request with this path.

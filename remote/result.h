@@ -9,6 +9,7 @@ namespace zor::remote {
 
 enum class ErrorKind {
   kFailed,      ///< the host answered that the operation failed; it gives no reason
+  kUnreadable,  ///< the host answered, and cannot read the disk: nothing is known of the name
   kRefused,     ///< not sent: the arguments cannot be carried by a request
   kLinkLost,    ///< the connection broke; whether the host acted is unknown
   kBadReply,    ///< the answer contradicts itself or its request

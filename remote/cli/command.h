@@ -55,15 +55,6 @@ bool isDirectory(Context& context, const std::string& path);
 bool forEach(Context& context, const std::vector<std::string>& paths, std::string_view what,
              const std::function<Status(const std::string&)>& act);
 
-/// Whether these statistics are the zeros that a host gives when it cannot read the disk.
-inline bool tellsNothing(const udisk_statvfs& statistics) {
-  return statistics.f_bsize == 0 && statistics.f_blocks == 0;
-}
-
-inline Error diskGone() {
-  return {ErrorKind::kFailed, "the host cannot read the disk any more; was it pulled out?"};
-}
-
 /// Whether trying the next path makes no sense after this error.
 inline bool isFatal(const Error& error) { return error.kind == ErrorKind::kLinkLost; }
 

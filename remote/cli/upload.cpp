@@ -300,10 +300,9 @@ void Upload::cleanUp() {
 /// Hosts give no reasons, but two can be found out.
 void Upload::explainFailure() {
   const auto found = mContext.disk.statvfs("/");
-  if (!found) return;
-  if (tellsNothing(*found)) {
-    mContext.console.message(diskGone().message);
-  } else if (found->f_bavail == 0) {
+  if (!found && found.error().kind == ErrorKind::kUnreadable) {
+    mContext.console.message(found.error().message);
+  } else if (found && found->f_bavail == 0) {
     mContext.console.message("the disk is full");
   }
 }

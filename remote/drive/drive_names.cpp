@@ -186,7 +186,7 @@ Outcome<udisk_statvfs> Drive::statistics() {
                              [&result](auto& answer) { result = std::move(answer); });
     burst.wait(lock);
     if (result) return *result;
-    if (again || result.error().kind != ErrorKind::kFailed) return Errno{EIO};
+    if (again || result.error().kind != ErrorKind::kUnreadable) return Errno{EIO};
   }
 }
 

@@ -48,11 +48,10 @@ bool Drive::learnSpelling(Lock& lock, NodeId directory) {
   if (known == entries.end()) return false;
   const std::uint64_t number = known->second.attributes.st_ino;
   const std::string path = joinPath(*mTree.path(node), swapped(known->first));
-  const Result<udisk_stat> other = ask<udisk_stat>(
-      lock, [&](auto done) { mDisk.attributes(path, std::move(done)); }, [](auto&) {});
+  const Presence other = presenceAt(lock, path);
   waitForNames(lock);
-  if (!other && other.error().kind != ErrorKind::kFailed) return false;
-  mAnyCase = other && other->st_ino == number;
+  if (other.isUnknown()) return false;
+  mAnyCase = other.isPresent() && other.attributes().st_ino == number;
   return true;
 }
 

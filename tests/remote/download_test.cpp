@@ -64,7 +64,9 @@ class PlayedHost {
     if (request.cmd == 117) return request.bytes.substr(16);
     if (request.cmd == 102) {
       const std::string path = request.bytes.substr(20);
-      const std::string found = version(mFiles.at(std::string(baseName(path))));
+      PlayedFile root{{udisk_stat{}}, {}};
+      const std::string found =
+          version(path == "/" ? root : mFiles.at(std::string(baseName(path))));
       return le(path.size(), 2) + le(found.size(), 2) + path + found;
     }
     wire::FileReadRecord record{};

@@ -280,6 +280,7 @@ TEST_F(EndToEndTest, ADiskThatIsGoneIsSaidToBe) {
   check({{{"df"}, 1, "", "its disk is gone"},
          {{"put", local("f"), "/f"}, 1, "", "its disk is gone"}});
   fs::rename(mDisk.beside("away"), mDisk.root());
+  check({{{"rm", "-f", "f", "d/f"}, 0, "", ""}, {{"stat", "d/f"}, 1, "", "no such file"}});
 }
 
 TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
