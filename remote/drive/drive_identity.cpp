@@ -7,7 +7,7 @@ namespace zor::remote {
 /// Asks, beside the read or write that is about to be sent, whether the name of an open
 /// file still stands for it, unless that is known. `learn` takes its place away if not.
 void Drive::identify(const Node& node) {
-  if (!node.file || node.place == nullptr || mRenaming) return;
+  if (!node.file || node.place == nullptr) return;
   const Clock::time_point now = Clock::now();
   const Clock::time_point known = std::max(node.file->identified, node.place->second.confirmed);
   if (now - known < mOptions.attributeTimeout) return;
