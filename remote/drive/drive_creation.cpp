@@ -150,6 +150,7 @@ void Drive::createWithoutWaiting(Node& parent, const std::string& path, const st
             above->directory->lastCreation = Clock::now();
           }
         } else {
+          made.file->neverMade = true;
           writeFailed(made, path);
         }
         answered(made);

@@ -20,7 +20,7 @@ void Drive::writeFailed(Node& node, const std::string& path) {
 Outcome<Unit> Drive::untoldFailure(Lock& lock, const OpenFile& file) {
   const Node& node = *mTree.find(file.mNode);
   if (node.file->failures == file.mToldFailures) return Unit{};
-  if (!mTree.has(node)) return Errno{ESTALE};
+  if (!mTree.has(node) && !node.file->neverMade) return Errno{ESTALE};
   const Attempt attempt{{}, node.file->failedBytes, node.file->failedEnd, lengthOf(node)};
   return Errno{refusal(lock, EIO, attempt)};
 }

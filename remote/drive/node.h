@@ -92,6 +92,7 @@ struct FileState {
   Clock::time_point gathered{};  ///< when its oldest byte was written
   unsigned inFlight = 0;         ///< requests that are to be waited for before a close
   bool young = false;            ///< being made; nothing that the host tells of it is known
+  bool neverMade = false;        ///< the host refused to make it
   bool unsynced = false;         ///< written since the last sync
   bool ahead = false;            ///< written since the attributes were learnt
   std::int64_t end = 0;          ///< of what was written since then
@@ -205,7 +206,7 @@ inline bool isDirectory(const udisk_stat& attributes) {
 
 /// Of a file with a place, as the host told it last.
 inline std::uint64_t lengthOf(const Node& node) {
-  const std::int64_t length = node.place->second.attributes.st_size;
+  const std::int64_t length = node.place == nullptr ? 0 : node.place->second.attributes.st_size;
   return length < 0 ? 0 : static_cast<std::uint64_t>(length);
 }
 
