@@ -97,7 +97,8 @@ format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 tidy: build-release
-	git ls-files 'framework/*.cpp' 'driver/*.cpp' 'host/*.cpp' 'remote/*.cpp' | \
+	git ls-files 'framework/*.cpp' 'driver/*.cpp' 'host/*.cpp' \
+	  'client/*.cpp' 'drive/*.cpp' 'mount/*.cpp' 'cli/*.cpp' | \
 	  xargs -P $(JOBS) -n 4 clang-tidy -p build/release --quiet
 
 clean:

@@ -18,7 +18,7 @@
 #include <system_error>
 #include <utility>
 
-#include "delay_relay.h"
+#include "support/delay_relay.h"
 #include "support/standard_descriptors.h"
 
 namespace {

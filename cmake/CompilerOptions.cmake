@@ -6,6 +6,9 @@ add_library(udisk_options INTERFACE)
 target_compile_options(udisk_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
   -Wold-style-cast -Woverloaded-virtual -Wformat=2 -Wimplicit-fallthrough)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(udisk_options INTERFACE -Wthread-safety)
+endif()
 if(UDISK_WERROR)
   target_compile_options(udisk_options INTERFACE -Werror)
 endif()

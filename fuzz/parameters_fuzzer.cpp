@@ -1,7 +1,7 @@
 // The text of device parameters: as a framework may hand it over, and as the
 // host makes it out of a directory and a name.
-#include "device_parameters.h"
 #include "driver/disk_fixture.h"
+#include "host/device_parameters.h"
 #include "input.h"
 #include "service/udisk_service.h"
 

@@ -1,10 +1,10 @@
 // What the system's programs tell of the disks, labels of a hostile disk
 // included; and what the mounting programs are told then.
 #include "fuzzed_disk.h"
-#include "local_disk.h"
+#include "host/local_disk.h"
+#include "host/text.h"
 #include "service/command.h"
 #include "service/udisk_service.h"
-#include "text.h"
 
 namespace zor {
 static std::string gTables[4];  ///< disks, labels, whether removable, interface class

@@ -2,14 +2,14 @@
 // the request itself and patches to it; and whole streams.
 #include <sys/socket.h>
 
-#include "disk.h"
+#include "client/disk.h"
+#include "client/link.h"
 #include "input.h"
-#include "link.h"
 
 namespace zor::fuzz {
 namespace {
 
-using namespace remote;
+using namespace client;
 
 std::size_t gOutcomes = 0;  ///< callbacks that ran
 

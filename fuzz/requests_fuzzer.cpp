@@ -1,6 +1,6 @@
 // Sequences of requests to the operator, on a real disk: most of them well
 // formed, with paths that are made of the disk's names.
-#include "exchange.h"
+#include "client/exchange.h"
 #include "fuzzed_disk.h"
 
 namespace zor::fuzz {
@@ -29,7 +29,7 @@ std::string request(Input& input, const std::string& lastReply) {
   fixed.resize(wireSize<R>());
   R record{};
   Cursor(std::as_bytes(std::span(fixed))).get(record);
-  remote::exchange::Strings strings(std::tuple_size_v<decltype(R::kStrings)>);
+  client::exchange::Strings strings(std::tuple_size_v<decltype(R::kStrings)>);
   for (std::string& string : strings) string = path(input);
   std::string data;
   if constexpr (requires { record.file_buf_length; }) {
@@ -46,7 +46,7 @@ std::string request(Input& input, const std::string& lastReply) {
     }
     if (input.byte() < 200) record.listingLength = static_cast<std::uint32_t>(data.size());
   }
-  const remote::Buffer head = remote::exchange::encode(record, strings);
+  const client::Buffer head = client::exchange::encode(record, strings);
   return std::string(view(head.data(), head.size())) + data;
 }
 
@@ -68,7 +68,7 @@ std::size_t dataSize(const StatvfsRecord&, Bytes data) {
   return data.size() - data.size() % wireSize<udisk_statvfs>();
 }
 std::size_t dataSize(const DirRecord& record, Bytes data) {
-  EXPECT_TRUE(remote::Listing::parse(remote::Buffer(data), 0, record.entryCount).ok());
+  EXPECT_TRUE(client::Listing::parse(client::Buffer(data), 0, record.entryCount).ok());
   return record.listingLength;
 }
 

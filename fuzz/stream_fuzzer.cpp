@@ -2,18 +2,18 @@
 // driver module loaded.
 #include <sys/socket.h>
 
-#include "connection.h"
-#include "device_parameters.h"
+#include "client/packet.h"
 #include "fuzzed_disk.h"
-#include "packet.h"
+#include "host/connection.h"
+#include "host/device_parameters.h"
 
 namespace zor::fuzz {
 
 // The disk speaks first, and all that it says are whole packets.
 static void checkReplies(int socket, std::string_view stream) {
-  remote::PacketReader reader;
+  client::PacketReader reader;
   int count = 0;
-  const auto check = [&](const remote::PacketHeader& header, const remote::Buffer& payload) {
+  const auto check = [&](const client::PacketHeader& header, const client::Buffer& payload) {
     EXPECT_TRUE(count++ >= 2 || header.cmd == (count == 1 ? 122 : 100));
     EXPECT_EQ(header.devId, host::HostDevice::kDeviceId);
     FuzzedDisk::checkSecret(view(payload.data(), payload.size()), stream);

@@ -1,4 +1,4 @@
-#include "cleanup_process.h"
+#include "host/cleanup_process.h"
 
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -12,20 +12,20 @@
 #include <system_error>
 #include <utility>
 
-#include "descriptors.h"
-#include "signals_blocked.h"
+#include "host/descriptors.h"
+#include "host/signals_blocked.h"
 
 namespace zor::host {
 namespace {
 
-constexpr std::size_t kLongestFailure = 1024;
+constexpr std::size_t kMaxFailure = 1024;
 
 std::string failureOf(const std::function<void()>& step) {
   try {
     step();
     return "";
   } catch (const std::exception& error) {
-    return std::string(error.what()).substr(0, kLongestFailure);
+    return std::string(error.what()).substr(0, kMaxFailure);
   }
 }
 
@@ -76,7 +76,7 @@ CleanupProcess::~CleanupProcess() {
 
 void CleanupProcess::run(std::size_t step) {
   const auto number = static_cast<unsigned char>(step);
-  char answer[1 + kLongestFailure];
+  char answer[1 + kMaxFailure];
   ssize_t size = ::send(mEnd.get(), &number, sizeof number, MSG_NOSIGNAL);
   if (size > 0) {
     size = retryOnInterrupt([&] { return ::recv(mEnd.get(), answer, sizeof answer, 0); });

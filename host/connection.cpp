@@ -1,4 +1,4 @@
-#include "connection.h"
+#include "host/connection.h"
 
 #include <spdlog/spdlog.h>
 

@@ -9,11 +9,11 @@
 #include <memory>
 #include <thread>
 
-#include "host_device.h"
-#include "module_loader.h"
-#include "reception.h"
-#include "remote_link.h"
-#include "served_directory.h"
+#include "host/host_device.h"
+#include "host/module_loader.h"
+#include "host/reception.h"
+#include "host/remote_link.h"
+#include "host/served_directory.h"
 #include "support/unique_fd.h"
 
 namespace zor::host {

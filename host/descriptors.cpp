@@ -1,4 +1,4 @@
-#include "descriptors.h"
+#include "host/descriptors.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>

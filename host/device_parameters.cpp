@@ -1,11 +1,11 @@
-#include "device_parameters.h"
+#include "host/device_parameters.h"
 
 #include <json/json.h>
 
 #include <cstddef>
 #include <stdexcept>
 
-#include "text.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

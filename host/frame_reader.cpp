@@ -1,12 +1,12 @@
-#include "frame_reader.h"
+#include "host/frame_reader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "host/reply_bound.h"
 #include "protocol/commands.h"
-#include "reply_bound.h"
 
 namespace zor::host {
 namespace {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <span>
 
-#include "receive_budget.h"
+#include "host/receive_budget.h"
 #include "zor_packet.h"
 
 namespace zor::host {

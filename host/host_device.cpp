@@ -1,8 +1,8 @@
-#include "host_device.h"
+#include "host/host_device.h"
 
 #include <spdlog/spdlog.h>
 
-#include "text.h"
+#include "host/text.h"
 
 namespace zor::host {
 

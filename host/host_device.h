@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "remote_link.h"
-#include "trace_file.h"
+#include "host/remote_link.h"
+#include "host/trace_file.h"
 #include "zor_dev_base.h"
 #include "zor_device.h"
 #include "zor_request_source.h"

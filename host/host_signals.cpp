@@ -1,4 +1,4 @@
-#include "host_signals.h"
+#include "host/host_signals.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

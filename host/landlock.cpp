@@ -1,4 +1,4 @@
-#include "landlock.h"
+#include "host/landlock.h"
 
 #include <fcntl.h>
 #include <linux/landlock.h>

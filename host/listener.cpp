@@ -1,4 +1,4 @@
-#include "listener.h"
+#include "host/listener.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "text.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {
@@ -92,9 +92,9 @@ void Listener::fail(const std::string& why) const {
 Listener::Listener(const std::string& path, std::optional<Owner> owner)
     : mPath(path), mOwner(owner) {
   if (path.empty()) fail("the path is empty");
-  constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
-  if (path.size() > kLongest) {
-    fail("the path is longer than " + std::to_string(kLongest) + " bytes");
+  constexpr std::size_t kMaxLength = sizeof(sockaddr_un::sun_path) - 1;
+  if (path.size() > kMaxLength) {
+    fail("the path is longer than " + std::to_string(kMaxLength) + " bytes");
   }
   const std::filesystem::path whole(path);
   mName = whole.filename();

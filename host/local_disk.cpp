@@ -1,4 +1,4 @@
-#include "local_disk.h"
+#include "host/local_disk.h"
 
 #include <cstdlib>
 #include <filesystem>

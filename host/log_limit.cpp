@@ -1,4 +1,4 @@
-#include "log_limit.h"
+#include "host/log_limit.h"
 
 #include <algorithm>
 
@@ -7,8 +7,8 @@ namespace {
 
 // The module's lines begin with "[TAG] file function(line): ".
 std::string_view messageOf(std::string_view line) {
-  constexpr std::size_t kLongest = 200;
-  line = line.substr(0, kLongest);
+  constexpr std::size_t kMaxLength = 200;
+  line = line.substr(0, kMaxLength);
   const std::size_t site = line.empty() || line[0] != '[' ? line.npos : line.find("): ");
   return line.substr(0, site != line.npos ? site + 1 : line.find_first_of("0123456789/\"'"));
 }

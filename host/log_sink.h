@@ -11,7 +11,7 @@
 #include <string_view>
 #include <thread>
 
-#include "log_limit.h"
+#include "host/log_limit.h"
 
 namespace zor::host {
 

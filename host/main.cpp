@@ -2,9 +2,9 @@
 
 #include <exception>
 
-#include "descriptors.h"
-#include "log_sink.h"
-#include "program.h"
+#include "host/descriptors.h"
+#include "host/log_sink.h"
+#include "host/program.h"
 #include "support/standard_descriptors.h"
 
 namespace {
@@ -16,8 +16,8 @@ constexpr int kFailure = 1;
 // when the remote has gone. Each arena keeps some, so that there are only two.
 void keepFreedMemory() noexcept {
   ::mallopt(M_ARENA_MAX, 2);
-  constexpr int kLargestKept = 4 << 20, kKept = 16 << 20;
-  ::mallopt(M_MMAP_THRESHOLD, kLargestKept);
+  constexpr int kMaxKept = 4 << 20, kKept = 16 << 20;
+  ::mallopt(M_MMAP_THRESHOLD, kMaxKept);
   ::mallopt(M_TRIM_THRESHOLD, kKept);
 }
 

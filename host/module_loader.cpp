@@ -1,4 +1,4 @@
-#include "module_loader.h"
+#include "host/module_loader.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "text.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

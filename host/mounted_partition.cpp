@@ -1,4 +1,4 @@
-#include "mounted_partition.h"
+#include "host/mounted_partition.h"
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
@@ -19,11 +19,11 @@
 #include <string_view>
 #include <utility>
 
+#include "host/partition_lock.h"
+#include "host/text.h"
 #include "operator/udisk_operator.h"
-#include "partition_lock.h"
 #include "service/mount_table.h"
 #include "service/udisk_service.h"
-#include "text.h"
 
 namespace zor::host {
 namespace {

@@ -1,4 +1,4 @@
-#include "outbox.h"
+#include "host/outbox.h"
 
 #include <spdlog/spdlog.h>
 #include <sys/socket.h>
@@ -16,9 +16,9 @@ namespace {
 constexpr std::size_t kSmallPacket = std::size_t{16} << 10;
 // Writing less is over sooner than another thread has woken up.
 constexpr std::size_t kLargePacket = std::size_t{128} << 10;
-constexpr std::size_t kMostGathered = std::size_t{64} << 10;
-constexpr std::size_t kMostParts = 64;
-constexpr std::size_t kMostTogether = 12;
+constexpr std::size_t kMaxGathered = std::size_t{64} << 10;
+constexpr std::size_t kMaxParts = 64;
+constexpr std::size_t kMaxTogether = 12;
 // How long a reply may wait because the next request takes long: between one
 // and two of these.
 constexpr auto kCoalescingTick = std::chrono::milliseconds(1);
@@ -42,7 +42,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   const std::size_t charge = packet->mBuffer->capacity + ReceiveBudget::kPacketOverhead;
   Item item{std::move(packet), size};
   Lock lock(mMutex);
-  const auto room = [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMostWaiting; };
+  const auto room = [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMaxWaiting; };
   if (!room()) {
     lock.unlock();
     tellAboutToWait();
@@ -55,7 +55,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   if (mWriting) return true;  // whoever writes takes it along
   const std::size_t packets = mBudget.packets();
   const bool more = packets > 1;
-  if (mWaitingBytes <= kMostWaiting && (more || mHeld)) {
+  if (mWaitingBytes <= kMaxWaiting && (more || mHeld)) {
     if (more && size >= kLargePacket) {
       mHandedOver = true;
       mWake.notify_one();
@@ -63,7 +63,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
     }
     // Who sends much in each request makes the next one while this one is served.
     const bool smallOnes = size <= kSmallPacket && mBudget.bytes() <= packets * kSmallPacket;
-    if (smallOnes && mWaitingBytes < kMostGathered && mWaiting.size() < kMostTogether) {
+    if (smallOnes && mWaitingBytes < kMaxGathered && mWaiting.size() < kMaxTogether) {
       mAnyGathered.store(true, std::memory_order_relaxed);
       if (!std::exchange(mGathering, true)) mWake.notify_one();
       return true;
@@ -121,7 +121,7 @@ void Outbox::writeAll(Lock& lock) {
 }
 
 bool Outbox::writeItems() noexcept {
-  std::array<iovec, kMostParts> parts;
+  std::array<iovec, kMaxParts> parts;
   std::size_t count = 0;
   for (std::size_t i = 0; i < mInHand.size(); ++i) {
     parts[count++] = {mInHand[i].packet->mBuffer->data, mInHand[i].size};

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "receive_budget.h"
+#include "host/receive_budget.h"
 #include "zor_packet.h"
 
 namespace zor::host {
@@ -34,7 +34,7 @@ class Outbox {
  public:
   /// What may wait to be written, in bytes of memory, before whoever brings more
   /// waits as well; one packet may be larger. As much may be in the writer's hand.
-  static constexpr std::size_t kMostWaiting = std::size_t{4} << 20;
+  static constexpr std::size_t kMaxWaiting = std::size_t{4} << 20;
 
   /// `socket` and `budget` must outlive the outbox. A remote that reads nothing for the
   /// time limit that sending has on `socket` cannot be written to any more if it holds memory

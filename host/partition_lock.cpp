@@ -1,4 +1,4 @@
-#include "partition_lock.h"
+#include "host/partition_lock.h"
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>

@@ -1,4 +1,4 @@
-#include "probe_command.h"
+#include "host/probe_command.h"
 
 #include <json/json.h>
 
@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "local_disk.h"
-#include "text.h"
+#include "host/local_disk.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

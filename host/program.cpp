@@ -1,4 +1,4 @@
-#include "program.h"
+#include "host/program.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -8,10 +8,10 @@
 #include <functional>
 #include <system_error>
 
-#include "log_sink.h"
-#include "probe_command.h"
-#include "serve_command.h"
-#include "text.h"
+#include "host/log_sink.h"
+#include "host/probe_command.h"
+#include "host/serve_command.h"
+#include "host/text.h"
 
 namespace zor::host {
 

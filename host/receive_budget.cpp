@@ -1,4 +1,4 @@
-#include "receive_budget.h"
+#include "host/receive_budget.h"
 
 #include <algorithm>
 

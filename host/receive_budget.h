@@ -9,7 +9,7 @@
 #include <mutex>
 #include <utility>
 
-#include "shared_budget.h"
+#include "host/shared_budget.h"
 #include "zor_packet.h"
 
 namespace zor::host {

@@ -1,4 +1,4 @@
-#include "reception.h"
+#include "host/reception.h"
 
 #include <spdlog/spdlog.h>
 
@@ -13,7 +13,7 @@ namespace zor::host {
 namespace {
 
 // Larger packets arrive in pieces, and the next one can arrive while one is served.
-constexpr std::uint32_t kMostWhileLent = std::uint32_t{16} << 10;
+constexpr std::uint32_t kMaxWhileLent = std::uint32_t{16} << 10;
 // How long the data-event thread may be busy without the reading being taken back:
 // between one and two of these.
 constexpr auto kTick = std::chrono::milliseconds(4);
@@ -97,7 +97,7 @@ void Reception::endBadStream(FrameReader::Status status) {
 }
 
 bool Reception::worthLending() noexcept {
-  return !mFrames->insidePacket() && mFrames->header().length <= kMostWhileLent &&
+  return !mFrames->insidePacket() && mFrames->header().length <= kMaxWhileLent &&
          mAsked.load(std::memory_order_relaxed);
 }
 
@@ -163,7 +163,7 @@ void Reception::receiveLent() noexcept {
   mFrames->commit(static_cast<std::size_t>(received));
   try {
     if (deliver(Patience::kNone) == Delivered::kSome || mFrames->insidePacket() ||
-        mFrames->header().length > kMostWhileLent) {
+        mFrames->header().length > kMaxWhileLent) {
       takeBack();
     }
   } catch (...) {

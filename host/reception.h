@@ -7,8 +7,8 @@
 #include <exception>
 #include <mutex>
 
-#include "frame_reader.h"
-#include "remote_link.h"
+#include "host/frame_reader.h"
+#include "host/remote_link.h"
 #include "zor_driver.h"
 #include "zor_request_source.h"
 

@@ -1,4 +1,4 @@
-#include "remote_link.h"
+#include "host/remote_link.h"
 
 #include <poll.h>
 #include <spdlog/spdlog.h>

@@ -11,8 +11,8 @@
 #include <mutex>
 #include <span>
 
-#include "outbox.h"
-#include "receive_budget.h"
+#include "host/outbox.h"
+#include "host/receive_budget.h"
 #include "support/unique_fd.h"
 #include "zor_packet.h"
 

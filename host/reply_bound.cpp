@@ -1,4 +1,4 @@
-#include "reply_bound.h"
+#include "host/reply_bound.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "host/sandbox.h"
 
 #include <linux/capability.h>
 #include <spdlog/spdlog.h>
@@ -15,9 +15,9 @@
 #include <system_error>
 #include <vector>
 
-#include "landlock.h"
-#include "system_call_filter.h"
-#include "text.h"
+#include "host/landlock.h"
+#include "host/system_call_filter.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

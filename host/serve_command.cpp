@@ -1,4 +1,4 @@
-#include "serve_command.h"
+#include "host/serve_command.h"
 
 #include <pwd.h>
 #include <spdlog/spdlog.h>
@@ -18,18 +18,18 @@
 #include <utility>
 #include <vector>
 
-#include "cleanup_process.h"
-#include "device_parameters.h"
-#include "host_device.h"
-#include "host_signals.h"
-#include "log_sink.h"
-#include "module_loader.h"
+#include "host/cleanup_process.h"
+#include "host/device_parameters.h"
+#include "host/host_device.h"
+#include "host/host_signals.h"
+#include "host/log_sink.h"
+#include "host/module_loader.h"
+#include "host/mounted_partition.h"
+#include "host/sandbox.h"
+#include "host/served_directory.h"
+#include "host/server.h"
+#include "host/text.h"
 #include "morvel_log.h"
-#include "mounted_partition.h"
-#include "sandbox.h"
-#include "served_directory.h"
-#include "server.h"
-#include "text.h"
 
 namespace zor::host {
 namespace {

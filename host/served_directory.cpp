@@ -1,4 +1,4 @@
-#include "served_directory.h"
+#include "host/served_directory.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -12,8 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "host/text.h"
 #include "support/unique_fd.h"
-#include "text.h"
 
 namespace zor::host {
 namespace {

@@ -1,4 +1,4 @@
-#include "server.h"
+#include "host/server.h"
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -15,8 +15,8 @@
 #include <optional>
 #include <utility>
 
-#include "connection.h"
-#include "text.h"
+#include "host/connection.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

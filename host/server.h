@@ -8,11 +8,11 @@
 #include <memory>
 #include <vector>
 
-#include "host_device.h"
-#include "host_signals.h"
-#include "listener.h"
-#include "module_loader.h"
-#include "served_directory.h"
+#include "host/host_device.h"
+#include "host/host_signals.h"
+#include "host/listener.h"
+#include "host/module_loader.h"
+#include "host/served_directory.h"
 
 namespace zor::host {
 

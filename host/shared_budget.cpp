@@ -1,4 +1,4 @@
-#include "shared_budget.h"
+#include "host/shared_budget.h"
 
 namespace zor::host {
 

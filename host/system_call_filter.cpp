@@ -1,4 +1,4 @@
-#include "system_call_filter.h"
+#include "host/system_call_filter.h"
 
 #include <fcntl.h>
 #include <linux/audit.h>

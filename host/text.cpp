@@ -1,4 +1,4 @@
-#include "text.h"
+#include "host/text.h"
 
 #include <cstddef>
 

@@ -1,4 +1,4 @@
-#include "trace_file.h"
+#include "host/trace_file.h"
 
 #include <fcntl.h>
 #include <json/json.h>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "text.h"
+#include "host/text.h"
 
 namespace zor::host {
 namespace {

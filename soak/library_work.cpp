@@ -8,15 +8,15 @@
 #include <set>
 #include <vector>
 
-#include "durable_link.h"
-#include "exchange.h"
-#include "set_length.h"
+#include "client/durable_link.h"
+#include "client/exchange.h"
+#include "client/set_length.h"
 #include "workers.h"
 
 namespace zor::soak {
 namespace {
 
-using namespace zor::remote;
+using namespace zor::client;
 
 constexpr std::uint32_t kReadAll = 1 << 20;  ///< more than any file here has
 constexpr std::array<const char*, 4> kDirectories{"", "/a", "/a/b", "/Grüße"};

@@ -18,7 +18,7 @@ using wire::Bytes;
 
 /// The most that the server gives at a time; a larger read is made of pieces,
 /// with as many bytes in flight.
-constexpr std::uint32_t kLargestRead = 255 << 10;
+constexpr std::uint32_t kMaxRead = 255 << 10;
 
 /// Small writes in flight.
 constexpr unsigned kChunksInFlight = 32;
@@ -179,7 +179,7 @@ class SftpSide final : public Side {
   }
 
   double read(const WorkTraits& work, const Until& until, bool checked) {
-    const std::uint32_t size = std::min(work.size, kLargestRead);
+    const std::uint32_t size = std::min(work.size, kMaxRead);
     const unsigned pieces = (work.size + size - 1) / size;
     const unsigned inFlight = work.inFlight * pieces;
     const std::string handle = open(Tree::kBigName, kOpenRead);

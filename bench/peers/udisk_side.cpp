@@ -3,9 +3,9 @@
 #include <thread>
 #include <vector>
 
-#include "connection.h"
+#include "client/connection.h"
+#include "client/packet.h"
 #include "framed_stream.h"
-#include "packet.h"
 #include "protocol/commands.h"
 #include "protocol/disk_records.h"
 #include "protocol/records.h"
@@ -15,8 +15,8 @@ namespace zor::bench {
 
 namespace {
 
-using remote::kHeaderSize;
-using remote::PacketHeader;
+using client::kHeaderSize;
+using client::PacketHeader;
 using wire::Bytes;
 using wire::Command;
 
@@ -30,7 +30,7 @@ struct PacketFormat {
   }
   static std::size_t length(const std::byte* head) {
     const PacketHeader packet = header({head, kHeadSize});
-    if (packet.magic != remote::kPacketMagic || packet.length < kHeadSize ||
+    if (packet.magic != client::kPacketMagic || packet.length < kHeadSize ||
         packet.length > wire::kMaxPacketLength) {
       throw std::runtime_error("the host sent something else than packets");
     }
@@ -101,7 +101,7 @@ class UdiskSide final : public Side {
                std::size_t behind = 0) {
     const std::size_t size = kHeaderSize + wire::wireSize<Record>() + path.size();
     std::byte* at = mStream.add(size);
-    at = wire::encodeAt(at, PacketHeader{remote::kPacketMagic,
+    at = wire::encodeAt(at, PacketHeader{client::kPacketMagic,
                                          mDevId,
                                          wire::code(command),
                                          id,
@@ -344,7 +344,7 @@ class UdiskSide final : public Side {
 
   UniqueFd connect() const {
     for (int i = 0; i < 4000 && mHost.running(); ++i) {
-      auto socket = remote::connectUnix(mSocket, std::chrono::seconds(10));
+      auto socket = client::connectUnix(mSocket, std::chrono::seconds(10));
       if (socket) return std::move(*socket);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }

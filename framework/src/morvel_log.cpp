@@ -15,7 +15,7 @@ namespace {
 std::atomic<int> gLevel{kLogError};
 
 // Two paths of 4,096 bytes, and what is said of them.
-constexpr std::size_t kLongestText = 10'240;
+constexpr std::size_t kMaxText = 10'240;
 
 spdlog::level::level_enum spdlogLevel(int level) noexcept {
   if (level >= kLogError) return spdlog::level::err;
@@ -33,7 +33,7 @@ bool morvelLogEnabled(int level) noexcept {
 void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* format, ...) noexcept {
   if (!morvelLogEnabled(level)) return;
   try {
-    char text[kLongestText + 1];
+    char text[kMaxText + 1];
     std::va_list arguments;
     va_start(arguments, format);
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
@@ -41,7 +41,7 @@ void morvelLogPrint(int /*channel*/, int level, const char* tag, const char* for
     if (length < 0) return;
     // File names come from the disk and from the peer.
     std::string line = "[" + std::string(tag) + "] " + printable(text);
-    if (static_cast<std::size_t>(length) > kLongestText) {
+    if (static_cast<std::size_t>(length) > kMaxText) {
       line += " (cut, " + std::to_string(length) + " bytes)";
     }
     spdlog::default_logger_raw()->log(spdlogLevel(level), line);

@@ -9,13 +9,13 @@
 #include <string>
 #include <utility>
 
+#include "client/durable_link.h"
 #include "drive/drive.h"
-#include "durable_link.h"
 #include "protocol/codec.h"
 #include "protocol/records.h"
 #include "support/served_disk.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 
 /// Passes requests on, except for those that are to fail.
 class AlteringTransport final : public Transport {
@@ -162,4 +162,4 @@ class AlteredDisk : public ::testing::Test {
   std::optional<Drive> mDrive;
 };
 
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

@@ -7,10 +7,10 @@
 
 #include <optional>
 
-#include "durable_link.h"
+#include "client/durable_link.h"
 #include "support/served_disk.h"
 
-namespace zor::remote {
+namespace zor::client {
 namespace {
 
 using namespace std::chrono_literals;
@@ -233,4 +233,4 @@ TEST_F(DriveTest, AHostThatIsGoneForGoodIsAnErrorWithinTheTimeLimit) {
 }
 
 }  // namespace
-}  // namespace zor::remote
+}  // namespace zor::client

@@ -5,7 +5,7 @@
 
 #include "altered_disk.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -142,4 +142,4 @@ TEST_F(DriveErrors, NamesAndFileSystemsThatDoNotFitAreToldAsSuch) {
 }
 
 }  // namespace
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

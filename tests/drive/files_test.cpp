@@ -8,7 +8,7 @@
 
 #include "watched_drive.h"
 
-namespace zor::remote {
+namespace zor::client {
 namespace {
 
 using namespace std::chrono_literals;
@@ -225,4 +225,4 @@ TEST_F(FilesTest, WhatIsNotUsedAnyMoreIsForgottenAndLearntAgain) {
 }
 
 }  // namespace
-}  // namespace zor::remote
+}  // namespace zor::client

@@ -8,7 +8,7 @@
 #include "drive/small_files.h"
 #include "protocol/records.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 using namespace std::chrono_literals;
 
 constexpr std::uint32_t kRead = 128U << 10;
@@ -119,4 +119,4 @@ TEST(ReadWindowTest, FillsALinkAndKeepsItsQueueShort) {
     EXPECT_TRUE(bytes > 27e6 * rate && double(window.size()) < longest * rate * 1e6) << rate;
   }
 }
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

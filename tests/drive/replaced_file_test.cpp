@@ -4,7 +4,7 @@
 
 #include "altered_disk.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -83,4 +83,4 @@ TEST_F(ReplacedFile, IsNotOneThatOnlyGotAnotherNumber) {
 }
 
 }  // namespace
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

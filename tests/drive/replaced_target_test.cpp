@@ -4,7 +4,7 @@
 
 #include "altered_disk.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -81,4 +81,4 @@ const Death kDeaths[] = {
 INSTANTIATE_TEST_SUITE_P(Of, ReplacedTarget, ::testing::ValuesIn(kDeaths));
 
 }  // namespace
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

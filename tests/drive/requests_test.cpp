@@ -6,7 +6,7 @@
 
 #include "watched_drive.h"
 
-namespace zor::remote {
+namespace zor::client {
 namespace {
 
 using namespace std::chrono_literals;
@@ -93,4 +93,4 @@ TEST_F(RequestsTest, ADirectoryThatChangedJustNowIsListedAndAnOldOneChecked) {
 }
 
 }  // namespace
-}  // namespace zor::remote
+}  // namespace zor::client

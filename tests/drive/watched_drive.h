@@ -8,12 +8,12 @@
 #include <optional>
 #include <string>
 
+#include "client/durable_link.h"
 #include "drive/drive.h"
-#include "durable_link.h"
 #include "support/served_disk.h"
 #include "watched_transport.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 
 /// A drive over a real link to a real host, whose requests can be seen, held and failed.
 class WatchedDrive : public ::testing::Test {
@@ -63,4 +63,4 @@ class WatchedDrive : public ::testing::Test {
   std::optional<Drive> mDrive;
 };
 
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

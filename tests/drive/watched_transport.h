@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "transport.h"
+#include "client/transport.h"
 
-namespace zor::remote::test {
+namespace zor::client::test {
 
 class WatchedTransport final : public Transport {
  public:
@@ -97,4 +97,4 @@ class WatchedTransport final : public Transport {
   wire::Command mFailing{};
 };
 
-}  // namespace zor::remote::test
+}  // namespace zor::client::test

@@ -1,4 +1,4 @@
-#include "frame_reader.h"
+#include "host/frame_reader.h"
 
 #include <gtest/gtest.h>
 

@@ -7,20 +7,20 @@
 #include <utility>
 
 #include "driver/wire_text.h"
-#include "remote/host_packets.h"
-#include "remote/temporary_directory.h"
+#include "support/host_packets.h"
 #include "support/process.h"
+#include "support/temporary_directory.h"
 
 namespace host_test {
 
 using namespace std::string_literals;
 using namespace std::chrono_literals;
 
-namespace remote = zor::remote::test;
+namespace client = zor::client::test;
 using zor::test::eventually;
 using zor::test::le;
 
-inline std::string slurp(const std::string& path) { return remote::readFile(path); }
+inline std::string slurp(const std::string& path) { return client::readFile(path); }
 
 inline std::string request(unsigned cmd, std::uint32_t id, const std::string& payload) {
   return "\x27\x01"s + le(cmd, 2) + le(id, 4) + le(16 + payload.size(), 4) + "\0\0\0\0"s + payload;
@@ -52,9 +52,9 @@ struct Remote {
     return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(bytes.size());
   }
-  std::string receiveBytes(std::size_t size) const { return remote::takeBytes(fd, size); }
+  std::string receiveBytes(std::size_t size) const { return client::takeBytes(fd, size); }
   /// The next packet, or what there was of it when the stream ended.
-  std::string receive() const { return remote::takePacket(fd).bytes; }
+  std::string receive() const { return client::takePacket(fd).bytes; }
   bool closedByHost() const {
     char byte;
     const ssize_t got = ::recv(fd, &byte, 1, 0);
@@ -104,7 +104,7 @@ class HostTest : public ::testing::Test {
     return eventually([&] { return logged(text) == count; });
   }
 
-  const remote::TemporaryDirectory mHome;
+  const client::TemporaryDirectory mHome;
   const std::string mDirectory = mHome.path(), mSocket = mDirectory + "/socket",
                     mLog = mDirectory + "/log";
   pid_t mPid = -1;

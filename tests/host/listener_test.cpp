@@ -1,4 +1,4 @@
-#include "listener.h"
+#include "host/listener.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -12,7 +12,7 @@
 #include <optional>
 #include <thread>
 
-#include "remote/temporary_directory.h"
+#include "support/temporary_directory.h"
 
 namespace zor::host {
 namespace {
@@ -39,7 +39,7 @@ class ListenerTest : public ::testing::Test {
     return socket;
   }
 
-  const remote::test::TemporaryDirectory mHome;
+  const client::test::TemporaryDirectory mHome;
   const std::string mDirectory = mHome.path(), mPath = mDirectory + "/socket";
 };
 

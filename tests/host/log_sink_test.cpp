@@ -1,4 +1,4 @@
-#include "log_sink.h"
+#include "host/log_sink.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,9 +1,9 @@
-#include "module_loader.h"
+#include "host/module_loader.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include "remote/temporary_directory.h"
+#include "support/temporary_directory.h"
 
 namespace zor::host {
 namespace {
@@ -12,7 +12,7 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 TEST(DriverModule, RefusesWhatIsNotTheModule) {
-  const remote::test::TemporaryDirectory home;
+  const client::test::TemporaryDirectory home;
   const std::string directory = home.path();
   const std::string fifo = directory + "/fifo.so", text = directory + "/text.so";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);

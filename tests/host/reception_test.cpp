@@ -1,5 +1,5 @@
 // Who reads what a remote sends: this thread plays a driver's data-event thread.
-#include "reception.h"
+#include "host/reception.h"
 
 #include <gtest/gtest.h>
 
@@ -13,15 +13,15 @@
 #include <vector>
 
 #include "driver/wire_text.h"
-#include "remote/host_packets.h"
+#include "support/host_packets.h"
 #include "support/process.h"
 
 namespace zor::host {
 namespace {
 
 using namespace std::chrono_literals;
-using remote::test::sendBytes;
-using remote::test::socketPair;
+using client::test::sendBytes;
+using client::test::socketPair;
 using test::eventually;
 using test::le;
 

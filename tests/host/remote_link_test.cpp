@@ -1,4 +1,4 @@
-#include "remote_link.h"
+#include "host/remote_link.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -10,14 +10,14 @@
 #include <utility>
 #include <vector>
 
-#include "remote/host_packets.h"
+#include "support/host_packets.h"
 #include "zor_wait_listener.h"
 
 namespace zor::host {
 namespace {
 
-using remote::test::socketPair;
-using remote::test::takeBytes;
+using client::test::socketPair;
+using client::test::takeBytes;
 
 TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
   auto [near, far] = socketPair();

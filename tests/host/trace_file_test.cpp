@@ -1,4 +1,4 @@
-#include "trace_file.h"
+#include "host/trace_file.h"
 
 #include <gmock/gmock.h>
 #include <json/json.h>

@@ -6,7 +6,7 @@
 
 #include "mount/options.h"
 
-namespace zor::remote::mount {
+namespace zor::client::mount {
 namespace {
 
 using ::testing::HasSubstr;
@@ -71,4 +71,4 @@ TEST(MountOptions, WrongOnesAreNamed) {
 }
 
 }  // namespace
-}  // namespace zor::remote::mount
+}  // namespace zor::client::mount

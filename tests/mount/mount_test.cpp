@@ -18,8 +18,8 @@ namespace zor::test {
 namespace {
 
 using namespace std::chrono_literals;
-using remote::test::readFile;
-using remote::test::writeFile;
+using client::test::readFile;
+using client::test::writeFile;
 using ::testing::HasSubstr;
 using ::testing::Not;
 

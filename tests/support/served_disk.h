@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "remote/temporary_directory.h"
 #include "support/process.h"
+#include "support/temporary_directory.h"
 
 namespace zor::test {
 
@@ -22,7 +22,7 @@ class ServedDisk {
   ~ServedDisk() {
     stop(SIGTERM);
     if (::testing::Test::HasFailure()) {
-      std::fprintf(stderr, "the host:\n%.4000s\n", remote::test::readFile(log()).c_str());
+      std::fprintf(stderr, "the host:\n%.4000s\n", client::test::readFile(log()).c_str());
     }
   }
 
@@ -37,7 +37,7 @@ class ServedDisk {
     arguments.insert(arguments.end(), more.begin(), more.end());
     mHost = spawn(arguments, "/dev/null", log());
     EXPECT_TRUE(eventually(
-        [this] { return remote::test::readFile(log()).find("serving") != std::string::npos; }));
+        [this] { return client::test::readFile(log()).find("serving") != std::string::npos; }));
   }
   void stop(int signal) {
     if (mHost <= 0) return;
@@ -54,7 +54,7 @@ class ServedDisk {
  private:
   std::string log() const { return mDirectory / "log"; }
 
-  remote::test::TemporaryDirectory mDirectory;
+  client::test::TemporaryDirectory mDirectory;
   pid_t mHost = -1;
 };
 

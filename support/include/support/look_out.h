@@ -38,15 +38,15 @@ class LookOut {
       passed = Clock::now() - begin;
     }
     if (passed > kAtOnce && passed < mMoment) {
-      mTrust = std::min(mTrust + 1, kMostTrust);
-    } else if ((mTrust -= kMostTrust / 2) < 0) {
-      mTrust = -kMostTrust;
+      mTrust = std::min(mTrust + 1, kMaxTrust);
+    } else if ((mTrust -= kMaxTrust / 2) < 0) {
+      mTrust = -kMaxTrust;
     }
     return is;
   }
 
  private:
-  static constexpr int kMostTrust = 16;
+  static constexpr int kMaxTrust = 16;
 
   const std::chrono::microseconds mMoment;
   // No answer and next request go through two processes in so little time.

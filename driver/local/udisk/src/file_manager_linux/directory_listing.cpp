@@ -102,7 +102,7 @@ class EntryLooks {
       : mFiles(files), mDirFd(dirFd), mBuffer(buffer) {}
 
   void run() {
-    std::size_t most = std::min(mBuffer.count() / kWorthAThread, kMostThreads);
+    std::size_t most = std::min(mBuffer.count() / kWorthAThread, kMaxThreads);
     if (most > 1) most = std::min<std::size_t>(most, std::thread::hardware_concurrency());
     std::vector<std::thread> others;
     try {
@@ -116,7 +116,7 @@ class EntryLooks {
   }
 
  private:
-  static constexpr std::size_t kMostThreads = 4;
+  static constexpr std::size_t kMaxThreads = 4;
   static constexpr std::size_t kWorthAThread = 256;
   static constexpr std::size_t kShare = 64;
 

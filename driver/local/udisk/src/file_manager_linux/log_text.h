@@ -23,16 +23,16 @@ class LogText {
   std::string str() const { return {mText, mLength}; }
 
  private:
-  static constexpr std::size_t kMost = 4096;
+  static constexpr std::size_t kMaxSize = 4096;
 
   void add(std::string_view text) noexcept {
-    text = text.substr(0, kMost - mLength);
+    text = text.substr(0, kMaxSize - mLength);
     if (!text.empty()) std::memcpy(mText + mLength, text.data(), text.size());
     mLength += text.size();
   }
 
   std::size_t mLength = 0;
-  char mText[kMost + 1];  // deliberately not initialised
+  char mText[kMaxSize + 1];  // deliberately not initialised
 };
 
 }  // namespace zor

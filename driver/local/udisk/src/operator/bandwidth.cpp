@@ -32,7 +32,7 @@ int UDiskOperator::BusEventHandle(std::shared_ptr<ZorPacket> packet) {
                  static_cast<int>(announced));
     mBandwidthTraceTime = mBandwidthCheckTime;
   }
-  mBandwidth = announced == 0 ? 0 : std::max(announced, kLeastBandwidth);
+  mBandwidth = announced == 0 ? 0 : std::max(announced, kMinBandwidth);
   return 0;
 }
 

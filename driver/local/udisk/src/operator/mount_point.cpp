@@ -13,7 +13,7 @@ namespace {
 
 // An open mount point keeps the disk from being unmounted and hides that it is
 // gone: both only for as long as nobody notices.
-constexpr auto kLongestHold = std::chrono::milliseconds(2);
+constexpr auto kMaxHold = std::chrono::milliseconds(2);
 
 }  // namespace
 
@@ -102,7 +102,7 @@ DiskRoot UDiskOperator::openMountPoint() {
 }
 
 bool UDiskOperator::diskIsFresh() {
-  if (std::chrono::steady_clock::now() - mDiskOpened > kLongestHold) return false;
+  if (std::chrono::steady_clock::now() - mDiskOpened > kMaxHold) return false;
   const std::lock_guard lock(mMountMutex);
   return mDiskGeneration == mMountGeneration;
 }

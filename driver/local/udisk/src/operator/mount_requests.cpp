@@ -18,7 +18,7 @@
 namespace zor {
 namespace {
 
-constexpr std::size_t kMostPasswordEntry = std::size_t{1} << 20;
+constexpr std::size_t kMaxPasswordEntry = std::size_t{1} << 20;
 
 // One plain component; anything else could create a directory elsewhere.
 bool isPlainName(const PeerString& name) noexcept {
@@ -33,7 +33,7 @@ std::string lookUpHome(uid_t user) {
   passwd entry{};
   passwd* found = nullptr;
   while (::getpwuid_r(user, &entry, memory.data(), memory.size(), &found) == ERANGE &&
-         memory.size() < kMostPasswordEntry) {
+         memory.size() < kMaxPasswordEntry) {
     memory.resize(memory.size() * 2);  // the hint is no limit
   }
   return found != nullptr && found->pw_dir != nullptr ? found->pw_dir : "";

@@ -11,7 +11,7 @@ namespace zor {
 /// A bandwidth announced this long ago (in ms) or longer no longer counts.
 inline constexpr std::int64_t kBandwidthLifetimeMs = 5001;
 /// Announcements from 1 to this value (kilobits per second) count as this value.
-inline constexpr std::uint32_t kLeastBandwidth = 1000;
+inline constexpr std::uint32_t kMinBandwidth = 1000;
 
 struct RatePeriod {
   std::int64_t lengthMs;

@@ -1,0 +1,41 @@
+#include "cli/command.h"
+
+#include <sys/stat.h>
+
+#include "cli/text.h"
+
+namespace zor::client::cli {
+
+bool report(Context& context, std::string_view what, std::string_view path, const Error& error) {
+  std::string text("cannot ");
+  text.append(what).append(" '").append(path).append("': ").append(error.message);
+  context.console.message(text);
+  return false;
+}
+
+bool isDirectory(Context& context, const std::string& path) {
+  const Result<udisk_stat> found = context.disk.attributes(path);
+  if (!found) return false;
+  return S_ISDIR(found->st_mode) || (S_ISLNK(found->st_mode) && context.disk.list(path).ok());
+}
+
+bool forEach(Context& context, const std::vector<std::string>& paths, std::string_view what,
+             const std::function<Status(const std::string&)>& act) {
+  std::size_t done = 0;
+  for (const std::string& path : paths) {
+    const Status status = act(path);
+    if (status) {
+      ++done;
+    } else {
+      report(context, what, path, status.error());
+      if (isFatal(status.error())) break;
+    }
+  }
+  if (done < paths.size() && paths.size() > 1) {
+    context.console.message("done with " + std::to_string(done) + " of " +
+                            counted(paths.size(), "name"));
+  }
+  return done == paths.size();
+}
+
+}  // namespace zor::client::cli

@@ -1,0 +1,99 @@
+// mkdir, mv, ln
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <vector>
+
+#include "cli/command.h"
+#include "client/exchange.h"
+
+namespace zor::client::cli {
+
+namespace {
+
+using exchange::refused;
+
+Status makeDirectory(Context& context, const std::string& path, std::uint16_t mode, bool parents) {
+  if (path.find('\\') != std::string::npos) {
+    return refused("the host takes a backslash in a directory's name for a separator");
+  }
+  if (!parents) {
+    // The host would make what is missing above, and accept what exists.
+    const Result<udisk_stat> existing = context.disk.attributes(path);
+    if (existing) return refused("it exists already");
+    if (existing.error().kind != ErrorKind::kFailed) return existing.error();
+    if (!isDirectory(context, parentPath(path))) {
+      return refused("the directory above it does not exist; use -p to make it, too");
+    }
+  }
+  return context.disk.makeDir(path, mode);
+}
+
+/// Renames or links: the last path is the new name, or the directory for it.
+bool runTwoPaths(Context& context, std::vector<std::string> paths, std::string_view what,
+                 Status (Disk::*operation)(std::string_view, std::string_view)) {
+  const std::string destination = normalPath(paths.back());
+  paths.pop_back();
+  for (std::string& path : paths) path = normalPath(path);
+  const bool into = isDirectory(context, destination);
+  if (!into && paths.size() > 1) {
+    context.console.message("'" + destination + "' must be a directory to take several names");
+    return false;
+  }
+  return forEach(context, paths, what, [&](const std::string& path) -> Status {
+    if (path == "/") return refused("it is the whole disk");
+    return (context.disk.*operation)(path,
+                                     into ? joinPath(destination, baseName(path)) : destination);
+  });
+}
+
+}  // namespace
+
+void addNames(CLI::App& app, Command& chosen) {
+  struct MakeOptions {
+    bool parents = false;
+    std::vector<std::string> paths;
+  };
+  auto make = std::make_shared<MakeOptions>();
+  CLI::App* command = app.add_subcommand("mkdir", "Makes directories");
+  command->add_flag("-p,--parents", make->parents,
+                    "make directories above, too; existing ones are no error");
+  command->add_option("PATH", make->paths, "what to make")->required();
+  command->callback([make, &chosen] {
+    chosen = {[make](Context& context) {
+                const mode_t mask = ::umask(0);
+                ::umask(mask);
+                for (std::string& path : make->paths) path = normalPath(path);
+                return forEach(context, make->paths, "make", [&](const std::string& path) {
+                  return makeDirectory(context, path, static_cast<std::uint16_t>(0777U & ~mask),
+                                       make->parents);
+                });
+              },
+              true};
+  });
+
+  auto moved = std::make_shared<std::vector<std::string>>();
+  command = app.add_subcommand("mv", "Renames files and directories");
+  command->add_option("SRC DEST", *moved, "what to rename, and last the new name or directory")
+      ->required()
+      ->expected(2, -1);
+  command->callback([moved, &chosen] {
+    chosen = {
+        [moved](Context& context) { return runTwoPaths(context, *moved, "move", &Disk::rename); },
+        true};
+  });
+
+  auto linked = std::make_shared<std::vector<std::string>>();
+  command = app.add_subcommand("ln", "Gives files another name (a hard link)");
+  command->add_option("SRC DEST", *linked, "the file, and last its other name or directory")
+      ->required()
+      ->expected(2, -1);
+  command->callback([linked, &chosen] {
+    chosen = {
+        [linked](Context& context) { return runTwoPaths(context, *linked, "link", &Disk::link); },
+        true};
+  });
+}
+
+}  // namespace zor::client::cli

@@ -1,0 +1,36 @@
+// Telling the host how fast this side can take data.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+#include "client/link.h"
+
+namespace zor::client {
+
+/// Announces the bandwidth at once and then every `period`: hosts forget an
+/// announcement that is older than five seconds.
+class BandwidthAnnouncer {
+ public:
+  BandwidthAnnouncer(Link& link, std::uint32_t kbit,
+                     std::chrono::milliseconds period = std::chrono::seconds(1));
+  ~BandwidthAnnouncer();
+
+  BandwidthAnnouncer(const BandwidthAnnouncer&) = delete;
+  BandwidthAnnouncer& operator=(const BandwidthAnnouncer&) = delete;
+
+ private:
+  void run(std::chrono::milliseconds period);
+
+  Link& mLink;
+  const std::uint32_t mKbit;
+  std::mutex mMutex;
+  std::condition_variable mWakeup;
+  bool mStop = false;
+  std::thread mThread;
+};
+
+}  // namespace zor::client

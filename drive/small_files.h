@@ -1,0 +1,60 @@
+// Fetching the small files of a directory together when a program walks through
+// them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "client/disk.h"
+#include "drive/directory_snapshot.h"
+#include "drive/read_counters.h"
+#include "drive/read_window.h"
+
+namespace zor::client {
+
+/// The whole contents of a file.
+struct SmallFile {
+  std::shared_ptr<const void> memory;  ///< keeps `contents` alive
+  wire::Bytes contents;
+};
+
+inline constexpr std::int64_t kMaxSmallFile = 64 << 10;
+
+/// A bounded cache of files that are likely to be read next. Each is used at
+/// most once and only while size and times are those that it was fetched for.
+/// Walks are recognised in the order of the names and in the order of the inode
+/// numbers, in which some programs open files.
+///
+/// For hosts that serve batches. All members may be called from any thread but
+/// the transport's. Disk, window and counters must outlive the last answer;
+/// this object need not.
+class SmallFiles {
+ public:
+  SmallFiles(Disk& disk, ReadWindow& window, ReadCounters& counters);
+
+  /// Forgets what is in flight. No `get` may be waiting.
+  ~SmallFiles();
+
+  SmallFiles(const SmallFiles&) = delete;
+  SmallFiles& operator=(const SmallFiles&) = delete;
+
+  /// The contents of `name` in the directory `dirPath` (a normal path), or
+  /// nothing: the file is to be read in the ordinary way. May wait for an
+  /// answer. To be called once for each opening of a file, when a program begins to
+  /// read it at its start. `now` are the attributes as they are known now, which
+  /// the listing may not show yet.
+  std::shared_ptr<const SmallFile> get(const std::string& dirPath, const DirectorySnapshot& listing,
+                                       std::string_view name, const udisk_stat& now);
+
+  /// Drops what is known of a file or directory and of everything below it.
+  void forget(std::string_view path);
+
+  void clear();
+
+ private:
+  class State;
+  std::shared_ptr<State> mState;
+};
+
+}  // namespace zor::client

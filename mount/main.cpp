@@ -1,0 +1,16 @@
+// udisk-mount: the disk that a host serves as a drive.
+#include <exception>
+
+#include "mount/messages.h"
+#include "mount/program.h"
+#include "support/standard_descriptors.h"
+
+int main(int argc, char** argv) {
+  zor::fillStandardDescriptors();
+  try {
+    return zor::client::mount::runProgram(argc, argv);
+  } catch (const std::exception& error) {
+    zor::client::mount::report(error.what());
+    return 1;
+  }
+}

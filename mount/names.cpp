@@ -1,0 +1,200 @@
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "mount/operations.h"
+
+namespace zor::client::mount {
+namespace {
+
+// Owner and permissions first: a length set on a file that is being made
+// private must not be seen by others.
+Outcome<Unit> change(Context& context, NodeId node, const struct stat& wanted, int which) {
+  Drive& drive = context.drive();
+  const Presentation& shown = context.presentation();
+  if ((which & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0) {
+    const auto uid =
+        idToSet((which & FUSE_SET_ATTR_UID) != 0 ? wanted.st_uid : kSameId, shown.uid, shown.quiet);
+    if (!uid) return uid.error();
+    const auto gid =
+        idToSet((which & FUSE_SET_ATTR_GID) != 0 ? wanted.st_gid : kSameId, shown.gid, shown.quiet);
+    if (!gid) return gid.error();
+    if (*uid != kSameId || *gid != kSameId) {
+      if (auto done = drive.setOwner(node, *uid, *gid); !done) return done;
+    }
+  }
+  if ((which & FUSE_SET_ATTR_MODE) != 0) {
+    if (auto done = drive.setMode(node, wanted.st_mode); !done) return done;
+  }
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) {
+    if (wanted.st_size < 0) return Errno{EINVAL};
+    if (auto done = drive.setLength(node, static_cast<std::uint64_t>(wanted.st_size)); !done) {
+      return done;
+    }
+  }
+  // A truncation comes with times that it sets by itself.
+  constexpr int kTimes = FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME;
+  constexpr int kNow = FUSE_SET_ATTR_ATIME_NOW | FUSE_SET_ATTR_MTIME_NOW;
+  if ((which & (kTimes | kNow)) != 0 && (which & FUSE_SET_ATTR_SIZE) == 0) {
+    const bool now =
+        ((which & FUSE_SET_ATTR_ATIME) == 0 || (which & FUSE_SET_ATTR_ATIME_NOW) != 0) &&
+        ((which & FUSE_SET_ATTR_MTIME) == 0 || (which & FUSE_SET_ATTR_MTIME_NOW) != 0);
+    if (auto done = drive.setTimes(node, now); !done) return done;
+  }
+  return Unit{};
+}
+
+}  // namespace
+
+fuse_entry_param toEntry(const NodeEntry& entry, const Presentation& shown) {
+  fuse_entry_param result{};
+  result.ino = entry.node;
+  if (entry.node != 0) result.attr = toStat(entry.attributes, entry.node, shown);
+  result.attr_timeout = result.entry_timeout = toSeconds(entry.validFor);
+  return result;
+}
+
+void replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry) {
+  if (!entry) {
+    fuse_reply_err(request, entry.error().value);
+    return;
+  }
+  Context& context = contextOf(request);
+  const fuse_entry_param reply = toEntry(*entry, context.presentation());
+  if (fuse_reply_entry(request, &reply) == -ENOENT && entry->node != 0) {
+    context.drive().forget(entry->node, 1);
+  }
+}
+
+void handleLookup(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  if (isTooLong(name)) {
+    fuse_reply_err(request, ENAMETOOLONG);
+    return;
+  }
+  replyEntry(request, contextOf(request).drive().lookup(directory, name));
+}
+
+void handleForget(fuse_req_t request, fuse_ino_t node, std::uint64_t references) {
+  contextOf(request).drive().forget(node, references);
+  fuse_reply_none(request);
+}
+
+void handleForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* nodes) {
+  Drive& drive = contextOf(request).drive();
+  for (std::size_t i = 0; i < count; ++i) drive.forget(nodes[i].ino, nodes[i].nlookup);
+  fuse_reply_none(request);
+}
+
+namespace {
+
+void replyAttributes(fuse_req_t request, fuse_ino_t node, bool asOfNow) {
+  Context& context = contextOf(request);
+  const auto found = context.drive().attributes(node, asOfNow);
+  if (!found) {
+    fuse_reply_err(request, found.error().value);
+    return;
+  }
+  const struct stat reply = toStat(found->attributes, node, context.presentation());
+  fuse_reply_attr(request, &reply, toSeconds(found->validFor));
+}
+
+}  // namespace
+
+// With an open file, the kernel asks by itself: for its length, before it reads. A
+// program that asks wants to know what is on the disk.
+void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
+  replyAttributes(request, node, info == nullptr);
+}
+
+void handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                         fuse_file_info*) {
+  const auto done = change(contextOf(request), node, *wanted, which);
+  if (done) {
+    replyAttributes(request, node, false);
+  } else {
+    fuse_reply_err(request, done.error().value);
+  }
+}
+
+// Not EINVAL, which would say that it is no link.
+void handleReadLink(fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, EOPNOTSUPP); }
+
+void handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
+                    dev_t) {
+  if (!S_ISREG(mode)) {
+    fuse_reply_err(request, EPERM);
+    return;
+  }
+  if (isTooLong(name)) {
+    fuse_reply_err(request, ENAMETOOLONG);
+    return;
+  }
+  Drive& drive = contextOf(request).drive();
+  const auto created = drive.create(directory, name, mode, O_CREAT | O_EXCL | O_WRONLY);
+  if (!created) {
+    fuse_reply_err(request, created.error().value);
+    return;
+  }
+  const auto made = drive.flush(*created->open.file);
+  drive.release(*created->open.file);
+  if (!made) {
+    drive.forget(created->entry.node, 1);
+    fuse_reply_err(request, made.error().value);
+    return;
+  }
+  replyEntry(request, created->entry);
+}
+
+void handleMakeDirectory(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode) {
+  if (isTooLong(name)) {
+    fuse_reply_err(request, ENAMETOOLONG);
+    return;
+  }
+  replyEntry(request, contextOf(request).drive().makeDirectory(directory, name, mode));
+}
+
+void handleUnlink(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  replyStatus(request, contextOf(request).drive().unlink(directory, name));
+}
+
+void handleRemoveDirectory(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  replyStatus(request, contextOf(request).drive().removeDirectory(directory, name));
+}
+
+void handleSymlink(fuse_req_t request, const char*, fuse_ino_t, const char*) {
+  fuse_reply_err(request, EPERM);
+}
+
+void handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
+                  const char* newName, unsigned flags) {
+  if (isTooLong(newName)) {
+    fuse_reply_err(request, ENAMETOOLONG);
+    return;
+  }
+  replyStatus(request, contextOf(request).drive().rename(from, name, to, newName, flags));
+}
+
+void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name) {
+  if (isTooLong(name)) {
+    fuse_reply_err(request, ENAMETOOLONG);
+    return;
+  }
+  Context& context = contextOf(request);
+  const auto linked = context.drive().link(node, directory, name);
+  // What the kernel knows of the old name was told while it was the only one,
+  // and would count although the new one may be used for changes.
+  if (linked) context.forgetAttributes(node);
+  replyEntry(request, linked);
+}
+
+void handleStatistics(fuse_req_t request, fuse_ino_t) {
+  const auto found = contextOf(request).drive().statistics();
+  if (!found) {
+    fuse_reply_err(request, found.error().value);
+    return;
+  }
+  const struct statvfs reply = toStatvfs(*found);
+  fuse_reply_statfs(request, &reply);
+}
+
+}  // namespace zor::client::mount
