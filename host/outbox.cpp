@@ -45,7 +45,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
   const auto room = [&] { return mEnded || !mWriting || mWaitingBytes + charge <= kMaxWaiting; };
   if (!room()) {
     lock.unlock();
-    tellAboutToWait();
+    notifyAboutToWait();
     lock.lock();
     mRoom.wait(lock, room);
   }
@@ -141,7 +141,7 @@ bool Outbox::writeParts(iovec* parts, std::size_t count) noexcept {
     const ssize_t sent = ::sendmsg(mSocket, &message, flags);
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0 && errno == EAGAIN && (flags & MSG_DONTWAIT) != 0) {
-      tellAboutToWait();
+      notifyAboutToWait();
       flags = MSG_NOSIGNAL;
       continue;
     }

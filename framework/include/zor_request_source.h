@@ -1,24 +1,24 @@
-// Asking for requests instead of being woken for them.
+// Leader/follower hand-off of the reader role: a driver polls for requests instead of being woken.
 #pragma once
 
 namespace zor {
 
 class ZorDevice;
 
-/// What a framework may offer beside a device. A driver's data-event
-/// thread that has served all it knows of can then look by itself whether more has
-/// arrived, which saves a thread that does so for it, and being woken by that.
-/// Nothing depends on it: requests that nobody asks for arrive all the same.
+/// What a framework may offer beside a device: the reader role (leader/follower). A driver's
+/// data-event thread that has served its queue takes the role and polls for more requests
+/// by itself. That saves a second thread that reads for it, and the wake-up by that thread.
+/// The role is optional: requests arrive at the driver's intake without it, too.
 ///
-/// Both operations belong to the data-event thread and hand what has arrived to the
+/// Both operations belong to the data-event thread and pass what has arrived to the
 /// driver's intake, on the calling thread.
 class RequestSource {
  public:
-  /// Does not wait.
+  /// Does not block.
   virtual void poll() noexcept = 0;
 
-  /// Waits for a moment if need be. False when the caller should no longer ask,
-  /// but wait for its intake to be called.
+  /// Blocks for a moment if need be. False when the reader role was handed back: the caller
+  /// no longer polls, but waits for its intake to be called.
   virtual bool await() noexcept = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// Letting go of things before a thread waits for somebody else.
+// Releasing resources before a thread blocks on its peer.
 #pragma once
 
 namespace zor {
@@ -11,13 +11,13 @@ class WaitListener {
   ~WaitListener() = default;
 };
 
-/// From now on `listener`, or nobody when it is null, is told when the calling
-/// thread is about to wait in the framework, for example for a remote that does
-/// not read. It must outlive the thread, or be taken back before. Optional in a framework
-/// library: without it every call may wait.
+/// Calls `listener`, unless it is null, whenever the calling thread is about to block in the
+/// framework from now on, for example on a client that does not read. It must outlive the
+/// thread, or be replaced before. Optional in a framework library: without it every call
+/// may block.
 [[gnu::weak]] void listenForWaits(WaitListener* listener) noexcept;
 
-/// For the framework and its devices: tells the calling thread's listener, if there is one.
-void tellAboutToWait() noexcept;
+/// For the framework and its devices: calls the calling thread's listener, if there is one.
+void notifyAboutToWait() noexcept;
 
 }  // namespace zor

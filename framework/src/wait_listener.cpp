@@ -9,7 +9,7 @@ thread_local WaitListener* tListener = nullptr;
 
 void listenForWaits(WaitListener* listener) noexcept { tListener = listener; }
 
-void tellAboutToWait() noexcept {
+void notifyAboutToWait() noexcept {
   if (tListener != nullptr) tListener->aboutToWait();
 }
 

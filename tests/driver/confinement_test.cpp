@@ -199,7 +199,7 @@ TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
         put(disk + "/d/inside.txt", "0123456789");
       }
       // By itself, or with others that share what is open: a file from the third time on.
-      std::optional<UDiskOperator::Burst> together;
+      std::optional<UDiskOperator::RequestBatch> together;
       if (++turns % 2 == 0) together.emplace(op);
       for (const Probe* probe : mRequests) {
         if (probe->cmd < 102) continue;  // would take the mount point away

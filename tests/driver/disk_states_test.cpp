@@ -126,7 +126,7 @@ TEST_F(DiskStateTest, ADeviceIsNotTakenForTheFileInWhosePlaceItIsPut) {
       }
     });
     for (int round = 0; round < 3000; ++round) {
-      std::optional<UDiskOperator::Burst> together;
+      std::optional<UDiskOperator::RequestBatch> together;
       if (round % 2 == 0) together.emplace(op);
       for (const Probe& probe : kProbes) {
         for (const int cmd : {103, 105, 106, 109, 110, 123}) {

@@ -108,7 +108,7 @@ TEST_F(DriverTest, AsksADeviceThatCanBeAsked) {
 TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
   struct WaitingDevice : RecordingDevice {
     int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override {
-      tellAboutToWait();
+      notifyAboutToWait();
       for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         if (fs::read_symlink(entry, gone).string().find(disk) == 0) ++open;
@@ -134,7 +134,7 @@ TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
   EXPECT_EQ(waiting.open, 0);
 }
 
-// What is open for one request of a burst must be right for the next one, and
+// What is open for one request of a batch must be right for the next one, and
 // must not be closed while it is in use.
 TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {
   auto served = open();
@@ -146,7 +146,7 @@ TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {
     return requestOf(118, le(0, 4) + le(from.size(), 2) + le(to.size(), 2) + from + to, 200);
   };
   {
-    const UDiskOperator::Burst burst(*served);
+    const UDiskOperator::RequestBatch batch(*served);
     served->EventHandle(attributes("/sub/deep"));
     served->EventHandle(attributes("/empty/none"));
     served->EventHandle(rename("/sub/deep", "/other/deep"));
@@ -177,7 +177,7 @@ TEST_F(DriverTest, AStreamGoesOnInWhatANeighbourPutInItsPlace) {
   };
   put(disk + "/s", "one");
   {
-    const UDiskOperator::Burst burst(*served);
+    const UDiskOperator::RequestBatch batch(*served);
     for (int i = 0; i < 3; ++i) read(), write("ONE");
     put(disk + "/t", "another");
     fs::rename(disk + "/t", disk + "/s");

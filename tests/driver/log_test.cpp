@@ -69,8 +69,8 @@ TEST_F(DiskTest, ABatchDoesNotGoOnInWhatWasMovedOffTheDisk) {
     ::usleep(3000);  // longer than what was opened may count
   };
   for (const bool together : {false, true}) {
-    std::optional<UDiskOperator::Burst> burst;
-    if (together) burst.emplace(op);
+    std::optional<UDiskOperator::RequestBatch> batch;
+    if (together) batch.emplace(op);
     const std::string block = le(0, 12) + le(4, 4) + le(11, 4) + le(0, 4) + "/moved/file";
     const std::string none = le(0, 12) + le(0, 4) + le(11, 4) + le(0, 4) + "/moved/file";
     EXPECT_EQ(ask(123, le(2, 4) + readOf("/moved/file") + readOf("/moved/file")),

@@ -47,7 +47,7 @@ int FileManagerLinux::UdiskGetFileInformation(char* path, udisk_stat* out) {
 
 int FileManagerLinux::UdiskGetFileInformation(const Location& place, udisk_stat* out) {
   struct stat status {};
-  const int result = place.look(status);
+  const int result = place.lstat(status);
   MORVEL_DEBUG(kLogFrequent, "get_attr stat result: %d", result);
   if (result != 0) {
     MORVEL_ERROR(" lstat failed errno: %s", std::strerror(errno));

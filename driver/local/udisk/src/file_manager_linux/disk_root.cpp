@@ -217,7 +217,7 @@ UniqueFd Location::open(int flags, mode_t mode) const {
   return UniqueFd(retryOnInterrupt([&] { return ::open(mPath, flags | O_CLOEXEC, mode); }));
 }
 
-int Location::look(struct stat& status) const {
+int Location::lstat(struct stat& status) const {
   // Through an open directory it takes one call, but opening one takes two.
   if (confined() && mError == 0 && !mDirectoryOnly &&
       (mRoot->expectsMore() || std::strchr(mPath, '/') == nullptr)) {

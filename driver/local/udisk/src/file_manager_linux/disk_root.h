@@ -189,9 +189,9 @@ class Location {
 
   /// Opens what the place leads to, following symbolic links.
   UniqueFd open(int flags, mode_t mode = 0) const;
-  /// Looks at the place itself: a symbolic link is not followed, unless a
+  /// The attributes of the place itself: a symbolic link is not followed, unless a
   /// trailing slash asks for the directory behind it. 0, or -1 with errno.
-  int look(struct stat& status) const;
+  int lstat(struct stat& status) const;
 
   /// A trailing slash: only a directory will do.
   bool directoryOnly() const noexcept { return mDirectoryOnly; }

@@ -116,7 +116,7 @@ DiskRoot& UDiskOperator::openDisk(const ZorPacket& request) {
     }
     mDisk.emplace(openMountPoint());
     mDiskOpened = std::chrono::steady_clock::now();
-    if (mInBurst) mDisk->expectMore();
+    if (mInBatch) mDisk->expectMore();
     const std::lock_guard lock(mMountMutex);
     if (std::exchange(mDiskTaken, false)) mDiskChanged = 1;
   }

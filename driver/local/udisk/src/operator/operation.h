@@ -16,8 +16,8 @@ struct Operation {
   Handler handler;             ///< null: the command is dropped without an answer
   unsigned char headerLength;  ///< what a reply reserves for its header
   bool changesDisk;            ///< refused on a read-only disk
-  bool stalesStatistics;       ///< its reply makes the cached statistics stale
-  bool turnsPaths;             ///< a path may lead elsewhere afterwards, or nowhere
+  bool invalidatesStatfs;      ///< its reply makes the cached statfs invalid
+  bool invalidatesPaths;       ///< a path may lead elsewhere afterwards, or nowhere
 };
 
 /// The operation of a command code, or null.

@@ -79,24 +79,24 @@ class UDiskOperator : public UdiskOperatorInf {
   /// Serves one request (dispatch.cpp). Never throws.
   void EventHandle(std::unique_ptr<ZorPacket> packet) noexcept;
 
-  /// While one exists, the mount point and the directories that were resolved
-  /// stay open from one request to the next, for a moment at most. Only for
-  /// requests that had all arrived before the first of them is served: then
-  /// each is served from what it would have found at some time since it was sent.
-  class Burst {
+  /// A batch of requests. While it exists, the mount point and the resolved directories
+  /// stay open from one request to the next, for a moment at most. REQUIRES: all of its
+  /// requests arrived before the first of them is served. Then each is served from what
+  /// it would have found at some time since it was sent.
+  class RequestBatch {
    public:
-    explicit Burst(UDiskOperator& op) noexcept : mOperator(op) { mOperator.mInBurst = true; }
-    ~Burst() {
-      mOperator.mInBurst = false;
+    explicit RequestBatch(UDiskOperator& op) noexcept : mOperator(op) { mOperator.mInBatch = true; }
+    ~RequestBatch() {
+      mOperator.mInBatch = false;
       mOperator.closeDisk();
     }
-    Burst(const Burst&) = delete;
-    Burst& operator=(const Burst&) = delete;
+    RequestBatch(const RequestBatch&) = delete;
+    RequestBatch& operator=(const RequestBatch&) = delete;
 
    private:
     UDiskOperator& mOperator;
   };
-  /// Closes what is open of the disk. To be told by the thread of `EventHandle` alone.
+  /// Closes what is open of the disk. For the thread of `EventHandle` alone.
   WaitListener& Waits() noexcept { return mWaits; }
 
   /// Takes in a bandwidth announcement (bandwidth.cpp). Always 0.
@@ -204,7 +204,7 @@ class UDiskOperator : public UdiskOperatorInf {
   std::string mMountDrive;
   std::list<LabelRecord> mStatvfsList;
   std::int32_t mDiskChanged = 0;  ///< data-event thread only, as the next four
-  bool mInBurst = false;
+  bool mInBatch = false;
   std::optional<DiskRoot> mDisk;  ///< the mount point, held open
   std::uint64_t mDiskGeneration = 0;
   std::chrono::steady_clock::time_point mDiskOpened;

@@ -59,16 +59,16 @@ bool UDiskDriver::takeQueue(GQueue& taken) {
   return !mStop;
 }
 
-// Until there is a request, or it is time to wait for the intake to be called.
-void UDiskDriver::lookOut() noexcept {
+// Returns when there is a request, or when it is time to block until the intake is called.
+void UDiskDriver::awaitRequests() noexcept {
   const auto queued = [this] { return mQueued.load(std::memory_order_relaxed) != 0; };
   const auto ready = [&] {
     if (!queued() && mRequests != nullptr) mRequests->poll();
     return queued() || mStop;
   };
-  // What can be had by asking cost nobody a wake-up, and tells nothing of the next time.
+  // A request that the first poll finds cost no wake-up, and predicts nothing.
   if (mRequests != nullptr && ready()) return;
-  if (mLookOut.until(ready) || mRequests == nullptr) return;
+  if (mSpin.spinUntil(ready) || mRequests == nullptr) return;
   while (mRequests->await() && !queued() && !mStop) {
   }
 }
@@ -82,11 +82,11 @@ void UDiskDriver::DataEventHandle() {
     return std::unique_ptr<ZorPacket>(link ? static_cast<ZorPacket*>(link->data) : nullptr);
   };
   for (bool going = true; going;) {
-    if (served) lookOut();
+    if (served) awaitRequests();
     going = takeQueue(taken);
     served = !g_queue_is_empty(&taken);
-    std::optional<UDiskOperator::Burst> burst;
-    if (taken.length > 1) burst.emplace(*mOperator);
+    std::optional<UDiskOperator::RequestBatch> batch;
+    if (taken.length > 1) batch.emplace(*mOperator);
     while (std::unique_ptr<ZorPacket> packet = next()) {
       if (!going || mStop) continue;
       MORVEL_DEBUG(kLogFrequent, "udisk client DataEventHandle\n");

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "support/look_out.h"
+#include "support/adaptive_spin.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
@@ -54,7 +54,7 @@ class UDiskDriver : public ZorRawDriver {
   friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
 
   bool takeQueue(GQueue& taken);
-  void lookOut() noexcept;
+  void awaitRequests() noexcept;
   void storePolicy(const char* policy) noexcept;
   void stopServing();
   void stopDataThread();
@@ -62,8 +62,8 @@ class UDiskDriver : public ZorRawDriver {
 
   std::shared_ptr<UDiskOperator> mOperator;
   GQueue* mQueue = nullptr;             ///< owned ZorPacket* in links of ours; guarded by mMutex
-  std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for a look without the lock
-  LookOut mLookOut{std::chrono::microseconds(100)};  ///< data-event thread only
+  std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for checks without the lock
+  AdaptiveSpin mSpin{std::chrono::microseconds(100)};  ///< data-event thread only
   std::condition_variable mCond;
   std::mutex mMutex;
   std::atomic<bool> mStop{false};
