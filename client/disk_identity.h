@@ -21,8 +21,8 @@ struct DiskIdentity {
 
 /// FAT and exFAT: no inodes are counted, and names are longer than elsewhere (or
 /// shorter). Inode numbers are made up, anew when the host has forgotten a file.
-inline bool isFat(const udisk_statvfs& statistics) {
-  return statistics.f_files == 0 && statistics.f_namemax != 255;
+inline bool isFat(const udisk_statvfs& sizes) {
+  return sizes.f_files == 0 && sizes.f_namemax != 255;
 }
 
 /// Asks for it with one round trip. ErrorKind::kFailed: the disk cannot be read.

@@ -12,11 +12,11 @@ namespace zor::client {
 
 namespace {
 
-Request duplicate(const Request& request) {
+OutgoingRequest duplicate(const OutgoingRequest& request) {
   return {request.command, Buffer(request.payload.bytes()), request.data};
 }
 
-std::uint64_t sizeOf(const Request& request) {
+std::uint64_t sizeOf(const OutgoingRequest& request) {
   return std::uint64_t{request.payload.size()} + (request.data ? request.data->size() : 0);
 }
 
@@ -104,11 +104,11 @@ ConnectionOptions DurableLink::connectionOptions() {
   return options;
 }
 
-void DurableLink::submit(Request request, Completion done) {
+void DurableLink::submit(OutgoingRequest request, Completion done) {
   keep(std::move(request), std::move(done), std::nullopt);
 }
 
-void DurableLink::submitFenced(Request request, Completion done, Request fence) {
+void DurableLink::submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) {
   keep(std::move(request), std::move(done), std::move(fence));
 }
 
@@ -119,7 +119,8 @@ void DurableLink::post(std::function<void()> task) {
   mWork.notify_one();
 }
 
-void DurableLink::keep(Request request, Completion done, std::optional<Request> fence) {
+void DurableLink::keep(OutgoingRequest request, Completion done,
+                       std::optional<OutgoingRequest> fence) {
   const std::lock_guard lock(mMutex);
   if (mExpired) {
     mTasks.push_back([done = std::move(done), reason = mReason] {
@@ -134,11 +135,11 @@ void DurableLink::keep(Request request, Completion done, std::optional<Request> 
 
 void DurableLink::handOver(Queue::iterator kept) {
   const std::uint64_t fenceSize = kept->fence ? sizeOf(*kept->fence) : 0;
-  mStatistics.sent(kept->request.command, sizeOf(kept->request) + fenceSize, kept->sent,
-                   mInFlight == 0);
+  mMetrics.sent(kept->request.command, sizeOf(kept->request) + fenceSize, kept->sent,
+                mInFlight == 0);
   kept->sent = true;
   ++mInFlight;
-  Completion done = [this, kept](Result<Reply> reply) { complete(kept, std::move(reply)); };
+  Completion done = [this, kept](Result<ReplyPayload> reply) { complete(kept, std::move(reply)); };
   if (kept->fence) {
     mLink->submitFenced(duplicate(kept->request), std::move(done), duplicate(*kept->fence));
   } else {
@@ -146,7 +147,7 @@ void DurableLink::handOver(Queue::iterator kept) {
   }
 }
 
-void DurableLink::complete(Queue::iterator kept, Result<Reply> reply) {
+void DurableLink::complete(Queue::iterator kept, Result<ReplyPayload> reply) {
   Queue finished;
   {
     const std::lock_guard lock(mMutex);
@@ -154,7 +155,7 @@ void DurableLink::complete(Queue::iterator kept, Result<Reply> reply) {
     const wire::Command command = kept->request.command;
     if (reply || reply.error().kind != ErrorKind::kLinkLost) {
       mProgress = true;
-      mStatistics.received(command, reply ? reply->size() : 0);
+      mMetrics.received(command, reply ? reply->size() : 0);
     } else {
       // Learnt here before onBroken, so that what comes now waits instead.
       noteLoss(reply.error());

@@ -16,7 +16,7 @@
 
 #include "client/connection.h"
 #include "client/disk_identity.h"
-#include "client/statistics.h"
+#include "client/metrics.h"
 #include "client/transport.h"
 
 namespace zor::client {
@@ -67,14 +67,14 @@ class DurableLink final : public Transport {
   /// Whether the host of the last connection serves batches of small files.
   bool servesSmallFiles() const { return mSmallFiles.load(std::memory_order_relaxed); }
 
-  Statistics& statistics() noexcept { return mStatistics; }
+  Metrics& metrics() noexcept { return mMetrics; }
 
   /// Fails everything in flight and all that comes later, without waiting for the host, and
   /// connects no more. From any thread; does not wait for the completions.
   void giveUp();
 
-  void submit(Request request, Completion done) override;
-  void submitFenced(Request request, Completion done, Request fence) override;
+  void submit(OutgoingRequest request, Completion done) override;
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override;
   void post(std::function<void()> task) override;
 
  private:
@@ -82,8 +82,8 @@ class DurableLink final : public Transport {
   using Lock = std::unique_lock<std::mutex>;
 
   struct Kept {
-    Request request;
-    std::optional<Request> fence;
+    OutgoingRequest request;
+    std::optional<OutgoingRequest> fence;
     Completion done;
     bool sent = false;  ///< handed to a link at least once
   };
@@ -101,9 +101,9 @@ class DurableLink final : public Transport {
   // durable_link.cpp
   Status connectFirst();
   ConnectionOptions connectionOptions();
-  void keep(Request request, Completion done, std::optional<Request> fence);
+  void keep(OutgoingRequest request, Completion done, std::optional<OutgoingRequest> fence);
   void handOver(Queue::iterator kept);
-  void complete(Queue::iterator kept, Result<Reply> reply);
+  void complete(Queue::iterator kept, Result<ReplyPayload> reply);
   void onBroken(const Error& error);
   void noteLoss(const Error& error);
 
@@ -129,7 +129,7 @@ class DurableLink final : public Transport {
   Announcement mAnnouncement;
   DiskIdentity mIdentity;
   std::atomic<bool> mSmallFiles{false};
-  Statistics mStatistics;
+  Metrics mMetrics;
 
   std::mutex mMutex;  ///< taken before the link's own
   std::condition_variable mWork;

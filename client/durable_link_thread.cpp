@@ -130,7 +130,7 @@ void DurableLink::activate(Lock& lock) {
   mProgress = mQueue.empty();
   mLink = &mConnection->link();
   mSmallFiles = mLink->servesSmallFiles();
-  mStatistics.reconnected();
+  mMetrics.reconnected();
   for (auto& task : mTasks) mLink->post(std::move(task));
   mTasks.clear();
   for (auto kept = mQueue.begin(); kept != mQueue.end();) {

@@ -69,14 +69,14 @@ bool Link::turnedAway() const {
   return mTurnedAway;
 }
 
-void Link::submit(Request request, Completion done) {
+void Link::submit(OutgoingRequest request, Completion done) {
   const std::lock_guard lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
   flush();
 }
 
-void Link::submitFenced(Request request, Completion done, Request fence) {
+void Link::submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) {
   const std::lock_guard lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
@@ -90,14 +90,14 @@ void Link::post(std::function<void()> task) {
   wake();
 }
 
-void Link::notify(Request request) {
+void Link::notify(OutgoingRequest request) {
   const std::lock_guard lock(mMutex);
   if (mBroken || !mAnnouncement) return;
   enqueue(std::move(request));
   flush();
 }
 
-std::uint32_t Link::enqueue(Request request) {
+std::uint32_t Link::enqueue(OutgoingRequest request) {
   do {
     ++mLastId;
   } while (mLastId == 0 || mLastId == wire::kAnnouncementRequestId ||
@@ -117,7 +117,7 @@ std::uint32_t Link::enqueue(Request request) {
   return mLastId;
 }
 
-void Link::enqueuePending(Request request, Completion done) {
+void Link::enqueuePending(OutgoingRequest request, Completion done) {
   if (mPending.empty()) mLastAnswer = Clock::now();
   const wire::Command command = request.command;
   const std::uint32_t id = enqueue(std::move(request));

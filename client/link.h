@@ -70,12 +70,12 @@ class Link final : public Transport {
   /// Whether the host closed the connection before it announced a disk.
   bool turnedAway() const;
 
-  void submit(Request request, Completion done) override;
-  void submitFenced(Request request, Completion done, Request fence) override;
+  void submit(OutgoingRequest request, Completion done) override;
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override;
   void post(std::function<void()> task) override;
 
   /// Sends a packet that has no answer; lost without notice on a broken link.
-  void notify(Request request);
+  void notify(OutgoingRequest request);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -98,8 +98,8 @@ class Link final : public Transport {
   static std::string seconds(std::chrono::milliseconds time);
 
   // link.cpp, with mMutex held.
-  std::uint32_t enqueue(Request request);
-  void enqueuePending(Request request, Completion done);
+  std::uint32_t enqueue(OutgoingRequest request);
+  void enqueuePending(OutgoingRequest request, Completion done);
   std::deque<Pending>::iterator requestOf(const PacketHeader& header);
   bool refuse(Completion& done);
   void flush();

@@ -147,7 +147,7 @@ void Link::greet(const PacketHeader& header, const Buffer& payload) {
                                std::string(reinterpret_cast<const char*>(name.data()), name.size()),
                                tail[1] != std::byte{0}};
   const std::string_view drive = std::string_view(mOptions.driveName).substr(0, 0xffff);
-  Request answer{wire::Command::kMountResponse, {}, {}};
+  OutgoingRequest answer{wire::Command::kMountResponse, {}, {}};
   answer.payload = Buffer(wire::encoded(
       wire::MountResponseRecord{record.nameLength, static_cast<std::uint16_t>(drive.size())}));
   answer.payload.append(std::as_bytes(std::span(drive)));

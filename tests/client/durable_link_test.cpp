@@ -105,7 +105,7 @@ TEST_F(DurableLinkTest, SendsAgainInOrderWhatWasNotAnsweredAndMayBeRepeated) {
   EXPECT_EQ(order, "106p1 121p2 119 117p3 ");
   for (Outcome* outcome : {&write, &unlink}) EXPECT_EQ(settled(*outcome), "done");
   EXPECT_THAT(check->get_future().get(), HasSubstr("passed over"));
-  EXPECT_THAT(describe(mLink->statistics().snapshot()),
+  EXPECT_THAT(describe(mLink->metrics().snapshot()),
               AllOf(HasSubstr("write: 1 requests, 4 bytes sent, 4 bytes received, 1 sent again\n"),
                     HasSubstr("\ntotal: 4 requests, 11 bytes sent, 8 bytes received, 2 sent again\n"
                               "round trips: 2\nreconnects: 1\n")));
