@@ -39,7 +39,7 @@ Link::Link(UniqueFd socket, LinkOptions options)
 
 Link::~Link() {
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
     wake();
   }
@@ -47,37 +47,39 @@ Link::~Link() {
 }
 
 Result<Announcement> Link::waitForAnnouncement(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mMutex);
-  mAnnounced.wait_for(lock, limit, [this] { return mAnnouncement || mBroken; });
+  const auto end = Clock::now() + limit;
+  const MutexLock lock(mMutex);
+  while (!mAnnouncement && !mBroken && mAnnounced.waitUntil(mMutex, end)) {
+  }
   if (mAnnouncement) return *mAnnouncement;
   if (mBroken) return *mBroken;
   return lost("the host announced no disk for " + seconds(limit));
 }
 
 bool Link::servesSmallFiles() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mSmallFiles;
 }
 
 bool Link::wentSilent() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mSilent;
 }
 
 bool Link::turnedAway() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mTurnedAway;
 }
 
 void Link::submit(OutgoingRequest request, Completion done) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
   flush();
 }
 
 void Link::submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
   enqueuePending(std::move(fence), nullptr);
@@ -85,13 +87,13 @@ void Link::submitFenced(OutgoingRequest request, Completion done, OutgoingReques
 }
 
 void Link::post(std::function<void()> task) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mTasks.push_back(std::move(task));
   wake();
 }
 
 void Link::notify(OutgoingRequest request) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (mBroken || !mAnnouncement) return;
   enqueue(std::move(request));
   flush();

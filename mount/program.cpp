@@ -119,7 +119,7 @@ int serve(MountOptions& options, Background& background) {
   driveOptions.attributeTimeout = options.attributeTimeout;
   driveOptions.quiet = options.quiet;
   driveOptions.syncOnClose = options.syncOnClose;
-  driveOptions.lastingInodes = link.identity().lastingInodes;
+  driveOptions.lastingInodes = link.identity().lastingInodes();
   driveOptions.smallFiles = link.servesSmallFiles();
   driveOptions.report = [](const std::string& sentence) { report(sentence); };
   driveOptions.lost = [](const std::string& path) { reportLoss(couldNotBeWritten(path)); };
