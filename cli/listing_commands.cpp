@@ -172,7 +172,7 @@ std::uint64_t inBytes(std::uint64_t blocks, std::uint64_t blockSize) {
 }
 
 bool runDf(Context& context, bool human) {
-  Result<udisk_statvfs> found = context.disk.statvfs("/");
+  Result<udisk_statvfs> found = context.disk.statfs("/");
   if (!found) return report(context, "examine", "/", found.error());
   const std::uint64_t usedBlocks =
       found->f_blocks > found->f_bfree ? found->f_blocks - found->f_bfree : 0;

@@ -299,7 +299,7 @@ void Upload::cleanUp() {
 
 /// Hosts give no reasons, but two can be found out.
 void Upload::explainFailure() {
-  const auto found = mContext.disk.statvfs("/");
+  const auto found = mContext.disk.statfs("/");
   if (!found && found.error().kind == ErrorKind::kUnreadable) {
     mContext.console.message(found.error().message);
   } else if (found && found->f_bavail == 0) {

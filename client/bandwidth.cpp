@@ -8,18 +8,20 @@ BandwidthAnnouncer::BandwidthAnnouncer(Link& link, std::uint32_t kbit,
 
 BandwidthAnnouncer::~BandwidthAnnouncer() {
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
   }
-  mWakeup.notify_all();
+  mStopped.notifyAll();
   mThread.join();
 }
 
 void BandwidthAnnouncer::run(std::chrono::milliseconds period) {
-  std::unique_lock lock(mMutex);
+  const MutexLock lock(mMutex);
   while (!mStop) {
     mLink.notify({wire::Command::kBandwidth, Buffer(wire::encoded(mKbit)), {}});
-    mWakeup.wait_for(lock, period, [this] { return mStop; });
+    const auto next = std::chrono::steady_clock::now() + period;
+    while (!mStop && mStopped.waitUntil(mMutex, next)) {
+    }
   }
 }
 

@@ -1,13 +1,12 @@
-// Telling the host how fast this side can take data.
+// Announcing to the host how fast the client can take data.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <thread>
 
 #include "client/link.h"
+#include "support/mutex.h"
 
 namespace zor::client {
 
@@ -27,9 +26,9 @@ class BandwidthAnnouncer {
 
   Link& mLink;
   const std::uint32_t mKbit;
-  std::mutex mMutex;
-  std::condition_variable mWakeup;
-  bool mStop = false;
+  Mutex mMutex;
+  Condition mStopped;
+  bool mStop GUARDED_BY(mMutex) = false;
   std::thread mThread;
 };
 

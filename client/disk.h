@@ -103,8 +103,8 @@ class Disk {
   Result<FilePieces> readSmallFiles(const std::vector<FilePiece>& files);
 
   /// Fails when the disk cannot be reached. Hosts repeat that until the next change.
-  void statvfs(std::string_view path, Callback<udisk_statvfs> done);
-  Result<udisk_statvfs> statvfs(std::string_view path);
+  void statfs(std::string_view path, Callback<udisk_statvfs> done);
+  Result<udisk_statvfs> statfs(std::string_view path);
 
   /// The size of an extended attribute's value; hosts answer 0 for each.
   void xattr(std::string_view path, std::string_view name, Callback<std::uint64_t> done);

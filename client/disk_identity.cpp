@@ -6,15 +6,19 @@
 namespace zor::client {
 
 void queryIdentity(Disk disk, Callback<DiskIdentity> done) {
-  auto root = std::make_shared<Result<udisk_stat>>(Error{});
-  disk.attributes("/", [root](Result<udisk_stat> attributes) { *root = std::move(attributes); });
-  disk.statvfs("/", [root, done = std::move(done)](const Result<udisk_statvfs>& statistics) {
-    if (!*root) return done(root->error());
-    if (!statistics) return done(statistics.error());
-    const bool hasId = statistics->f_fsid != 0;
-    done(DiskIdentity{(*root)->st_ino,
-                      hasId ? statistics->f_fsid : static_cast<std::uint64_t>((*root)->st_dev),
-                      statistics->f_bsize, statistics->f_blocks, !isFat(*statistics)});
+  auto space = std::make_shared<Result<udisk_statvfs>>(Error{});
+  // In this order, so that the query of the root shows that the host passed over the other.
+  disk.statfs("/", [space](const Result<udisk_statvfs>& sizes) { *space = sizes; });
+  disk.attributes("/", [space, done = std::move(done)](const Result<udisk_stat>& root) {
+    if (!root) return done(root.error());
+    DiskIdentity identity{root->st_ino, {}};
+    if (*space) {
+      const udisk_statvfs& sizes = **space;
+      identity.fileSystem = {
+          sizes.f_fsid != 0 ? sizes.f_fsid : static_cast<std::uint64_t>(root->st_dev),
+          sizes.f_bsize, sizes.f_blocks, !isFat(sizes)};
+    }
+    done(identity);
   });
 }
 

@@ -56,15 +56,15 @@ void Disk::checkDir(std::string_view path, const Listing& known, Callback<DirChe
   wire::DirRecord record{};
   record.listingLength = static_cast<std::uint32_t>(known.raw().size());
   record.entryCount = known.rawCount();
-  Request request{Command::kCheckDir, encode(record, strings), {}};
+  OutgoingRequest request{Command::kCheckDir, encode(record, strings), {}};
   if (request.payload.size() + known.raw().size() > wire::kMaxPacketLength - kMaxPathLength) {
     return fail(mTransport, std::move(done), refused("the listing is too long to be compared"));
   }
   request.data = shared(Buffer(known.raw()));
-  Request fence{Command::kFileFlush, encode(wire::HandleRecord{}, strings), {}};
+  OutgoingRequest fence{Command::kFileFlush, encode(wire::HandleRecord{}, strings), {}};
   mTransport.submitFenced(
       std::move(request),
-      [strings, done = std::move(done)](Result<Reply> reply) {
+      [strings, done = std::move(done)](Result<ReplyPayload> reply) {
         if (!reply) {
           if (reply.error().kind != ErrorKind::kUnanswered) return done(std::move(reply.error()));
           return done(DirCheck{});
@@ -76,7 +76,7 @@ void Disk::checkDir(std::string_view path, const Listing& known, Callback<DirChe
       std::move(fence));
 }
 
-void Disk::statvfs(std::string_view path, Callback<udisk_statvfs> done) {
+void Disk::statfs(std::string_view path, Callback<udisk_statvfs> done) {
   ask<udisk_statvfs>(mTransport, Command::kGetStatvfs, wire::StatvfsRecord{}, {std::string(path)},
                      std::move(done),
                      [](Buffer reply, const Strings& sent) -> Result<udisk_statvfs> {
@@ -88,12 +88,12 @@ void Disk::statvfs(std::string_view path, Callback<udisk_statvfs> done) {
                          return badReply();
                        }
                        if (cursor.rest().empty())
-                         return failed("the host has no statistics for this disk");
-                       udisk_statvfs statistics{};
-                       cursor.get(statistics);
+                         return failed("the host does not report the size of this disk");
+                       udisk_statvfs sizes{};
+                       cursor.get(sizes);
                        // What a host fills in when it cannot reach the disk.
-                       if (statistics == udisk_statvfs{}) return unreadable();
-                       return statistics;
+                       if (sizes == udisk_statvfs{}) return unreadable();
+                       return sizes;
                      });
 }
 
@@ -103,7 +103,7 @@ void Disk::xattr(std::string_view path, std::string_view name, Callback<std::uin
     return fail(mTransport, std::move(done), refused("the attribute's name cannot be sent"));
   }
   Strings strings{std::string(path), std::string(name)};
-  Request request{Command::kGetXattr, encode(wire::XattrRecord{}, strings), {}};
+  OutgoingRequest request{Command::kGetXattr, encode(wire::XattrRecord{}, strings), {}};
   mTransport.submit(
       std::move(request),
       decoding<std::uint64_t>(
@@ -145,8 +145,8 @@ Result<DirCheck> Disk::checkDir(std::string_view path, const Listing& known) {
   return await<DirCheck>([&](auto done) { checkDir(path, known, std::move(done)); });
 }
 
-Result<udisk_statvfs> Disk::statvfs(std::string_view path) {
-  return await<udisk_statvfs>([&](auto done) { statvfs(path, std::move(done)); });
+Result<udisk_statvfs> Disk::statfs(std::string_view path) {
+  return await<udisk_statvfs>([&](auto done) { statfs(path, std::move(done)); });
 }
 
 Result<std::uint64_t> Disk::xattr(std::string_view path, std::string_view name) {

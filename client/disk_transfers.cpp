@@ -31,7 +31,7 @@ void submitWrite(Transport& transport, std::string_view path, wire::FileWriteRec
   const std::size_t size = data.size();
   record.file_buf_length = static_cast<std::int32_t>(size);
   Strings strings{std::string(path)};
-  Request request{Command::kFileWrite, encode(record, strings), shared(std::move(data))};
+  OutgoingRequest request{Command::kFileWrite, encode(record, strings), shared(std::move(data))};
   transport.submit(
       std::move(request),
       decoding<Unit>(std::move(done), [strings = std::move(strings), size](Buffer reply) -> Status {
@@ -79,7 +79,7 @@ void Disk::readSmallFiles(const std::vector<FilePiece>& files, Callback<FilePiec
   if (cost > kMaxBatchSize) {
     return fail(mTransport, std::move(done), refused("the batch is too large"));
   }
-  Request request{Command::kSmallFileRead, {}, {}};
+  OutgoingRequest request{Command::kSmallFileRead, {}, {}};
   request.payload =
       Buffer(wire::encoded(wire::SmallFileRecord{static_cast<std::uint32_t>(files.size())}));
   Buffer records;

@@ -3,21 +3,21 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "client/connection.h"
 #include "client/disk_identity.h"
-#include "client/statistics.h"
+#include "client/metrics.h"
 #include "client/transport.h"
+#include "support/mutex.h"
 
 namespace zor::client {
 
@@ -28,23 +28,23 @@ struct DurableLinkOptions {
   /// loss, and how long a host may be silent before the connection counts as
   /// lost. 1 ms to a day.
   std::chrono::milliseconds timeout{30000};
-  /// Takes clauses for people: lost, back, another disk. Called on a thread of
-  /// the transport, beside completions; must not wait for a request.
+  /// Takes clauses for people: lost, back, another disk. Called by `open`, and later on a
+  /// thread of the transport, beside completions; must not wait for a request.
   std::function<void(const std::string&)> report{};
 };
 
-/// Connects again by itself when the connection breaks. What the host had not
-/// answered is then sent again, in its order and before anything newer, so that
-/// callers notice only a delay; except for commands that cannot be repeated (see
-/// command_traits.h), which fail with ErrorKind::kLinkLost when the connection
-/// breaks, and whose callers look at the disk to find out. Such a caller must
-/// not have other changes of the same names in flight: those are repeated
-/// whether or not the host had already removed or renamed their file.
+/// Connects again by itself when the connection breaks, and then repeats the requests that
+/// the host had not answered, in their order and before newer ones: callers notice only a
+/// delay. Commands that are not idempotent (see command_traits.h) fail with
+/// ErrorKind::kLinkLost instead; their callers query the disk to find out whether the host
+/// carried them out. Such a caller must not have other changes of the same names in flight:
+/// these are repeated whether or not the host had already removed or renamed their file.
 ///
-/// A connection over which another disk is announced, or whose disk is another by
-/// its identity, is not used: no request is sent before both were compared. When no connection has
-/// come back after the timeout, or a host has been silent for so long, all requests fail with
-/// ErrorKind::kLinkLost, newer ones at once, until there is one.
+/// A connection that leads to a disk with another name or identity is not used: no request is
+/// sent before both were compared. Where a host does not report all of the identity, what it
+/// reports is compared. When no connection has come back after the timeout, or a host has been
+/// silent for so long, all requests fail with ErrorKind::kLinkLost, newer ones at once, until
+/// there is one.
 class DurableLink final : public Transport {
  public:
   /// Waits for the first connection; fails at once when there is none, and after
@@ -61,100 +61,117 @@ class DurableLink final : public Transport {
   /// Of the first connection.
   const Announcement& announcement() const noexcept { return mAnnouncement; }
 
-  /// The same on all connections.
-  const DiskIdentity& identity() const noexcept { return mIdentity; }
+  /// The same on all connections, as far as it is known.
+  DiskIdentity identity() const;
 
   /// Whether the host of the last connection serves batches of small files.
   bool servesSmallFiles() const { return mSmallFiles.load(std::memory_order_relaxed); }
 
-  Statistics& statistics() noexcept { return mStatistics; }
+  Metrics& metrics() noexcept { return mMetrics; }
 
   /// Fails everything in flight and all that comes later, without waiting for the host, and
   /// connects no more. From any thread; does not wait for the completions.
   void giveUp();
 
-  void submit(Request request, Completion done) override;
-  void submitFenced(Request request, Completion done, Request fence) override;
+  void submit(OutgoingRequest request, Completion done) override;
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override;
   void post(std::function<void()> task) override;
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Lock = std::unique_lock<std::mutex>;
 
-  struct Kept {
-    Request request;
-    std::optional<Request> fence;
+  struct Pending {
+    OutgoingRequest request;
+    std::optional<OutgoingRequest> fence;
     Completion done;
     bool sent = false;  ///< handed to a link at least once
   };
-  using Queue = std::list<Kept>;
+  using Queue = std::list<Pending>;
 
-  enum class Stage {
-    kServing,   ///< the connection is or was in use
-    kPausing,   ///< there is no connection
-    kGreeting,  ///< the host has to announce its disk
-    kProbing,   ///< the disk's identity has been asked for
+  /// The link takes requests and runs completions and tasks; else mThread runs them.
+  struct Serving {
+    Link* link;
+    bool answered;  ///< a loss starts a new time limit
   };
+  /// The connection broke, and mThread has not dropped it yet.
+  struct Lost {
+    bool answered;
+  };
+  /// There is no connection until the next attempt.
+  struct Pausing {
+    Clock::time_point until;
+  };
+  /// The host has to announce its disk.
+  struct Greeting {
+    Clock::time_point end;
+    bool announced = false;
+  };
+  /// The disk's identity has been asked for.
+  struct Identifying {
+    Clock::time_point end;
+    std::optional<Result<DiskIdentity>> answer{};
+  };
+  /// The connection broke before it served.
+  struct Failed {};
+  /// There will be no connection any more.
+  struct Ended {};
+  using State = std::variant<Greeting, Identifying, Failed, Serving, Lost, Pausing, Ended>;
+
+  enum class Closing { kNo, kGivenUp, kDestroyed };
 
   explicit DurableLink(DurableLinkOptions options);
 
   // durable_link.cpp
   Status connectFirst();
+  Result<DiskIdentity> awaitIdentity();
   ConnectionOptions connectionOptions();
-  void keep(Request request, Completion done, std::optional<Request> fence);
-  void handOver(Queue::iterator kept);
-  void complete(Queue::iterator kept, Result<Reply> reply);
+  void enqueue(OutgoingRequest request, Completion done, std::optional<OutgoingRequest> fence);
+  void send(Link& link, Queue::iterator pending) REQUIRES(mMutex);
+  void complete(Queue::iterator pending, Result<ReplyPayload> reply);
   void onBroken(const Error& error);
-  void noteLoss(const Error& error);
+  void noteLoss(const Error& error) REQUIRES(mMutex);
+  void close(Closing closing);
 
-  // durable_link_thread.cpp
+  // durable_link_thread.cpp; these may release the mutex in between.
   void run();
-  void recover(Lock& lock);
-  void advance(Lock& lock);
-  void wait(Lock& lock, Clock::time_point until);
-  void startAttempt(Lock& lock);
-  void probe(Lock& lock);
-  void judgeProbe(Lock& lock);
-  void activate(Lock& lock);
-  void refuse(Lock& lock, const std::string& reason);
-  void giveUpAttempt(Lock& lock);
-  void pause();
-  void expire();
-  void end(Lock& lock);
-  void dropConnection(Lock& lock);
-  void runTasks(Lock& lock);
-  void report(Lock& lock, const std::string& clause);
+  void recover() REQUIRES(mMutex);
+  void advance() REQUIRES(mMutex);
+  void wait(Clock::time_point until) REQUIRES(mMutex);
+  void startAttempt() REQUIRES(mMutex);
+  void identify(Clock::time_point end) REQUIRES(mMutex);
+  void validateIdentity(const Result<DiskIdentity>& identity) REQUIRES(mMutex);
+  void activate() REQUIRES(mMutex);
+  void refuse(const std::string& reason) REQUIRES(mMutex);
+  void endAttempt() REQUIRES(mMutex);
+  void pause() REQUIRES(mMutex);
+  void expire() REQUIRES(mMutex);
+  void end() REQUIRES(mMutex);
+  void dropConnection(State next) REQUIRES(mMutex);
+  void runTasks() REQUIRES(mMutex);
+  void report(const std::string& clause) REQUIRES(mMutex);
 
   const DurableLinkOptions mOptions;
   Announcement mAnnouncement;
-  DiskIdentity mIdentity;
   std::atomic<bool> mSmallFiles{false};
-  Statistics mStatistics;
+  Metrics mMetrics;
 
-  std::mutex mMutex;  ///< taken before the link's own
-  std::condition_variable mWork;
-  bool mStop = false;
-  bool mGivenUp = false;
-  bool mExpired = false;  ///< requests fail at once
-  bool mProgress = true;  ///< a lost connection starts a new time limit
-  bool mBroken = false;   ///< mConnection is
-  bool mAnnounced = false;
-  Queue mQueue;  ///< all without an outcome, in order
-  std::size_t mInFlight = 0;
-  std::vector<std::function<void()>> mTasks;  ///< for mThread; empty while mLink is set
-  Link* mLink = nullptr;  ///< takes requests and runs completions; else mThread runs them
-  Clock::time_point mLostAt;
-  std::string mReason{"the host closed the connection"};  ///< of the last loss
-  std::string mRefusal;                                   ///< the last that was reported since
+  mutable Mutex mMutex;  ///< taken before the link's own
+  Condition mWork;       ///< mThread has something to do
+  State mState GUARDED_BY(mMutex) = Greeting{};
+  Closing mClosing GUARDED_BY(mMutex) = Closing::kNo;
+  /// When waiting requests fail; none: requests fail at once.
+  std::optional<Clock::time_point> mDeadline GUARDED_BY(mMutex);
+  DiskIdentity mIdentity GUARDED_BY(mMutex);
+  Queue mQueue GUARDED_BY(mMutex);  ///< all without an outcome, in order
+  std::size_t mInFlight GUARDED_BY(mMutex) = 0;
+  /// For mThread; empty in the state Serving.
+  std::vector<std::function<void()>> mTasks GUARDED_BY(mMutex);
+  std::string mReason GUARDED_BY(mMutex){"the host closed the connection"};  ///< of the last loss
 
-  // mThread only.
-  Stage mStage = Stage::kServing;
-  Clock::time_point mNextAttempt;
-  Clock::time_point mAttemptEnd;
-  std::chrono::milliseconds mPause{};
-  std::optional<Result<DiskIdentity>> mProbe;  ///< with mMutex held
-  std::unique_ptr<Connection> mConnection;
-  bool mEnded = false;  ///< there will be no connection any more
+  // mThread only, and before that whoever opens the link.
+  std::unique_ptr<Connection> mConnection;  ///< of every state but Pausing and Ended
+  std::chrono::milliseconds mPause{};       ///< before the next attempt
+  std::string mRefusal;                     ///< the last that was reported since the loss
 
   std::thread mThread;  ///< the last member: it uses all the others
 };

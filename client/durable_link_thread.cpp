@@ -17,183 +17,180 @@ constexpr std::chrono::milliseconds kMaxPause{1000};
 }  // namespace
 
 void DurableLink::run() {
-  Lock lock(mMutex);
-  while (!mStop) {
-    if (mGivenUp && !mEnded) {
-      end(lock);
-    } else if (mLink != nullptr || (mEnded && mTasks.empty())) {
-      mWork.wait(lock);
-    } else if (mStage == Stage::kServing) {
-      recover(lock);
+  MutexLock lock(mMutex);
+  while (mClosing != Closing::kDestroyed) {
+    const bool ended = std::holds_alternative<Ended>(mState);
+    if (mClosing == Closing::kGivenUp && !ended) {
+      end();
+    } else if (std::holds_alternative<Serving>(mState) || (ended && mTasks.empty())) {
+      mWork.wait(mMutex);
+    } else if (std::holds_alternative<Lost>(mState)) {
+      recover();
     } else if (!mTasks.empty()) {
-      runTasks(lock);
-    } else if (!mExpired && Clock::now() - mLostAt >= mOptions.timeout) {
+      runTasks();
+    } else if (mDeadline && Clock::now() >= *mDeadline) {
       expire();
     } else {
-      advance(lock);
+      advance();
     }
   }
-  end(lock);
-  while (!mTasks.empty()) runTasks(lock);
+  end();
+  while (!mTasks.empty()) runTasks();
 }
 
-void DurableLink::end(Lock& lock) {
-  mEnded = true;
-  mLink = nullptr;
-  mStage = Stage::kPausing;
-  dropConnection(lock);
+void DurableLink::end() {
+  dropConnection(Ended{});
   mReason = "the connection was closed on this side";
   expire();
 }
 
-void DurableLink::recover(Lock& lock) {
+void DurableLink::recover() {
+  const bool answered = std::get<Lost>(mState).answered;
   // Once it is gone, its thread runs no more completions, so that this one may.
-  dropConnection(lock);
-  mStage = Stage::kPausing;
-  if (mProgress) {
+  dropConnection(Pausing{Clock::now()});
+  if (answered) {
     mPause = kFirstPause;
-    mNextAttempt = Clock::now();
   } else {
     pause();
   }
-  report(lock, "the connection to the host is lost: " + mReason);
+  report("the connection to the host is lost: " + mReason);
 }
 
-void DurableLink::advance(Lock& lock) {
-  if (mStage == Stage::kPausing) {
-    if (Clock::now() >= mNextAttempt) return startAttempt(lock);
-    return wait(lock, mNextAttempt);
+void DurableLink::advance() {
+  if (const auto* pausing = std::get_if<Pausing>(&mState)) {
+    return Clock::now() >= pausing->until ? startAttempt() : wait(pausing->until);
   }
-  if (mBroken || Clock::now() >= mAttemptEnd) return giveUpAttempt(lock);
-  if (mStage == Stage::kGreeting && mAnnounced) return probe(lock);
-  if (mStage == Stage::kProbing && mProbe) return judgeProbe(lock);
-  wait(lock, mAttemptEnd);
+  if (const auto* greeting = std::get_if<Greeting>(&mState);
+      greeting && Clock::now() < greeting->end) {
+    return greeting->announced ? identify(greeting->end) : wait(greeting->end);
+  }
+  if (const auto* asked = std::get_if<Identifying>(&mState); asked && Clock::now() < asked->end) {
+    return asked->answer ? validateIdentity(Result<DiskIdentity>(*asked->answer))
+                         : wait(asked->end);
+  }
+  endAttempt();
 }
 
-void DurableLink::wait(Lock& lock, Clock::time_point until) {
-  if (!mExpired) until = std::min(until, mLostAt + mOptions.timeout);
-  mWork.wait_until(lock, until);
+void DurableLink::wait(Clock::time_point until) {
+  mWork.waitUntil(mMutex, mDeadline ? std::min(until, *mDeadline) : until);
 }
 
-void DurableLink::startAttempt(Lock& lock) {
-  mBroken = false;
-  mAnnounced = false;
-  mProbe.reset();
-  lock.unlock();
-  std::unique_ptr<Connection> started;
+void DurableLink::startAttempt() {
+  const Clock::time_point end = Clock::now() + mOptions.timeout;
+  mState = Greeting{end};
+  mMutex.unlock();
   std::string refusal;
   try {
     Result<std::unique_ptr<Connection>> connection = Connection::start(connectionOptions());
     if (connection) {
-      started = std::move(*connection);
+      mConnection = std::move(*connection);
     } else if (connection.error().kind == ErrorKind::kRefused) {
       refusal = connection.error().message;
     }
   } catch (const std::system_error&) {
     // Descriptors or threads are short: as good as no host.
   }
-  lock.lock();
-  if (!refusal.empty()) return refuse(lock, refusal);
-  if (!started) return pause();
-  mConnection = std::move(started);
-  mStage = Stage::kGreeting;
-  mAttemptEnd = Clock::now() + mOptions.timeout;
+  mMutex.lock();
+  if (!refusal.empty()) return refuse(refusal);
+  if (!mConnection) pause();
 }
 
-void DurableLink::probe(Lock& lock) {
-  if (!mConnection->finish(std::chrono::milliseconds(0))) return giveUpAttempt(lock);
+void DurableLink::identify(Clock::time_point end) {
+  if (!mConnection->finish(std::chrono::milliseconds(0))) return endAttempt();
   if (mConnection->announcement().name != mAnnouncement.name) {
-    return refuse(lock, "another disk is served there now");
+    return refuse("another disk is served there now");
   }
-  mStage = Stage::kProbing;
+  mState = Identifying{end};
   queryIdentity(Disk(mConnection->link()), [this](Result<DiskIdentity> identity) {
-    const std::lock_guard guard(mMutex);
-    mProbe.emplace(std::move(identity));
-    mWork.notify_one();
+    const MutexLock lock(mMutex);
+    auto* asked = std::get_if<Identifying>(&mState);
+    if (asked != nullptr) asked->answer.emplace(std::move(identity));
+    mWork.notifyOne();
   });
 }
 
-void DurableLink::judgeProbe(Lock& lock) {
-  const Result<DiskIdentity> identity = *mProbe;
-  if (identity) {
-    if (*identity == mIdentity) return activate(lock);
-    return refuse(lock, "another disk is served there now");
+void DurableLink::validateIdentity(const Result<DiskIdentity>& identity) {
+  if (!identity && identity.error().kind == ErrorKind::kLinkLost) return endAttempt();
+  if (!identity || (mIdentity.fileSystem && !identity->fileSystem)) {
+    return refuse("the disk that is served there now cannot be read");
   }
-  if (identity.error().kind == ErrorKind::kLinkLost) return giveUpAttempt(lock);
-  refuse(lock, "the disk that is served there now cannot be read");
+  if (identity->rootInode != mIdentity.rootInode ||
+      (mIdentity.fileSystem && identity->fileSystem != mIdentity.fileSystem)) {
+    return refuse("another disk is served there now");
+  }
+  mIdentity = *identity;
+  activate();
 }
 
-void DurableLink::activate(Lock& lock) {
-  mStage = Stage::kServing;
-  mExpired = false;
+void DurableLink::activate() {
+  Link& link = mConnection->link();
+  mState = Serving{&link, mQueue.empty()};
+  if (!mDeadline) mDeadline = Clock::now();
   mRefusal.clear();
-  mProgress = mQueue.empty();
-  mLink = &mConnection->link();
-  mSmallFiles = mLink->servesSmallFiles();
-  mStatistics.reconnected();
-  for (auto& task : mTasks) mLink->post(std::move(task));
+  mSmallFiles = link.servesSmallFiles();
+  mMetrics.reconnected();
+  for (auto& task : mTasks) link.post(std::move(task));
   mTasks.clear();
-  for (auto kept = mQueue.begin(); kept != mQueue.end();) {
-    const auto each = kept++;
+  for (auto pending = mQueue.begin(); pending != mQueue.end();) {
+    const auto each = pending++;
     if (each->request.command == wire::Command::kSmallFileRead && !mSmallFiles) {
       // A host that does not know the command would never answer.
-      mLink->post([done = std::move(each->done)] {
+      link.post([done = std::move(each->done)] {
         done(Error{ErrorKind::kFailed, "the host reads no batches of files any more"});
       });
       mQueue.erase(each);
     } else {
-      handOver(each);
+      send(link, each);
     }
   }
-  report(lock, "connected to the host again");
+  report("connected to the host again");
 }
 
-void DurableLink::refuse(Lock& lock, const std::string& reason) {
-  giveUpAttempt(lock);
-  if (std::exchange(mRefusal, reason) != reason) report(lock, reason);
+void DurableLink::refuse(const std::string& reason) {
+  endAttempt();
+  if (std::exchange(mRefusal, reason) != reason) report(reason);
 }
 
-void DurableLink::giveUpAttempt(Lock& lock) {
-  dropConnection(lock);
-  mStage = Stage::kPausing;
+void DurableLink::endAttempt() {
+  dropConnection(Pausing{});
   pause();
 }
 
 void DurableLink::pause() {
-  mNextAttempt = Clock::now() + mPause;
+  mState = Pausing{Clock::now() + mPause};
   mPause = std::min(mPause * 2, kMaxPause);
 }
 
 void DurableLink::expire() {
-  mExpired = true;
-  for (Kept& kept : mQueue) {
-    mTasks.push_back([done = std::move(kept.done), reason = mReason] {
+  mDeadline.reset();
+  for (Pending& pending : mQueue) {
+    mTasks.push_back([done = std::move(pending.done), reason = mReason] {
       done(Error{ErrorKind::kLinkLost, reason});
     });
   }
   mQueue.clear();
 }
 
-void DurableLink::dropConnection(Lock& lock) {
-  std::unique_ptr<Connection> old = std::move(mConnection);
-  lock.unlock();
-  old.reset();
-  lock.lock();
+void DurableLink::dropConnection(State next) {
+  mState = std::move(next);
+  mMutex.unlock();
+  mConnection.reset();
+  mMutex.lock();
 }
 
-void DurableLink::runTasks(Lock& lock) {
+void DurableLink::runTasks() {
   std::vector<std::function<void()>> tasks = std::exchange(mTasks, {});
-  lock.unlock();
+  mMutex.unlock();
   for (auto& task : tasks) task();
   tasks.clear();
-  lock.lock();
+  mMutex.lock();
 }
 
-void DurableLink::report(Lock& lock, const std::string& clause) {
+void DurableLink::report(const std::string& clause) {
   if (!mOptions.report) return;
-  lock.unlock();
+  mMutex.unlock();
   mOptions.report(clause);
-  lock.lock();
+  mMutex.lock();
 }
 
 }  // namespace zor::client

@@ -86,7 +86,7 @@ void fail(Transport& transport, Callback<T> done, Error error) {
 /// The completion that decodes an answer and passes the outcome on.
 template <class T, class Decode>
 Completion decoding(Callback<T> done, Decode decode) {
-  return [done = std::move(done), decode = std::move(decode)](Result<Reply> reply) {
+  return [done = std::move(done), decode = std::move(decode)](Result<ReplyPayload> reply) {
     if (reply) {
       done(decode(std::move(*reply)));
     } else {
@@ -103,7 +103,7 @@ void ask(Transport& transport, wire::Command command, const Record& record, Stri
   for (const std::string& path : strings) {
     if (auto error = checkPath(path)) return fail(transport, std::move(done), std::move(*error));
   }
-  Request request{command, encode(record, strings), {}};
+  OutgoingRequest request{command, encode(record, strings), {}};
   transport.submit(std::move(request),
                    decoding<T>(std::move(done), [strings = std::move(strings),
                                                  decode = std::move(decode)](Buffer reply) {

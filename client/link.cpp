@@ -39,7 +39,7 @@ Link::Link(UniqueFd socket, LinkOptions options)
 
 Link::~Link() {
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
     wake();
   }
@@ -47,37 +47,39 @@ Link::~Link() {
 }
 
 Result<Announcement> Link::waitForAnnouncement(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mMutex);
-  mAnnounced.wait_for(lock, limit, [this] { return mAnnouncement || mBroken; });
+  const auto end = Clock::now() + limit;
+  const MutexLock lock(mMutex);
+  while (!mAnnouncement && !mBroken && mAnnounced.waitUntil(mMutex, end)) {
+  }
   if (mAnnouncement) return *mAnnouncement;
   if (mBroken) return *mBroken;
   return lost("the host announced no disk for " + seconds(limit));
 }
 
 bool Link::servesSmallFiles() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mSmallFiles;
 }
 
 bool Link::wentSilent() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mSilent;
 }
 
 bool Link::turnedAway() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mTurnedAway;
 }
 
-void Link::submit(Request request, Completion done) {
-  const std::lock_guard lock(mMutex);
+void Link::submit(OutgoingRequest request, Completion done) {
+  const MutexLock lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
   flush();
 }
 
-void Link::submitFenced(Request request, Completion done, Request fence) {
-  const std::lock_guard lock(mMutex);
+void Link::submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) {
+  const MutexLock lock(mMutex);
   if (refuse(done)) return;
   enqueuePending(std::move(request), std::move(done));
   enqueuePending(std::move(fence), nullptr);
@@ -85,19 +87,19 @@ void Link::submitFenced(Request request, Completion done, Request fence) {
 }
 
 void Link::post(std::function<void()> task) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mTasks.push_back(std::move(task));
   wake();
 }
 
-void Link::notify(Request request) {
-  const std::lock_guard lock(mMutex);
+void Link::notify(OutgoingRequest request) {
+  const MutexLock lock(mMutex);
   if (mBroken || !mAnnouncement) return;
   enqueue(std::move(request));
   flush();
 }
 
-std::uint32_t Link::enqueue(Request request) {
+std::uint32_t Link::enqueue(OutgoingRequest request) {
   do {
     ++mLastId;
   } while (mLastId == 0 || mLastId == wire::kAnnouncementRequestId ||
@@ -117,7 +119,7 @@ std::uint32_t Link::enqueue(Request request) {
   return mLastId;
 }
 
-void Link::enqueuePending(Request request, Completion done) {
+void Link::enqueuePending(OutgoingRequest request, Completion done) {
   if (mPending.empty()) mLastAnswer = Clock::now();
   const wire::Command command = request.command;
   const std::uint32_t id = enqueue(std::move(request));

@@ -2,12 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,6 +14,7 @@
 
 #include "client/packet.h"
 #include "client/transport.h"
+#include "support/mutex.h"
 #include "support/unique_fd.h"
 
 namespace zor::client {
@@ -33,7 +32,7 @@ struct LinkOptions {
   /// The link counts as broken when requests wait and nothing of an answer to one of them
   /// has arrived for this long; of a long answer, a sixteenth or 64 KiB counts.
   std::chrono::milliseconds idleTimeout{60000};
-  /// Said when the host closes the connection before it announces a disk.
+  /// Reported when the host closes the connection before it announces a disk.
   std::string whyTurnedAway = "it serves as many clients as it may";
   /// Called once, on the link's thread, when the disk has been announced.
   std::function<void()> onAnnounced{};
@@ -60,7 +59,7 @@ class Link final : public Transport {
   /// before that fail.
   Result<Announcement> waitForAnnouncement(std::chrono::milliseconds limit);
 
-  /// Whether the host has said that it serves batches of small files.
+  /// Whether the host has announced that it serves batches of small files.
   bool servesSmallFiles() const;
 
   /// Whether the link broke because nothing arrived for the idle timeout. To be
@@ -70,12 +69,12 @@ class Link final : public Transport {
   /// Whether the host closed the connection before it announced a disk.
   bool turnedAway() const;
 
-  void submit(Request request, Completion done) override;
-  void submitFenced(Request request, Completion done, Request fence) override;
+  void submit(OutgoingRequest request, Completion done) override;
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override;
   void post(std::function<void()> task) override;
 
   /// Sends a packet that has no answer; lost without notice on a broken link.
-  void notify(Request request);
+  void notify(OutgoingRequest request);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -97,21 +96,21 @@ class Link final : public Transport {
   static Error lost(std::string message) { return {ErrorKind::kLinkLost, std::move(message)}; }
   static std::string seconds(std::chrono::milliseconds time);
 
-  // link.cpp, with mMutex held.
-  std::uint32_t enqueue(Request request);
-  void enqueuePending(Request request, Completion done);
-  std::deque<Pending>::iterator requestOf(const PacketHeader& header);
-  bool refuse(Completion& done);
-  void flush();
+  // link.cpp
+  std::uint32_t enqueue(OutgoingRequest request) REQUIRES(mMutex);
+  void enqueuePending(OutgoingRequest request, Completion done) REQUIRES(mMutex);
+  std::deque<Pending>::iterator requestOf(const PacketHeader& header) REQUIRES(mMutex);
+  bool refuse(Completion& done) REQUIRES(mMutex);
+  void flush() REQUIRES(mMutex);
   void wake();
 
   // link_thread.cpp, on the link's thread.
   void run();
   bool waitForEvents();
-  void receive();
-  void judgePartial();
+  void receive(int socket);
+  void limitPartial();
   void dispatch(const PacketHeader& header, Buffer payload);
-  void greet(const PacketHeader& header, const Buffer& payload);
+  void answerAnnouncement(const PacketHeader& header, const Buffer& payload);
   void complete(const PacketHeader& header, Buffer payload);
   void breakLink(Error error);
   bool runTasks();
@@ -123,23 +122,27 @@ class Link final : public Transport {
   std::optional<std::size_t> mCounted;  ///< bytes of the partial answer that have renewed the limit
   bool mTooLong = false;                ///< the partial packet is an answer that is not kept
 
-  mutable std::mutex mMutex;
-  std::condition_variable mAnnounced;
-  UniqueFd mSocket;
-  std::optional<Announcement> mAnnouncement;
-  std::optional<Error> mBroken;
-  bool mSmallFiles = false;
-  bool mSilent = false;
-  bool mTurnedAway = false;
-  bool mStop = false;
-  bool mSendFailed = false;
-  bool mWriting = false;  ///< the link's thread waits until more can be written
-  std::uint32_t mLastId = 0;
-  std::deque<Pending> mPending;  ///< in the order in which the host serves them
-  std::deque<Outgoing> mOutgoing;
-  std::size_t mSent = 0;  ///< bytes of mOutgoing.front() that are on their way
-  std::vector<std::function<void()>> mTasks;
-  Clock::time_point mLastAnswer;  ///< or when a request began to wait, if that is later
+  mutable Mutex mMutex;
+  Condition mAnnounced;  ///< or broken
+  UniqueFd mSocket GUARDED_BY(mMutex);
+  std::optional<Announcement> mAnnouncement GUARDED_BY(mMutex);
+  std::optional<Error> mBroken GUARDED_BY(mMutex);
+  bool mSmallFiles GUARDED_BY(mMutex) = false;
+  bool mSilent GUARDED_BY(mMutex) = false;
+  bool mTurnedAway GUARDED_BY(mMutex) = false;
+  bool mStop GUARDED_BY(mMutex) = false;
+  bool mSendFailed GUARDED_BY(mMutex) = false;
+  /// The link's thread waits until more can be written.
+  bool mWriting GUARDED_BY(mMutex) = false;
+  std::uint32_t mLastId GUARDED_BY(mMutex) = 0;
+  /// In the order in which the host serves them.
+  std::deque<Pending> mPending GUARDED_BY(mMutex);
+  std::deque<Outgoing> mOutgoing GUARDED_BY(mMutex);
+  /// Bytes of mOutgoing.front() that are on their way.
+  std::size_t mSent GUARDED_BY(mMutex) = 0;
+  std::vector<std::function<void()>> mTasks GUARDED_BY(mMutex);
+  /// Or when a request began to wait, if that is later.
+  Clock::time_point mLastAnswer GUARDED_BY(mMutex);
 
   std::thread mThread;  ///< the last member: it uses all the others
 };

@@ -38,7 +38,7 @@ bool Link::waitForEvents() {
   std::array<pollfd, 2> events{pollfd{-1, 0, 0}, pollfd{mWakeup.get(), POLLIN, 0}};
   auto timeout = mOptions.idleTimeout;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mStop) return false;
     if (!mBroken) {
       events[0].fd = mSocket.get();
@@ -51,7 +51,7 @@ bool Link::waitForEvents() {
   }
   if (timeout.count() <= 0) {
     {
-      const std::lock_guard lock(mMutex);
+      const MutexLock lock(mMutex);
       mSilent = true;
     }
     breakLink(lost("no answer from the host for " + seconds(mOptions.idleTimeout)));
@@ -65,19 +65,19 @@ bool Link::waitForEvents() {
     runTasks();
   }
   if ((events[0].revents & POLLOUT) != 0) {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     flush();
   }
-  if ((events[0].revents & ~POLLOUT) != 0) receive();
+  if ((events[0].revents & ~POLLOUT) != 0) receive(events[0].fd);
   return true;
 }
 
-void Link::receive() {
+void Link::receive(int socket) {
   const std::span<const iovec> room = mReader.room();
   msghdr message{};
   message.msg_iov = const_cast<iovec*>(room.data());
   message.msg_iovlen = room.size();
-  const ssize_t got = ::recvmsg(mSocket.get(), &message, MSG_DONTWAIT);
+  const ssize_t got = ::recvmsg(socket, &message, MSG_DONTWAIT);
   if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) return;
   if (got < 0 && errno != ECONNRESET) {
     return breakLink(lost(std::string("the connection broke: ") + strerror(errno)));
@@ -85,7 +85,7 @@ void Link::receive() {
   if (got <= 0) {
     std::string reason = "the host closed the connection";
     {
-      const std::lock_guard lock(mMutex);
+      const MutexLock lock(mMutex);
       mTurnedAway = !mAnnouncement;
       if (mTurnedAway) reason += " before it announced a disk: " + mOptions.whyTurnedAway;
     }
@@ -95,15 +95,15 @@ void Link::receive() {
       static_cast<std::size_t>(got),
       [this](const PacketHeader& header, Buffer payload) { dispatch(header, std::move(payload)); });
   if (!status) return breakLink(lost(status.error().message));
-  judgePartial();
+  limitPartial();
 }
 
 /// Bounds what a packet that is still arriving may take: memory by what was asked, and time by
 /// how much of an answer comes.
-void Link::judgePartial() {
+void Link::limitPartial() {
   const PacketHeader* header = mReader.partial();
   if (header == nullptr) return;
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   const auto request = requestOf(*header);
   const bool expected = request != mPending.end();
   const std::uint32_t longest = expected ? traitsOf(request->command).longestAnswer : kMaxNotice;
@@ -122,17 +122,17 @@ void Link::dispatch(const PacketHeader& header, Buffer payload) {
   mCounted.reset();
   if (header.cmd == wire::code(wire::Command::kSmallFileNotice) &&
       header.requestId == wire::kSmallFileNoticeRequestId) {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mSmallFiles = true;
   } else if (header.cmd == wire::code(wire::Command::kMountRemote) &&
              header.requestId == wire::kAnnouncementRequestId) {
-    greet(header, payload);
+    answerAnnouncement(header, payload);
   } else {
     complete(header, std::move(payload));
   }
 }
 
-void Link::greet(const PacketHeader& header, const Buffer& payload) {
+void Link::answerAnnouncement(const PacketHeader& header, const Buffer& payload) {
   wire::Cursor cursor(payload.bytes());
   wire::MountAnnouncement record{};
   cursor.get(record);
@@ -141,20 +141,20 @@ void Link::greet(const PacketHeader& header, const Buffer& payload) {
   if (!cursor.ok() || !cursor.rest().empty() || tail[0] != std::byte{0}) {
     return breakLink(lost("the host announced the disk with a malformed packet"));
   }
-  std::unique_lock lock(mMutex);
+  MutexLock lock(mMutex);
   if (mAnnouncement || mBroken) return;
   mAnnouncement = Announcement{header.devId,
                                std::string(reinterpret_cast<const char*>(name.data()), name.size()),
                                tail[1] != std::byte{0}};
   const std::string_view drive = std::string_view(mOptions.driveName).substr(0, 0xffff);
-  Request answer{wire::Command::kMountResponse, {}, {}};
+  OutgoingRequest answer{wire::Command::kMountResponse, {}, {}};
   answer.payload = Buffer(wire::encoded(
       wire::MountResponseRecord{record.nameLength, static_cast<std::uint16_t>(drive.size())}));
   answer.payload.append(std::as_bytes(std::span(drive)));
   answer.payload.append(name);
   enqueue(std::move(answer));
   flush();
-  mAnnounced.notify_all();
+  mAnnounced.notifyAll();
   lock.unlock();
   if (mOptions.onAnnounced) mOptions.onAnnounced();
 }
@@ -163,7 +163,7 @@ void Link::complete(const PacketHeader& header, Buffer payload) {
   Pending request;
   std::vector<Completion> passedOver;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     const auto at = requestOf(header);
     if (at == mPending.end()) return;
     mLastAnswer = Clock::now();
@@ -193,14 +193,14 @@ void Link::complete(const PacketHeader& header, Buffer payload) {
 void Link::breakLink(Error error) {
   std::deque<Pending> pending;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mBroken) return;
     mBroken = error;
     mSocket.reset();
     mOutgoing.clear();
     mSent = 0;
     pending.swap(mPending);
-    mAnnounced.notify_all();
+    mAnnounced.notifyAll();
   }
   for (const Pending& request : pending) {
     if (request.done) request.done(error);
@@ -211,7 +211,7 @@ void Link::breakLink(Error error) {
 bool Link::runTasks() {
   std::vector<std::function<void()>> tasks;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     tasks.swap(mTasks);
   }
   for (const auto& task : tasks) task();

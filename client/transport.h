@@ -14,7 +14,7 @@ namespace zor::client {
 /// A request without its identity. On the wire `payload` and `data` follow each
 /// other; they are apart so that large data need not be copied, and `data` is
 /// shared so that a request can be kept while it travels.
-struct Request {
+struct OutgoingRequest {
   wire::Command command{};
   Buffer payload;
   std::shared_ptr<const Buffer> data{};  ///< null when there is none
@@ -25,11 +25,11 @@ inline std::shared_ptr<const Buffer> shared(Buffer data) {
 }
 
 /// The payload of the packet that answers a request.
-using Reply = Buffer;
+using ReplyPayload = Buffer;
 
 /// Takes the outcome of a request, exactly once. Must not throw, must not block
 /// and must not wait for another request: nothing else completes meanwhile.
-using Completion = std::function<void(Result<Reply>)>;
+using Completion = std::function<void(Result<ReplyPayload>)>;
 
 /// Carries requests, many at a time. The host serves them in the order in which
 /// they were submitted.
@@ -44,12 +44,12 @@ class Transport {
   /// The caller bounds the bytes that it has in flight: requests that the host
   /// does not take yet are kept in memory. As requests are served in order, one
   /// gets ErrorKind::kUnanswered when the answer to a later one comes first.
-  virtual void submit(Request request, Completion done) = 0;
+  virtual void submit(OutgoingRequest request, Completion done) = 0;
 
   /// For a request that the host may pass over in silence: sends `fence`, which
   /// must be one that is always answered, right behind it. The fence's own
   /// answer is dropped.
-  virtual void submitFenced(Request request, Completion done, Request fence) = 0;
+  virtual void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) = 0;
 
   /// Runs `task` on the thread of the completions.
   virtual void post(std::function<void()> task) = 0;

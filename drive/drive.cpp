@@ -26,10 +26,10 @@ class Drive::Counting final : public Transport {
  public:
   explicit Counting(Drive& drive) : mDrive(drive) {}
 
-  void submit(Request request, Completion done) override {
+  void submit(OutgoingRequest request, Completion done) override {
     mDrive.mTransport.submit(std::move(request), counted(std::move(done)));
   }
-  void submitFenced(Request request, Completion done, Request fence) override {
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override {
     mDrive.mTransport.submitFenced(std::move(request), counted(std::move(done)), std::move(fence));
   }
   void post(std::function<void()> task) override { mDrive.mTransport.post(std::move(task)); }
@@ -38,7 +38,7 @@ class Drive::Counting final : public Transport {
   Completion counted(Completion done) {
     const std::lock_guard lock(mDrive.mMutex);
     ++mDrive.mOutstanding;
-    return [&drive = mDrive, done = std::move(done)](Result<Reply> reply) {
+    return [&drive = mDrive, done = std::move(done)](Result<ReplyPayload> reply) {
       done(std::move(reply));
       const std::lock_guard guard(drive.mMutex);
       if (--drive.mOutstanding == 0) drive.mSettled.notify_all();

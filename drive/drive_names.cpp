@@ -182,7 +182,7 @@ Outcome<udisk_statvfs> Drive::statistics() {
     Result<udisk_statvfs> result = Error{};
     // A failure is repeated until something changes: this changes nothing, but counts.
     if (again) burst.add<Unit>([&](auto done) { mDisk.fsync("/", std::move(done)); }, [](auto&) {});
-    burst.add<udisk_statvfs>([&](auto done) { mDisk.statvfs("/", std::move(done)); },
+    burst.add<udisk_statvfs>([&](auto done) { mDisk.statfs("/", std::move(done)); },
                              [&result](auto& answer) { result = std::move(answer); });
     burst.wait(lock);
     if (result) return *result;

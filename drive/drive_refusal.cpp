@@ -36,7 +36,7 @@ bool isTooLarge(const udisk_statvfs& space, const Attempt& attempt) {
 /// The likeliest reason.
 int Drive::refusal(Lock& lock, int otherwise, const Attempt& attempt) {
   const Result<udisk_statvfs> space = ask<udisk_statvfs>(
-      lock, [&](auto done) { mDisk.statvfs("/", std::move(done)); }, [](auto&) {});
+      lock, [&](auto done) { mDisk.statfs("/", std::move(done)); }, [](auto&) {});
   if (!space) return EIO;
   if ((space->f_flag & ST_RDONLY) != 0) return EROFS;
   if (space->f_namemax != 0 && attempt.name.size() > space->f_namemax) return ENAMETOOLONG;

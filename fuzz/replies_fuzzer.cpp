@@ -39,7 +39,7 @@ constexpr void (*kOperations[])(Disk&) = {
     [](Disk& d) { d.checkDir(kPath, Listing(), kUse); },
     [](Disk& d) { d.read(kPath, 5, 40, kUse); },
     [](Disk& d) { d.readSmallFiles(kFiles, kUse); },
-    [](Disk& d) { d.statvfs(kPath, kUse); },
+    [](Disk& d) { d.statfs(kPath, kUse); },
     [](Disk& d) { d.xattr(kPath, "user.name", kUse); },
     [](Disk& d) { d.create(kPath, 0644, kUse); },
     [](Disk& d) { d.write(kPath, 3, Buffer("contents"), kUse); },
@@ -49,7 +49,7 @@ constexpr void (*kOperations[])(Disk&) = {
 struct Answers final : Transport {
   explicit Answers(Input& input) : mInput(input) {}
 
-  void submit(Request request, Completion done) override {
+  void submit(OutgoingRequest request, Completion done) override {
     const std::uint8_t how = mInput.byte();
     Buffer reply;
     if (how < 224) {  // the request's own bytes, some of them changed, and something behind them
@@ -63,7 +63,7 @@ struct Answers final : Transport {
     // Memory of exactly its size, so that a sanitizer sees what is read behind it.
     done(Buffer(reply.bytes()));
   }
-  void submitFenced(Request request, Completion done, Request) override {
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest) override {
     submit(std::move(request), std::move(done));
   }
   void post(std::function<void()> task) override { task(); }

@@ -56,7 +56,7 @@ std::string couldNotBeWritten(const std::string& path) {
 void printStatistics(DurableLink& link, Drive& drive) {
   std::string text;
   for (const std::string& path : drive.lost()) text += couldNotBeWritten(path) + "\n";
-  report(text + describe(link.statistics().snapshot()) + describe(drive.counters()));
+  report(text + describe(link.metrics().snapshot()) + describe(drive.counters()));
 }
 
 /// Takes signals to a session for as long as it exists.
@@ -119,7 +119,7 @@ int serve(MountOptions& options, Background& background) {
   driveOptions.attributeTimeout = options.attributeTimeout;
   driveOptions.quiet = options.quiet;
   driveOptions.syncOnClose = options.syncOnClose;
-  driveOptions.lastingInodes = link.identity().lastingInodes;
+  driveOptions.lastingInodes = link.identity().lastingInodes();
   driveOptions.smallFiles = link.servesSmallFiles();
   driveOptions.report = [](const std::string& sentence) { report(sentence); };
   driveOptions.lost = [](const std::string& path) { reportLoss(couldNotBeWritten(path)); };

@@ -188,9 +188,9 @@ class LibraryWork {
         mDisk.xattr(path, "user.a", expecting<std::uint64_t>(path, "xattr", [](auto size) {
                       return size == 0 ? "" : "a value";
                     }));
-        return mDisk.statvfs("/", expecting<udisk_statvfs>(path, "statvfs", [](const auto& found) {
-                               return found.f_bsize != 0 ? "" : "no block size";
-                             }));
+        return mDisk.statfs("/", expecting<udisk_statvfs>(path, "statvfs", [](const auto& found) {
+                              return found.f_bsize != 0 ? "" : "no block size";
+                            }));
     }
   }
 
@@ -400,9 +400,9 @@ class LibraryWork {
     for (const wire::Command command : {wire::Command::kFileOpen, wire::Command::kUmountRemote}) {
       log("command " + std::to_string(wire::code(command)));
       const auto losses = mLosses.load();
-      const Result<Reply> reply = await<Reply>([&](Callback<Reply> done) {
-        Request request{command, encode(wire::MountRemoteRequest{}, {"soak"}), {}};
-        Request fence{wire::Command::kFileFlush, encode(wire::HandleRecord{}, {"/"}), {}};
+      const Result<ReplyPayload> reply = await<ReplyPayload>([&](Callback<ReplyPayload> done) {
+        OutgoingRequest request{command, encode(wire::MountRemoteRequest{}, {"soak"}), {}};
+        OutgoingRequest fence{wire::Command::kFileFlush, encode(wire::HandleRecord{}, {"/"}), {}};
         mLink->submitFenced(std::move(request), std::move(done), std::move(fence));
       });
       const bool dropped = command == wire::Command::kFileOpen;

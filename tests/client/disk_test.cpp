@@ -16,8 +16,8 @@ namespace {
 /// Keeps requests until the test answers them.
 class HeldTransport : public Transport {
  public:
-  void submit(Request request, Completion done) override { keep(std::move(request), done); }
-  void submitFenced(Request request, Completion done, Request fence) override {
+  void submit(OutgoingRequest request, Completion done) override { keep(std::move(request), done); }
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override {
     keep(std::move(request), done);
     fences.push_back(bytesOf(fence));
   }
@@ -25,7 +25,7 @@ class HeldTransport : public Transport {
 
   void answer(const std::string& bytes) { completions.back()(Buffer(std::string_view(bytes))); }
 
-  static std::string bytesOf(const Request& request) {
+  static std::string bytesOf(const OutgoingRequest& request) {
     std::string bytes = std::to_string(wire::code(request.command)) + ':';
     for (const Buffer* part : {&request.payload, request.data.get()}) {
       if (part == nullptr) continue;
@@ -39,7 +39,7 @@ class HeldTransport : public Transport {
   std::vector<Completion> completions;
 
  private:
-  void keep(Request request, const Completion& done) {
+  void keep(OutgoingRequest request, const Completion& done) {
     requests.push_back(bytesOf(request));
     completions.push_back(done);
   }
@@ -114,7 +114,7 @@ std::vector<Operation> operations() {
        "00000000 0200 ed01 '/a'", "=", "4 2"},
       {"chown", [](Disk& d, Done done) { d.chown("/a", 1000, 0xffffffff, done); }, 112,
        "02000000 e8030000 ffffffff 00000000 '/a'", "=", "0 4"},
-      {"statvfs", [](Disk& d, Done done) { d.statvfs("/", done); }, 113, "01000000 00000000 '/'",
+      {"statvfs", [](Disk& d, Done done) { d.statfs("/", done); }, 113, "01000000 00000000 '/'",
        "01000000 70000000 '/'" + std::string(224, '1'), "0 4 4 4 8 1", "01000000 70000000 '/'"},
       {"make a directory", [](Disk& d, Done done) { d.makeDir("/n", 0777, done); }, 114,
        "00000000 0200 ff01 '/n'", "="},
@@ -217,7 +217,7 @@ TEST(DiskTest, DecodesEveryField) {
     answer += std::string(1, field) + std::string(6, '\0') + (field == 3 ? '\x80' : '\0');
   }
   std::optional<udisk_statvfs> statistics;
-  disk.statvfs("/", [&](Result<udisk_statvfs> result) { statistics = *result; });
+  disk.statfs("/", [&](Result<udisk_statvfs> result) { statistics = *result; });
   transport.answer(answer);
   const udisk_statvfs expectedStatistics{1,  2,  0x8000000000000003, 4, 5, 6, 7, 8, 9,
                                          10, 11, {12, 13, 14}};

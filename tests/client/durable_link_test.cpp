@@ -15,16 +15,16 @@ using wire::Command;
 using Clock = std::chrono::steady_clock;
 using namespace ::testing;
 
-/// What a host tells of its disk.
-struct Told {
+/// What a host reports of its disk.
+struct DiskReport {
   char device = 1, inode = 2, fileSystem = 3, blocks = 4;
-  bool readable = true;
+  bool readable = true, reportsSizes = true;
 
   std::string attributes() const {
     return hex("01 00 78 00 '/'") +
            hex(kStatBytes).replace(0, 1, 1, device).replace(8, 1, 1, inode);
   }
-  std::string statistics() const {
+  std::string sizes() const {
     std::string record(112, '\0');
     if (readable) record[1] = 16, record[16] = blocks, record[64] = fileSystem;
     return hex("01 00 00 00  70 00 00 00 '/'") + record;
@@ -32,7 +32,7 @@ struct Told {
 };
 
 struct DurableLinkTest : Test {
-  /// Up to the question for the root directory.
+  /// Up to the query of the sizes.
   Packet announce(const std::string& name = "USB") {
     mHost.reset();
     mHost = UniqueFd(::accept4(mListener.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -45,22 +45,22 @@ struct DurableLinkTest : Test {
   void send(const std::string& bytes) { sendBytes(mHost.get(), bytes); }
   Packet take() { return takePacket(mHost.get()); }
 
-  void greet(const Told& disk = {}) {
-    const Packet root = announce();
-    const Packet statistics = take();
+  void greet(const DiskReport& disk = {}) {
+    const Packet sizes = announce();
+    const Packet root = take();
     // Whatever waits is sent only when both are known.
     pollfd early{mHost.get(), POLLIN, 0};
-    send(reply(root, disk.attributes()));
+    if (disk.reportsSizes) send(reply(sizes, disk.sizes()));
     EXPECT_EQ(::poll(&early, 1, 20), 0);
-    send(reply(statistics, disk.statistics()));
+    send(reply(root, disk.attributes()));
   }
 
-  void open(std::chrono::milliseconds timeout, const Told& disk = {}) {
+  void open(std::chrono::milliseconds timeout, const DiskReport& disk = {}) {
     mListener = listenAt(mPath);
     auto host = std::async(std::launch::async, [this, disk] { greet(disk); });
     const auto keep = [this](const std::string& clause) { mReports.push_back(clause); };
     auto link = DurableLink::open({{mPath, {}}, timeout, keep});
-    mLink = std::move(*link);
+    if (link) mLink = std::move(*link);
   }
 
   void killHost() {
@@ -105,7 +105,7 @@ TEST_F(DurableLinkTest, SendsAgainInOrderWhatWasNotAnsweredAndMayBeRepeated) {
   EXPECT_EQ(order, "106p1 121p2 119 117p3 ");
   for (Outcome* outcome : {&write, &unlink}) EXPECT_EQ(settled(*outcome), "done");
   EXPECT_THAT(check->get_future().get(), HasSubstr("passed over"));
-  EXPECT_THAT(describe(mLink->statistics().snapshot()),
+  EXPECT_THAT(describe(mLink->metrics().snapshot()),
               AllOf(HasSubstr("write: 1 requests, 4 bytes sent, 4 bytes received, 1 sent again\n"),
                     HasSubstr("\ntotal: 4 requests, 11 bytes sent, 8 bytes received, 2 sent again\n"
                               "round trips: 2\nreconnects: 1\n")));
@@ -151,13 +151,14 @@ TEST_F(DurableLinkTest, SendsNothingToAnotherDisk) {
   Outcome write = submit(Command::kFileWrite, "mine");
   announce("CAM");
   EXPECT_EQ(take().cmd, 0);
-  for (const Told& other : {Told{.inode = 9}, Told{.fileSystem = 9}, Told{.fileSystem = 0},
-                            Told{.blocks = 9}, Told{.readable = false}}) {
+  for (const DiskReport& other :
+       {DiskReport{.inode = 9}, DiskReport{.fileSystem = 9}, DiskReport{.fileSystem = 0},
+        DiskReport{.blocks = 9}, DiskReport{.readable = false}}) {
     greet(other);
     EXPECT_EQ(take().cmd, 0);
   }
-  send(reply(announce(), hex("01 00 00 00 '/'")));
-  send(reply(take(), Told().statistics()));
+  send(reply(announce(), DiskReport().sizes()));
+  send(reply(take(), hex("01 00 00 00 '/'")));
   EXPECT_EQ(take().cmd, 0);
   greet({.device = 9});  // as after it was plugged in somewhere else
   const Packet packet = take();
@@ -179,12 +180,36 @@ TEST_F(DurableLinkTest, TellsFileSystemsWithoutAnIdByTheirDevice) {
   EXPECT_EQ(settled(write), "pmine");
 }
 
+TEST_F(DurableLinkTest, UsesADiskWhoseSizesTheHostNeverReports) {
+  for (const DiskReport& silent : {DiskReport{.reportsSizes = false}, {.readable = false}}) {
+    open(20s, silent);
+    ASSERT_NE(mLink, nullptr);
+    Outcome write = submit(Command::kFileWrite, "mine");
+    greet({.inode = 9, .reportsSizes = false});
+    EXPECT_EQ(take().cmd, 0);
+    greet(silent);
+    EXPECT_EQ(take().cmd, 106);
+    greet();  // from now on, this is the disk
+    EXPECT_EQ(take().cmd, 106);
+    greet({.fileSystem = 9});
+    EXPECT_EQ(take().cmd, 0);
+    greet();
+    send(reply(take(), "done"));
+    EXPECT_EQ(settled(write), "done");
+    mLink.reset();
+    EXPECT_THAT(mReports.front(), HasSubstr("does not identify its disk"));
+    EXPECT_EQ(std::count(mReports.begin(), mReports.end(), mReports.front()), 1);
+    mReports.clear();
+    killHost();
+  }
+}
+
 TEST_F(DurableLinkTest, EndsPromptlyInEveryStateAndLeavesNothingWithoutAnOutcome) {
   const std::function<void()> kStates[] = {
       [] {},                                  // serving
       [this] { killHost(); },                 // pausing
       [this] { mHost.reset(); },              // waiting for an announcement
-      [this] { mHost.reset(), announce(); },  // waiting for the root directory
+      [this] { mHost.reset(), announce(); },  // waiting for the identity
   };
   for (int i = 0; i < 8; ++i) {
     const bool givenUp = i >= 4;

@@ -38,11 +38,11 @@ class LinkTest : public ::testing::Test {
   void send(const std::string& bytes) { sendBytes(mHost.get(), bytes); }
   Packet receive() { return takePacket(mHost.get()); }
 
-  static Request request(const std::string& payload = "p") {
+  static OutgoingRequest request(const std::string& payload = "p") {
     return {wire::Command::kGetFileAttr, Buffer(std::string_view(payload)), {}};
   }
 
-  Outcome submit(Request toSend) {
+  Outcome submit(OutgoingRequest toSend) {
     auto promise = std::make_shared<std::promise<std::string>>();
     mLink->submit(std::move(toSend), completing(promise));
     return promise->get_future();
@@ -118,7 +118,7 @@ TEST_F(LinkTest, MatchesAnswersByIdentityAndKnowsWhatWasPassedOver) {
 TEST_F(LinkTest, NeverUsesTheHostsOwnIdentities) {
   introduce();
   for (int i = 0; i < 7000; ++i) {
-    mLink->submit(request(), [](const Result<Reply>&) {});
+    mLink->submit(request(), [](const Result<ReplyPayload>&) {});
     const Packet sent = receive();
     ASSERT_NE(sent.id, 1234U);
     ASSERT_NE(sent.id, 6666U);
@@ -284,11 +284,11 @@ TEST_F(LinkTest, NeverBlocksWhileTheHostDoesNotRead) {
   const auto big = [](int i) {
     Buffer data(kSize);
     std::memset(data.data(), i, data.size());
-    return Request{wire::Command::kFileWrite, Buffer(std::string_view("w")),
-                   shared(std::move(data))};
+    return OutgoingRequest{wire::Command::kFileWrite, Buffer(std::string_view("w")),
+                           shared(std::move(data))};
   };
   auto followUp = std::make_shared<std::promise<std::string>>();
-  mLink->submit(request(), [this, big, followUp](const Result<Reply>&) {
+  mLink->submit(request(), [this, big, followUp](const Result<ReplyPayload>&) {
     mLink->submit(big(kCount), completing(followUp));
   });
   const Packet first = receive();

@@ -31,19 +31,19 @@ class AlteringTransport final : public Transport {
   std::function<void(wire::Command command, const std::string& names, Buffer& reply)> alters =
       [](wire::Command, const std::string&, Buffer&) {};
 
-  void submit(Request request, Completion done) override {
+  void submit(OutgoingRequest request, Completion done) override {
     const std::string names = textOf(request);
     if (!refuses(request.command, names)) {
       const wire::Command command = request.command;
-      return mNext.submit(std::move(request),
-                          [this, command, names, done = std::move(done)](Result<Reply> reply) {
-                            if (reply) alters(command, names, *reply);
-                            done(std::move(reply));
-                          });
+      return mNext.submit(std::move(request), [this, command, names,
+                                               done = std::move(done)](Result<ReplyPayload> reply) {
+        if (reply) alters(command, names, *reply);
+        done(std::move(reply));
+      });
     }
     answer(std::make_shared<Buffer>(refusal(request)), std::move(done));
   }
-  void submitFenced(Request request, Completion done, Request fence) override {
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override {
     if (!refuses(request.command, textOf(request))) {
       return mNext.submitFenced(std::move(request), std::move(done), std::move(fence));
     }
@@ -63,12 +63,12 @@ class AlteringTransport final : public Transport {
   /// Something harmless in the request's place keeps the order of the answers.
   void answer(std::shared_ptr<Buffer> reply, Completion done) {
     mNext.submit({wire::Command::kFileFlush, flushOfRoot(), {}},
-                 [reply = std::move(reply), done = std::move(done)](Result<Reply> flushed) {
-                   done(flushed ? Result<Reply>(std::move(*reply)) : std::move(flushed));
+                 [reply = std::move(reply), done = std::move(done)](Result<ReplyPayload> flushed) {
+                   done(flushed ? Result<ReplyPayload>(std::move(*reply)) : std::move(flushed));
                  });
   }
 
-  static std::string textOf(const Request& request) {
+  static std::string textOf(const OutgoingRequest& request) {
     const wire::Bytes bytes = request.payload.bytes();
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
   }
@@ -82,7 +82,7 @@ class AlteringTransport final : public Transport {
   }
 
   /// Most refusals repeat the request, in which the results are 0.
-  static Buffer refusal(const Request& request) {
+  static Buffer refusal(const OutgoingRequest& request) {
     Buffer reply(request.payload.bytes());
     switch (request.command) {
       case wire::Command::kSetLink:

@@ -38,7 +38,7 @@ class DriveTest : public ::testing::Test {
   }
 
   static int errnoOf(const Outcome<Unit>& outcome) { return outcome ? 0 : outcome.error().value; }
-  std::uint64_t requests() { return mLink->statistics().snapshot().total().requests; }
+  std::uint64_t requests() { return mLink->metrics().snapshot().total().requests; }
   NodeId node(const std::string& name, NodeId directory = kRootNode) {
     const auto entry = mDrive->lookup(directory, name);
     EXPECT_TRUE(entry) << name;

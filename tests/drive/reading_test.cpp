@@ -17,7 +17,7 @@ static std::string str(auto b) { return {reinterpret_cast<const char*>(b.data())
 
 /// Every file has the same contents; answers may overtake each other.
 struct ReadingTest : testing::Test, Transport, FileRequests {
-  void submit(Request request, Completion done) override {
+  void submit(OutgoingRequest request, Completion done) override {
     if (request.data) request.payload.append(request.data->bytes());
     wire::Cursor in(request.payload.bytes());
     std::string out = str(in.take(request.command == wire::Command::kFileRead ? 0 : 4));
@@ -33,7 +33,7 @@ struct ReadingTest : testing::Test, Transport, FileRequests {
       lost ? done(Error{ErrorKind::kLinkLost, ""}) : done(Buffer(out));
     }));
   }
-  void submitFenced(Request, Completion, Request) override {}
+  void submitFenced(OutgoingRequest, Completion, OutgoingRequest) override {}
   void post(std::function<void()>) override {}
   void read(std::int64_t offset, std::uint32_t size, Callback<FileData> done) override {
     disk.read("/f", offset, size, std::move(done));

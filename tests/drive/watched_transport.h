@@ -17,7 +17,7 @@ class WatchedTransport final : public Transport {
  public:
   explicit WatchedTransport(Transport& next) : mNext(next) {}
 
-  void submit(Request request, Completion done) override {
+  void submit(OutgoingRequest request, Completion done) override {
     const wire::Command command = request.command;
     std::unique_lock lock(mMutex);
     const auto bytes = request.payload.bytes();
@@ -34,7 +34,7 @@ class WatchedTransport final : public Transport {
       mNext.submit(std::move(request), std::move(done));
     }
   }
-  void submitFenced(Request request, Completion done, Request fence) override {
+  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override {
     const std::lock_guard lock(mMutex);
     mSeen.emplace_back(request.command, "");
     mNext.submitFenced(std::move(request), std::move(done), std::move(fence));
@@ -56,7 +56,7 @@ class WatchedTransport final : public Transport {
     mChanged.wait(lock, [&] { return countLocked(command, "") > 0; });
   }
   void goOn() {
-    std::deque<std::pair<Request, Completion>> held;
+    std::deque<std::pair<OutgoingRequest, Completion>> held;
     {
       const std::lock_guard lock(mMutex);
       mHolding = wire::Command{};
@@ -92,7 +92,7 @@ class WatchedTransport final : public Transport {
   std::mutex mMutex;
   std::condition_variable mChanged;
   std::vector<std::pair<wire::Command, std::string>> mSeen;
-  std::deque<std::pair<Request, Completion>> mHeld;
+  std::deque<std::pair<OutgoingRequest, Completion>> mHeld;
   wire::Command mHolding{};
   wire::Command mFailing{};
 };

@@ -92,7 +92,7 @@ inline std::string reply(const Packet& to, const std::string& payload) {
 using Outcome = std::future<std::string>;
 
 inline Completion completing(const std::shared_ptr<std::promise<std::string>>& promise) {
-  return [promise](Result<Reply> result) {
+  return [promise](Result<ReplyPayload> result) {
     promise->set_value(
         result ? std::string(reinterpret_cast<const char*>(result->data()), result->size())
                : "error: " + result.error().message);

@@ -1,4 +1,4 @@
-#include "client/statistics.h"
+#include "client/metrics.h"
 
 #include <string_view>
 
@@ -27,17 +27,17 @@ std::string line(std::string_view name, const CommandCounts& counts) {
 
 }  // namespace
 
-std::size_t StatisticsSnapshot::slot(wire::Command command) noexcept {
+std::size_t MetricsSnapshot::slot(wire::Command command) noexcept {
   const std::size_t first = wire::code(wire::Command::kMountRemote);
   const std::size_t code = wire::code(command);
   return code >= first && code - first < kSlots - 1 ? code - first : kSlots - 1;
 }
 
-const CommandCounts& StatisticsSnapshot::of(wire::Command command) const noexcept {
+const CommandCounts& MetricsSnapshot::of(wire::Command command) const noexcept {
   return mCounts[slot(command)];
 }
 
-CommandCounts StatisticsSnapshot::total() const noexcept {
+CommandCounts MetricsSnapshot::total() const noexcept {
   CommandCounts sum;
   for (const CommandCounts& each : mCounts) {
     sum.requests += each.requests;
@@ -48,22 +48,22 @@ CommandCounts StatisticsSnapshot::total() const noexcept {
   return sum;
 }
 
-void Statistics::sent(wire::Command command, std::uint64_t bytes, bool repeat,
-                      bool startsTrip) noexcept {
-  Counters& counters = mCounters[StatisticsSnapshot::slot(command)];
+void Metrics::sent(wire::Command command, std::uint64_t bytes, bool repeat,
+                   bool startsTrip) noexcept {
+  Counters& counters = mCounters[MetricsSnapshot::slot(command)];
   add(repeat ? counters.repeats : counters.requests, 1);
   add(counters.bytesSent, bytes);
   if (startsTrip) add(mRoundTrips, 1);
 }
 
-void Statistics::received(wire::Command command, std::uint64_t bytes) noexcept {
-  add(mCounters[StatisticsSnapshot::slot(command)].bytesReceived, bytes);
+void Metrics::received(wire::Command command, std::uint64_t bytes) noexcept {
+  add(mCounters[MetricsSnapshot::slot(command)].bytesReceived, bytes);
 }
 
-void Statistics::reconnected() noexcept { add(mReconnects, 1); }
+void Metrics::reconnected() noexcept { add(mReconnects, 1); }
 
-StatisticsSnapshot Statistics::snapshot() const noexcept {
-  StatisticsSnapshot snapshot;
+MetricsSnapshot Metrics::snapshot() const noexcept {
+  MetricsSnapshot snapshot;
   for (std::size_t i = 0; i < mCounters.size(); ++i) {
     const Counters& from = mCounters[i];
     snapshot.mCounts[i] = {value(from.requests), value(from.repeats), value(from.bytesSent),
@@ -74,15 +74,15 @@ StatisticsSnapshot Statistics::snapshot() const noexcept {
   return snapshot;
 }
 
-std::string describe(const StatisticsSnapshot& statistics) {
+std::string describe(const MetricsSnapshot& metrics) {
   std::string text;
   for (const CommandTraits& traits : kCommandTraits) {
-    const CommandCounts& counts = statistics.of(traits.command);
+    const CommandCounts& counts = metrics.of(traits.command);
     if (counts.requests != 0) text += line(traits.name, counts);
   }
-  return text + line("total", statistics.total()) +
-         "round trips: " + std::to_string(statistics.roundTrips) +
-         "\nreconnects: " + std::to_string(statistics.reconnects) + '\n';
+  return text + line("total", metrics.total()) +
+         "round trips: " + std::to_string(metrics.roundTrips) +
+         "\nreconnects: " + std::to_string(metrics.reconnects) + '\n';
 }
 
 }  // namespace zor::client

@@ -19,7 +19,7 @@ struct CommandCounts {
 };
 
 /// Counts as they were at about one moment.
-class StatisticsSnapshot {
+class MetricsSnapshot {
  public:
   const CommandCounts& of(wire::Command command) const noexcept;
   std::uint64_t requests(wire::Command command) const noexcept { return of(command).requests; }
@@ -31,7 +31,7 @@ class StatisticsSnapshot {
   std::uint64_t reconnects = 0;
 
  private:
-  friend class Statistics;
+  friend class Metrics;
   static constexpr std::size_t kSlots = 25;  ///< codes from 100 on; the last is for all others
   static std::size_t slot(wire::Command command) noexcept;
 
@@ -39,14 +39,14 @@ class StatisticsSnapshot {
 };
 
 /// May be used from any thread.
-class Statistics {
+class Metrics {
  public:
   /// `startsTrip`: nothing else was in flight.
   void sent(wire::Command command, std::uint64_t bytes, bool repeat, bool startsTrip) noexcept;
   void received(wire::Command command, std::uint64_t bytes) noexcept;
   void reconnected() noexcept;
 
-  StatisticsSnapshot snapshot() const noexcept;
+  MetricsSnapshot snapshot() const noexcept;
 
  private:
   using Counter = std::atomic<std::uint64_t>;
@@ -57,13 +57,13 @@ class Statistics {
     Counter bytesReceived{0};
   };
 
-  std::array<Counters, StatisticsSnapshot::kSlots> mCounters;
+  std::array<Counters, MetricsSnapshot::kSlots> mCounters;
   Counter mRoundTrips{0};
   Counter mReconnects{0};
 };
 
 /// A line for each command that was used, then the totals; each ends with a
 /// line feed.
-std::string describe(const StatisticsSnapshot& statistics);
+std::string describe(const MetricsSnapshot& metrics);
 
 }  // namespace zor::client
