@@ -40,7 +40,8 @@ timespec validTime(const udisk_timespec& time) {
 
 }  // namespace
 
-struct stat toStat(const udisk_stat& attributes, std::uint64_t node, const Presentation& shown) {
+struct stat toStat(const udisk_stat& attributes, std::uint64_t node,
+                   const OwnershipOverride& shown) {
   struct stat result {};
   result.st_ino = attributes.st_ino != 0 ? attributes.st_ino : node;
   result.st_mode = validMode(attributes.st_mode);
@@ -62,18 +63,18 @@ struct stat toStat(const udisk_stat& attributes, std::uint64_t node, const Prese
   return result;
 }
 
-struct statvfs toStatvfs(const udisk_statvfs& statistics) {
+struct statvfs toStatvfs(const udisk_statvfs& statfs) {
   struct statvfs result {};
-  result.f_bsize = validBlock(statistics.f_bsize);
+  result.f_bsize = validBlock(statfs.f_bsize);
   result.f_frsize = result.f_bsize;  // the unit of the counts
-  result.f_blocks = statistics.f_blocks;
-  result.f_bfree = std::min(statistics.f_bfree, statistics.f_blocks);
-  result.f_bavail = std::min(statistics.f_bavail, statistics.f_blocks);
-  result.f_files = statistics.f_files;
-  result.f_ffree = std::min(statistics.f_ffree, statistics.f_files);
+  result.f_blocks = statfs.f_blocks;
+  result.f_bfree = std::min(statfs.f_bfree, statfs.f_blocks);
+  result.f_bavail = std::min(statfs.f_bavail, statfs.f_blocks);
+  result.f_files = statfs.f_files;
+  result.f_ffree = std::min(statfs.f_ffree, statfs.f_files);
   result.f_favail = result.f_ffree;
-  const bool plausible = statistics.f_namemax >= 1 && statistics.f_namemax <= kNameMax;
-  result.f_namemax = plausible ? statistics.f_namemax : kNameMax;
+  const bool valid = statfs.f_namemax >= 1 && statfs.f_namemax <= kNameMax;
+  result.f_namemax = valid ? statfs.f_namemax : kNameMax;
   return result;
 }
 

@@ -13,24 +13,24 @@
 
 namespace zor::client::mount {
 
-/// What programs are shown in the place of the disk's own values.
-struct Presentation {
+/// Values that programs see in place of the disk's own.
+struct OwnershipOverride {
   std::optional<std::uint32_t> uid;
   std::optional<std::uint32_t> gid;
   std::optional<std::uint32_t> umask;  ///< permissions become 0777 without these bits
-  bool quiet = false;                  ///< an owner that cannot be set is no error
 };
 
-/// Whatever the host sent: a valid size, times and one of the seven types. A
-/// file without a number on the disk gets `node`.
-struct stat toStat(const udisk_stat& attributes, std::uint64_t node, const Presentation& shown);
+/// The result has a valid size, valid times and one of the seven types, whatever the host
+/// sent. A file without an inode number on the disk gets `node`.
+struct stat toStat(const udisk_stat& attributes, std::uint64_t node,
+                   const OwnershipOverride& shown);
 
-struct statvfs toStatvfs(const udisk_statvfs& statistics);
+struct statvfs toStatvfs(const udisk_statvfs& statfs);
 
 inline constexpr std::uint32_t kSameId = 0xffffffff;
 
-/// What a change to `wanted` asks of the disk when programs are shown `shown`:
-/// nothing (kSameId), or the id itself where nothing is put in its place.
+/// The id to set on the disk when a program wants `wanted` and sees `shown`: kSameId
+/// leaves it as it is. With `quiet`, an owner that cannot be set is no error.
 Outcome<std::uint32_t> idToSet(std::uint32_t wanted, std::optional<std::uint32_t> shown,
                                bool quiet);
 

@@ -27,15 +27,12 @@ int waitForChild(pid_t child, const UniqueFd& outcome) {
 }  // namespace
 
 std::optional<int> Background::enter() {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-    report("cannot go to the background; -f avoids it");
-    return kNotStarted;
-  }
-  UniqueFd outcome(ends[0]);
+  std::array<int, 2> ends{-1, -1};
+  const bool piped = ::pipe2(ends.data(), O_CLOEXEC) == 0;
+  const UniqueFd outcome(ends[0]);
   mParent = UniqueFd(ends[1]);
   std::fflush(nullptr);
-  const pid_t child = ::fork();
+  const pid_t child = piped ? ::fork() : -1;
   if (child < 0) {
     report("cannot go to the background; -f avoids it");
     return kNotStarted;
@@ -52,14 +49,14 @@ bool Background::ready() {
   if (!nothing || ::chdir("/") != 0) return false;
   useSystemLog();
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) ::dup2(nothing.get(), fd);
-  return tell(0);
+  return sendToParent(0);
 }
 
 void Background::failed(int code) {
-  if (mParent) tell(code);
+  if (mParent) sendToParent(code);
 }
 
-bool Background::tell(int code) {
+bool Background::sendToParent(int code) {
   const auto byte = static_cast<unsigned char>(code);
   const ssize_t count = retryOnInterrupt([&] { return ::write(mParent.get(), &byte, 1); });
   mParent.reset();

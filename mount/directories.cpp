@@ -9,7 +9,7 @@
 namespace zor::client::mount {
 namespace {
 
-// Programs pass over entries whose number is 0.
+// Programs skip entries with the inode number 0.
 constexpr ino_t kUnknownNumber = 0xffffffff;
 constexpr std::size_t kMinEntryPlus = 152;
 constexpr std::size_t kDots = 2;  ///< "." and "..", which come before the items
@@ -46,11 +46,10 @@ class EntryReply {
     fuse_entry_param entry{};
     if (mPlus) {
       const NodeEntry entered = mContext.drive().enter(mDirectory, item);
-      // Without attributes only the name can be told.
       if (entered.node == 0 && item.attributes.st_mode != 0) return true;
       if (entered.node != 0) {
         mEntered.push_back(entered.node);
-        entry = toEntry(entered, mContext.presentation());
+        entry = toEntry(entered, mContext.ownership());
       }
     }
     if (entry.ino == 0) {
@@ -66,7 +65,7 @@ class EntryReply {
   }
 
  private:
-  // One per thread, because every listing needs it again.
+  // One per thread; every listing reuses it.
   static std::vector<char>& storage() {
     thread_local std::vector<char> sStorage;
     return sStorage;
@@ -88,27 +87,27 @@ class EntryReply {
   }
 
   fuse_req_t mRequest;
-  Context& mContext;
+  MountContext& mContext;
   const fuse_ino_t mDirectory;
   const bool mPlus;
   std::vector<char>& mReply;
   std::size_t mSize = 0;
   std::size_t mUsed = 0;
-  std::vector<NodeId> mEntered;  ///< to be given back when the kernel does not take them
+  std::vector<NodeId> mEntered;  ///< to be forgotten when the kernel does not take the reply
 };
 
 void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
                    fuse_file_info* info, bool plus) {
   OpenDirectory& directory = directoryOf(info);
   if (offset == 0) {
-    // The first one, too: the program may have made a file since it opened the directory.
+    // Also at the first read: the program may have made a file since it opened the directory.
     Drive& drive = contextOf(request).drive();
-    const auto fresh = drive.openDirectory(node);
-    if (!fresh) {
-      fuse_reply_err(request, fresh.error().value);
+    const auto current = drive.openDirectory(node);
+    if (!current) {
+      fuse_reply_err(request, current.error().value);
       return;
     }
-    directory.items = *fresh;
+    directory.items = *current;
     const auto [own, above] = drive.dotNumbers(node);
     directory.dots = {own, above};
   }
@@ -125,7 +124,7 @@ void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t 
 }  // namespace
 
 void handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
-  Context& context = contextOf(request);
+  MountContext& context = contextOf(request);
   const auto items = context.drive().openDirectory(node);
   if (!items) {
     fuse_reply_err(request, items.error().value);

@@ -8,15 +8,15 @@ namespace zor::client::mount {
 namespace {
 
 // Systems kill what has not ended some seconds after SIGTERM.
-constexpr std::chrono::seconds kPatience{3};
+constexpr std::chrono::seconds kEndLimit{3};
 
 }  // namespace
 
 EndLimit::~EndLimit() {
   {
-    const std::lock_guard lock(mMutex);
-    mOver = true;
-    mChanged.notify_one();
+    const MutexLock lock(mMutex);
+    mStop = true;
+    mStopped.notifyOne();
   }
   if (mThread.joinable()) mThread.join();
 }
@@ -24,9 +24,14 @@ EndLimit::~EndLimit() {
 void EndLimit::start() {
   if (mThread.joinable()) return;
   mThread = std::thread([this] {
-    std::unique_lock lock(mMutex);
-    if (mChanged.wait_for(lock, kPatience, [this] { return mOver; })) return;
-    report("the host has not answered in time; what waits for it is given up");
+    const auto end = std::chrono::steady_clock::now() + kEndLimit;
+    {
+      const MutexLock lock(mMutex);
+      while (!mStop && mStopped.waitUntil(mMutex, end)) {
+      }
+      if (mStop) return;
+    }
+    report("the host has not answered in time; pending requests are given up");
     mLink.giveUp();
   });
 }

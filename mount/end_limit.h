@@ -1,34 +1,33 @@
 // Ending in time, whatever the host does.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "client/durable_link.h"
+#include "support/mutex.h"
 
 namespace zor::client::mount {
 
 /// Gives a link up some seconds after ending has begun, so that nothing waits for the host
-/// any more. What could not be written by then is lost, and told like all that is.
+/// any more. Data that could not be written by then is lost and reported as such.
 class EndLimit {
  public:
   explicit EndLimit(DurableLink& link) : mLink(link) {}
 
-  /// Does nothing any more.
+  /// Stops the time.
   ~EndLimit();
 
   EndLimit(const EndLimit&) = delete;
   EndLimit& operator=(const EndLimit&) = delete;
 
-  /// The time begins to run, once. From one thread at a time.
+  /// Starts the time; only the first call counts. From one thread at a time.
   void start();
 
  private:
   DurableLink& mLink;
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  bool mOver = false;
+  Mutex mMutex;
+  Condition mStopped;
+  bool mStop GUARDED_BY(mMutex) = false;
   std::thread mThread;
 };
 

@@ -15,7 +15,7 @@ OpenFile& fileOf(const fuse_file_info* info) { return *reinterpret_cast<OpenFile
 void fill(fuse_file_info& info, const OpenResult& open) {
   info.fh = reinterpret_cast<std::uintptr_t>(open.file);
   info.keep_cache = open.keepCache ? 1 : 0;
-  // What was only read has nothing to be written at its close.
+  // A file that is open for reading has nothing to flush at its close.
   info.noflush = (info.flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
 }
 
@@ -31,14 +31,14 @@ void handleCreate(fuse_req_t request, fuse_ino_t directory, const char* name, mo
     fuse_reply_err(request, ENAMETOOLONG);
     return;
   }
-  Context& context = contextOf(request);
+  MountContext& context = contextOf(request);
   const auto created = context.drive().create(directory, name, mode, info->flags);
   if (!created) {
     fuse_reply_err(request, created.error().value);
     return;
   }
   fill(*info, created->open);
-  const fuse_entry_param entry = toEntry(created->entry, context.presentation());
+  const fuse_entry_param entry = toEntry(created->entry, context.ownership());
   if (fuse_reply_create(request, &entry, info) == -ENOENT) {
     context.drive().release(*created->open.file);
     context.drive().forget(created->entry.node, 1);

@@ -39,6 +39,6 @@ struct FreeMemory {
   void operator()(void* memory) const noexcept { ::free(memory); }
 };
 
-using ConnectionWishes = std::unique_ptr<fuse_conn_info_opts, FreeMemory>;
+using FuseConnectionOptions = std::unique_ptr<fuse_conn_info_opts, FreeMemory>;
 
 }  // namespace zor::client::mount

@@ -2,13 +2,13 @@
 #include <exception>
 
 #include "mount/messages.h"
-#include "mount/program.h"
+#include "mount/mount_program.h"
 #include "support/standard_descriptors.h"
 
 int main(int argc, char** argv) {
   zor::fillStandardDescriptors();
   try {
-    return zor::client::mount::runProgram(argc, argv);
+    return zor::client::mount::runMount(argc, argv);
   } catch (const std::exception& error) {
     zor::client::mount::report(error.what());
     return 1;

@@ -1,9 +1,10 @@
 #include "mount/messages.h"
 
-#include <syslog.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/syslog_sink.h>
 
 #include <array>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
@@ -13,24 +14,34 @@
 namespace zor::client::mount {
 namespace {
 
-std::atomic<bool> sSystemLog{false};
+using spdlog::level::level_enum;
+
 std::string* sCapture = nullptr;
 
 constexpr std::string_view kFusePrefix = "fuse: ";
 
-void toTerminal(const std::string& line) {
-  std::fprintf(stderr, "udisk-mount: %s\n", line.c_str());
+/// In the foreground the system's log takes errors only; in the background it takes all.
+struct Log {
+  Log() {
+    terminal->set_pattern("udisk-mount: %v");
+    system->set_level(level_enum::err);
+  }
+
+  std::shared_ptr<spdlog::sinks::sink> terminal = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+  std::shared_ptr<spdlog::sinks::sink> system =
+      std::make_shared<spdlog::sinks::syslog_sink_mt>("udisk-mount", LOG_PID, LOG_DAEMON, false);
+  spdlog::logger logger{"udisk-mount", {terminal, system}};
+};
+
+Log& log() {
+  static Log sLog;
+  return sLog;
 }
 
-void toLog(const std::string& line) {
-  static const bool opened = (::openlog("udisk-mount", LOG_PID, LOG_DAEMON), true);
-  if (opened) ::syslog(LOG_NOTICE, "%s", line.c_str());
-}
-
-void forEachLine(std::string_view text, void (*take)(const std::string&)) {
+void logLines(level_enum level, std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = text.find('\n');
-    take(printable(text.substr(0, end)));
+    log().logger.log(level, printable(text.substr(0, end)));
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
 }
@@ -45,39 +56,33 @@ __attribute__((format(printf, 2, 0))) void takeFuseMessage(fuse_log_level level,
     sCapture->append(text.data());
   } else if (level != FUSE_LOG_DEBUG) {
     report(text.data());
-  } else if (!sSystemLog.load(std::memory_order_relaxed)) {
+  } else {
     std::fputs(text.data(), stderr);
   }
 }
 
 }  // namespace
 
-void report(std::string_view text) {
-  forEachLine(text, sSystemLog.load(std::memory_order_relaxed) ? toLog : toTerminal);
-}
+void report(std::string_view text) { logLines(level_enum::info, text); }
 
-void reportLoss(std::string_view text) {
-  if (!sSystemLog.load(std::memory_order_relaxed)) forEachLine(text, toTerminal);
-  forEachLine(text, toLog);
-}
+void reportLoss(std::string_view text) { logLines(level_enum::err, text); }
 
-void useSystemLog() { sSystemLog = true; }
+void useSystemLog() {
+  log().terminal->set_level(level_enum::off);
+  log().system->set_level(level_enum::info);
+}
 
 void adoptFuseMessages() { fuse_set_log_func(takeFuseMessage); }
 
 FuseMessages::FuseMessages() {
-  sCapture = new std::string;
+  sCapture = &mText;
   adoptFuseMessages();
 }
 
-FuseMessages::~FuseMessages() {
-  delete sCapture;
-  sCapture = nullptr;
-}
+FuseMessages::~FuseMessages() { sCapture = nullptr; }
 
 std::string FuseMessages::text() const {
-  std::string text = *sCapture;
-  while (!text.empty() && text.back() == '\n') text.pop_back();
+  std::string text = mText.substr(0, mText.find_last_not_of('\n') + 1);
   if (text.starts_with(kFusePrefix)) text.erase(0, kFusePrefix.size());
   return text;
 }

@@ -1,4 +1,5 @@
-// What the program says to people.
+// The program's messages: on standard error in the foreground, in the system's log in the
+// background. Foreign text is escaped (support/printable.h).
 #pragma once
 
 #include <string>
@@ -6,20 +7,19 @@
 
 namespace zor::client::mount {
 
-/// Prints each line of `text` on standard error, or gives it to the system's
-/// log after `useSystemLog`. From any thread.
+/// Prints each line of `text`. From any thread.
 void report(std::string_view text);
 
-/// The same, but always for the system's log, too: for what must not be missed.
+/// The same for lost data: it goes to the system's log even in the foreground.
 void reportLoss(std::string_view text);
 
 /// From now on there is no terminal.
 void useSystemLog();
 
-/// Sends what libfuse says the same way. To be called before there are threads.
+/// Sends libfuse's messages the same way. To be called before there are threads.
 void adoptFuseMessages();
 
-/// Keeps what libfuse says while it exists. For one thread at a time.
+/// Captures libfuse's messages while it exists. For one thread at a time.
 class FuseMessages {
  public:
   FuseMessages();
@@ -30,6 +30,9 @@ class FuseMessages {
 
   /// As a clause, without libfuse's prefix and line ends.
   std::string text() const;
+
+ private:
+  std::string mText;
 };
 
 }  // namespace zor::client::mount

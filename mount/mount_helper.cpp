@@ -8,7 +8,7 @@
 namespace zor::client::mount {
 namespace {
 
-// Words of an fstab line that are meant for mount(8) and init systems.
+// Words of an fstab line for mount(8) and init systems.
 constexpr std::array<std::string_view, 12> kOtherWords{"auto",   "noauto",  "user",     "nouser",
                                                        "users",  "nousers", "owner",    "group",
                                                        "nofail", "_netdev", "defaults", "noowner"};
@@ -20,8 +20,7 @@ bool isForOthers(std::string_view word) {
          std::find(kOtherWords.begin(), kOtherWords.end(), word) != kOtherWords.end();
 }
 
-/// Adds the words of a list separated by commas, of which a backslash takes the
-/// meaning away.
+/// Adds the words of a list that is separated by commas; a backslash escapes a comma.
 void addWords(std::string_view list, std::vector<std::string>& arguments) {
   while (!list.empty()) {
     std::size_t end = 0;
@@ -77,7 +76,7 @@ Result<HelperArguments, std::string> translateHelperArguments(int argc, const ch
       break;
     }
   }
-  // A place that begins with a hyphen cannot be told from an option otherwise.
+  // A place may begin with a hyphen.
   result.arguments.emplace_back("--");
   result.arguments.insert(result.arguments.end(), places.begin(), places.end());
   return result;

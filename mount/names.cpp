@@ -9,15 +9,16 @@ namespace {
 
 // Owner and permissions first: a length set on a file that is being made
 // private must not be seen by others.
-Outcome<Unit> change(Context& context, NodeId node, const struct stat& wanted, int which) {
+Outcome<Unit> change(MountContext& context, NodeId node, const struct stat& wanted, int which) {
   Drive& drive = context.drive();
-  const Presentation& shown = context.presentation();
+  const OwnershipOverride& shown = context.ownership();
+  const bool quiet = context.options().quiet;
   if ((which & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) != 0) {
     const auto uid =
-        idToSet((which & FUSE_SET_ATTR_UID) != 0 ? wanted.st_uid : kSameId, shown.uid, shown.quiet);
+        idToSet((which & FUSE_SET_ATTR_UID) != 0 ? wanted.st_uid : kSameId, shown.uid, quiet);
     if (!uid) return uid.error();
     const auto gid =
-        idToSet((which & FUSE_SET_ATTR_GID) != 0 ? wanted.st_gid : kSameId, shown.gid, shown.quiet);
+        idToSet((which & FUSE_SET_ATTR_GID) != 0 ? wanted.st_gid : kSameId, shown.gid, quiet);
     if (!gid) return gid.error();
     if (*uid != kSameId || *gid != kSameId) {
       if (auto done = drive.setOwner(node, *uid, *gid); !done) return done;
@@ -46,7 +47,7 @@ Outcome<Unit> change(Context& context, NodeId node, const struct stat& wanted, i
 
 }  // namespace
 
-fuse_entry_param toEntry(const NodeEntry& entry, const Presentation& shown) {
+fuse_entry_param toEntry(const NodeEntry& entry, const OwnershipOverride& shown) {
   fuse_entry_param result{};
   result.ino = entry.node;
   if (entry.node != 0) result.attr = toStat(entry.attributes, entry.node, shown);
@@ -59,8 +60,8 @@ void replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry) {
     fuse_reply_err(request, entry.error().value);
     return;
   }
-  Context& context = contextOf(request);
-  const fuse_entry_param reply = toEntry(*entry, context.presentation());
+  MountContext& context = contextOf(request);
+  const fuse_entry_param reply = toEntry(*entry, context.ownership());
   if (fuse_reply_entry(request, &reply) == -ENOENT && entry->node != 0) {
     context.drive().forget(entry->node, 1);
   }
@@ -88,20 +89,20 @@ void handleForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* n
 namespace {
 
 void replyAttributes(fuse_req_t request, fuse_ino_t node, bool asOfNow) {
-  Context& context = contextOf(request);
+  MountContext& context = contextOf(request);
   const auto found = context.drive().attributes(node, asOfNow);
   if (!found) {
     fuse_reply_err(request, found.error().value);
     return;
   }
-  const struct stat reply = toStat(found->attributes, node, context.presentation());
+  const struct stat reply = toStat(found->attributes, node, context.ownership());
   fuse_reply_attr(request, &reply, toSeconds(found->validFor));
 }
 
 }  // namespace
 
-// With an open file, the kernel asks by itself: for its length, before it reads. A
-// program that asks wants to know what is on the disk.
+// With an open file, the kernel itself asks for the length before it reads. A program's
+// question is about the file as it is on the disk.
 void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   replyAttributes(request, node, info == nullptr);
 }
@@ -116,7 +117,7 @@ void handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wante
   }
 }
 
-// Not EINVAL, which would say that it is no link.
+// EINVAL would mean that it is no link.
 void handleReadLink(fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, EOPNOTSUPP); }
 
 void handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
@@ -179,15 +180,15 @@ void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const
     fuse_reply_err(request, ENAMETOOLONG);
     return;
   }
-  Context& context = contextOf(request);
+  MountContext& context = contextOf(request);
   const auto linked = context.drive().link(node, directory, name);
-  // What the kernel knows of the old name was told while it was the only one,
-  // and would count although the new one may be used for changes.
-  if (linked) context.forgetAttributes(node);
+  // The kernel cached the attributes under the old name, and would keep them over changes
+  // that are made under the new one.
+  if (linked) context.invalidateAttributes(node);
   replyEntry(request, linked);
 }
 
-void handleStatistics(fuse_req_t request, fuse_ino_t) {
+void handleStatfs(fuse_req_t request, fuse_ino_t) {
   const auto found = contextOf(request).drive().statistics();
   if (!found) {
     fuse_reply_err(request, found.error().value);

@@ -45,41 +45,41 @@ void refuse(fuse_conn_info& connection, Capabilities capabilities) {
 void initialise(void* userData, fuse_conn_info* connection) {
   want(*connection, {FUSE_CAP_ASYNC_READ, FUSE_CAP_AUTO_INVAL_DATA, FUSE_CAP_PARALLEL_DIROPS,
                      FUSE_CAP_READDIRPLUS, FUSE_CAP_READDIRPLUS_AUTO});
-  // Data is in memory already, so there is nothing to be spliced.
+  // Data is in memory already; splicing would gain nothing.
   refuse(*connection, {FUSE_CAP_SPLICE_READ, FUSE_CAP_SPLICE_WRITE, FUSE_CAP_SPLICE_MOVE});
   connection->max_background = kMaxBackground;
   connection->congestion_threshold = kMaxBackground * 3 / 4;
-  const MountOptions& options = static_cast<Context*>(userData)->options();
+  const MountOptions& options = static_cast<MountContext*>(userData)->options();
   connection->max_read = options.maxRead;
-  fuse_apply_conn_info_opts(options.wishes.get(), connection);
-  // The drive counts on the kernel for these, whatever the options say: to bring
-  // writes at once, to ask for a truncation by itself, to take away set-id bits.
+  fuse_apply_conn_info_opts(options.connectionOptions.get(), connection);
+  // Whatever the options say, the kernel must send writes at once, ask for truncations
+  // by themselves and clear set-id bits.
   refuse(*connection,
          {FUSE_CAP_WRITEBACK_CACHE, FUSE_CAP_ATOMIC_O_TRUNC, FUSE_CAP_HANDLE_KILLPRIV});
 }
 
 }  // namespace
 
-void Context::forgetAttributes(NodeId node) noexcept {
+void MountContext::invalidateAttributes(NodeId node) noexcept {
   constexpr off_t kNoPages = -1;
   if (mSession != nullptr) fuse_lowlevel_notify_inval_inode(mSession, node, kNoPages, 0);
 }
 
-OpenDirectory* Context::add(OpenDirectory directory) {
-  const std::lock_guard lock(mMutex);
-  Kept& kept = mDirectories.emplace_front(Kept{std::move(directory), {}});
-  kept.place = mDirectories.begin();
-  return &kept;
+OpenDirectory* MountContext::add(OpenDirectory directory) {
+  const MutexLock lock(mMutex);
+  StoredDirectory& stored = mDirectories.emplace_front(StoredDirectory{std::move(directory), {}});
+  stored.place = mDirectories.begin();
+  return &stored;
 }
 
-void Context::remove(OpenDirectory* directory) {
-  const std::lock_guard lock(mMutex);
-  mDirectories.erase(static_cast<Kept*>(directory)->place);
+void MountContext::remove(OpenDirectory* directory) {
+  const MutexLock lock(mMutex);
+  mDirectories.erase(static_cast<StoredDirectory*>(directory)->place);
 }
 
-// What is missing has good answers from the kernel: extended attributes and
-// fallocate fail, locks count on this machine, access is granted, the syncing of
-// a directory succeeds, and a copy within the drive goes by reading and writing.
+// The kernel has good answers for the missing operations: extended attributes and
+// fallocate fail, locks hold on this machine, access is granted, the syncing of a
+// directory succeeds, and a copy within the drive reads and writes.
 fuse_lowlevel_ops operations() {
   fuse_lowlevel_ops result{};
   result.init = initialise;
@@ -106,7 +106,7 @@ fuse_lowlevel_ops operations() {
   result.readdir = kGuarded<handleReadDirectory>;
   result.readdirplus = kGuarded<handleReadDirectoryPlus>;
   result.releasedir = kGuarded<handleReleaseDirectory>;
-  result.statfs = kGuarded<handleStatistics>;
+  result.statfs = kGuarded<handleStatfs>;
   result.create = kGuarded<handleCreate>;
   return result;
 }

@@ -7,13 +7,13 @@
 #include <array>
 #include <cstdint>
 #include <list>
-#include <mutex>
 #include <string_view>
 
 #include "drive/drive.h"
 #include "mount/attributes.h"
 #include "mount/fuse.h"
 #include "mount/options.h"
+#include "support/mutex.h"
 
 namespace zor::client::mount {
 
@@ -24,21 +24,21 @@ struct OpenDirectory {
   std::array<std::uint64_t, 2> dots{};  ///< the numbers of "." and ".."
 };
 
-/// What all requests share.
-class Context {
+/// The state that all requests share; the user data of the session.
+class MountContext {
  public:
   /// `options` must outlive this object.
-  Context(Drive& drive, const MountOptions& options) : mDrive(drive), mOptions(options) {}
+  MountContext(Drive& drive, const MountOptions& options) : mDrive(drive), mOptions(options) {}
 
   Drive& drive() noexcept { return mDrive; }
-  const Presentation& presentation() const noexcept { return mOptions.presentation; }
+  const OwnershipOverride& ownership() const noexcept { return mOptions.ownership; }
   const MountOptions& options() const noexcept { return mOptions; }
 
-  /// To be told before the first request, so that `forgetAttributes` has an effect.
-  void serves(fuse_session* session) noexcept { mSession = session; }
-  /// Makes the kernel ask for the attributes of `node` again. May be called
-  /// while a request is answered: the kernel takes no lock for it.
-  void forgetAttributes(NodeId node) noexcept;
+  /// To be called before the first request, so that `invalidateAttributes` has an effect.
+  void setSession(fuse_session* session) noexcept { mSession = session; }
+  /// Invalidates the kernel's attributes of `node`. May be called while a request is
+  /// answered: the kernel takes no lock for it.
+  void invalidateAttributes(NodeId node) noexcept;
 
   /// A program whose drive is taken away never closes its directories; they go
   /// with this object.
@@ -46,18 +46,18 @@ class Context {
   void remove(OpenDirectory* directory);
 
  private:
-  struct Kept : OpenDirectory {
-    std::list<Kept>::iterator place;
+  struct StoredDirectory : OpenDirectory {
+    std::list<StoredDirectory>::iterator place;
   };
 
   Drive& mDrive;
   const MountOptions& mOptions;
   fuse_session* mSession = nullptr;
-  std::mutex mMutex;
-  std::list<Kept> mDirectories;
+  Mutex mMutex;
+  std::list<StoredDirectory> mDirectories GUARDED_BY(mMutex);
 };
 
-/// Of sessions whose user data is a Context.
+/// For sessions whose user data is a MountContext.
 fuse_lowlevel_ops operations();
 
 // names.cpp
@@ -77,7 +77,7 @@ void handleSymlink(fuse_req_t request, const char* target, fuse_ino_t directory,
 void handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
                   const char* newName, unsigned flags);
 void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name);
-void handleStatistics(fuse_req_t request, fuse_ino_t node);
+void handleStatfs(fuse_req_t request, fuse_ino_t node);
 
 // files.cpp
 void handleCreate(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
@@ -99,10 +99,10 @@ void handleReadDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t si
                              fuse_file_info* info);
 void handleReleaseDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
 
-// What the handlers have in common.
+// Shared by the handlers.
 
-inline Context& contextOf(fuse_req_t request) {
-  return *static_cast<Context*>(fuse_req_userdata(request));
+inline MountContext& contextOf(fuse_req_t request) {
+  return *static_cast<MountContext*>(fuse_req_userdata(request));
 }
 
 inline bool isTooLong(std::string_view name) { return name.size() > 255; }
@@ -112,7 +112,7 @@ void replyStatus(fuse_req_t request, const Outcome<T>& outcome) {
   fuse_reply_err(request, outcome ? 0 : outcome.error().value);
 }
 
-fuse_entry_param toEntry(const NodeEntry& entry, const Presentation& shown);
+fuse_entry_param toEntry(const NodeEntry& entry, const OwnershipOverride& shown);
 
 /// Gives the entry's reference back when the kernel does not take it.
 void replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry);

@@ -14,8 +14,8 @@
 namespace zor::client::mount {
 namespace {
 
-// libfuse stops at most requests that wait for the host, so there are more
-// threads than requests that the kernel sends ahead of need.
+// A thread waits for the host with each request, so there are more threads than
+// requests that the kernel sends ahead of need (kMaxBackground).
 constexpr const char* kThreads = "-omax_threads=64";
 constexpr double kMaxSeconds = 86400;
 
@@ -29,7 +29,7 @@ enum Key {
   kTimeout,
   kBandwidth,
   kAllowHostUser,
-  kStatistics,
+  kMetrics,
   kNoSync,
   kAllowOther,
 };
@@ -51,8 +51,8 @@ constexpr std::array<fuse_opt, 15> kOptions{{
     option("bandwidth=", kBandwidth),
     option("allow_host_user=", kAllowHostUser),
     option("--allow-host-user=", kAllowHostUser),
-    option("stats", kStatistics),
-    option("--stats", kStatistics),
+    option("stats", kMetrics),
+    option("--stats", kMetrics),
     option("allow_other", kAllowOther),
     FUSE_OPT_END,
 }};
@@ -90,19 +90,18 @@ bool setTime(std::chrono::milliseconds& time, std::string_view text, double smal
   return true;
 }
 
-// What is wrong with the value, or nothing.
+// Returns a complaint about the value, or nothing.
 const char* apply(MountOptions& options, int key, std::string_view value) {
   switch (key) {
     case kUid:
-      options.presentation.uid = idValue(value);
-      return options.presentation.uid ? nullptr : "give the number of a user, as in uid=1000";
+      options.ownership.uid = idValue(value);
+      return options.ownership.uid ? nullptr : "give the number of a user, as in uid=1000";
     case kGid:
-      options.presentation.gid = idValue(value);
-      return options.presentation.gid ? nullptr : "give the number of a group, as in gid=1000";
+      options.ownership.gid = idValue(value);
+      return options.ownership.gid ? nullptr : "give the number of a group, as in gid=1000";
     case kUmask:
-      options.presentation.umask = umaskValue(value);
-      return options.presentation.umask ? nullptr
-                                        : "give an octal number up to 777, as in umask=022";
+      options.ownership.umask = umaskValue(value);
+      return options.ownership.umask ? nullptr : "give an octal number up to 777, as in umask=022";
     case kAttributeTimeout:
       if (setTime(options.attributeTimeout, value, 0)) return nullptr;
       return "give seconds from 0 to 86400, as in attr_timeout=0.5";
@@ -120,13 +119,13 @@ const char* apply(MountOptions& options, int key, std::string_view value) {
       options.maxRead = number<unsigned>(value, 10).value_or(0);
       return options.maxRead != 0 ? nullptr : "give a number of bytes, as in max_read=131072";
     case kQuiet:
-      options.quiet = options.presentation.quiet = true;
+      options.quiet = true;
       return nullptr;
     case kNoSync:
       options.syncOnClose = false;
       return nullptr;
-    case kStatistics:
-      options.statistics = true;
+    case kMetrics:
+      options.metrics = true;
       return nullptr;
     default:
       return "";
@@ -154,7 +153,7 @@ int takeArgument(void* data, const char* argument, int key, fuse_args*) {
   if (wrong != nullptr && parsing.error.empty()) {
     parsing.error = (text.starts_with('-') ? "" : "-o ") + std::string(text) + ": " + wrong;
   }
-  return key == kMaxRead ? kKeep : kDiscard;  // the kernel is told, too
+  return key == kMaxRead ? kKeep : kDiscard;  // the kernel needs it, too
 }
 
 std::string asSentence(const FuseMessages& messages) {
@@ -181,7 +180,7 @@ std::string sourceArgument(const std::string& socketPath) {
   return argument;
 }
 
-// Tells by what libfuse makes of them whether there are options that nobody knows.
+// Whether libfuse accepts all of them.
 bool areKnown(FuseArguments arguments) {
   const fuse_lowlevel_ops none{};
   fuse_session* session = fuse_session_new(arguments.get(), &none, sizeof none, nullptr);
@@ -220,15 +219,15 @@ Result<MountOptions, std::string> parseOwn(FuseArguments given) {
   if (fuse_opt_insert_arg(given.get(), 1, sourceArgument(options.socketPath).c_str()) != 0) {
     throw std::bad_alloc();
   }
-  // Else the kernel would not look at permissions at all, and others would read everything.
+  // Without it the kernel checks no permissions, and others could read everything.
   if (parsing.forOthers) given.add("-odefault_permissions");
   options.foreground = general.foreground != 0;
   options.singleThread = general.singlethread != 0;
   options.cloneFd = general.clone_fd != 0;
   options.maxThreads = general.max_threads;
   options.maxIdleThreads = general.max_idle_threads;
-  options.wishes.reset(fuse_parse_conn_info_opts(given.get()));
-  if (!options.wishes || !areKnown(given)) return asSentence(messages);
+  options.connectionOptions.reset(fuse_parse_conn_info_opts(given.get()));
+  if (!options.connectionOptions || !areKnown(given)) return asSentence(messages);
   options.fuseArguments = std::move(given);
   return options;
 }

@@ -15,7 +15,7 @@ namespace zor::client::mount {
 
 enum class Action {
   kMount,
-  kCheck,  ///< the arguments were all that mattered
+  kCheck,  ///< only the arguments are checked
   kHelp,
   kVersion,
 };
@@ -25,22 +25,22 @@ struct MountOptions {
   std::string socketPath;
   std::string mountPoint;
   bool foreground = false;
-  bool statistics = false;
+  bool metrics = false;
   bool quiet = false;
   bool syncOnClose = true;
   std::chrono::milliseconds attributeTimeout{1000};
   std::chrono::milliseconds timeout{30000};
   std::uint32_t bandwidthKbit = 0;         ///< 0: not announced
   std::optional<uid_t> allowedHostUser{};  ///< besides the own user and root
-  Presentation presentation;
+  OwnershipOverride ownership;
 
   bool singleThread = false;
   bool cloneFd = false;
   unsigned maxThreads = 0;
   unsigned maxIdleThreads = 0;
-  unsigned maxRead = 0;         ///< bytes; 0: the kernel's limit
-  ConnectionWishes wishes;      ///< what is to be asked of the kernel
-  FuseArguments fuseArguments;  ///< for the session
+  unsigned maxRead = 0;                     ///< bytes; 0: the kernel's limit
+  FuseConnectionOptions connectionOptions;  ///< requests to the kernel
+  FuseArguments fuseArguments;              ///< for the session
 };
 
 /// An error is a sentence that says what to do. Not for several threads at once.

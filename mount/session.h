@@ -28,7 +28,7 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Nothing, or why it failed.
+  /// Returns the reason of a failure, or nothing.
   std::string mount();
 
   /// Serves until the file system is unmounted or `end` was called; an error
@@ -37,9 +37,8 @@ class Session {
   int run(const MountOptions& options);
 
   /// Makes `run` return. From another thread, at any time; waits until it has or
-  /// `giveUp` was called. A file system that nobody uses is unmounted in good
-  /// order, so that the kernel brings what it still holds; programs that use it
-  /// lose it.
+  /// `giveUp` was called. An unused file system is unmounted in order, so that the kernel
+  /// flushes its buffers; a used one is taken away from its programs.
   void end();
 
   /// `run` will not be called any more.

@@ -30,7 +30,7 @@ Signals::Signals() : mThread([this] { run(); }) {}
 
 Signals::~Signals() {
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
   }
   ::pthread_kill(mThread.native_handle(), SIGUSR1);
@@ -38,7 +38,7 @@ Signals::~Signals() {
 }
 
 void Signals::handle(std::function<void()> end, std::function<void()> print) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mEnd = std::move(end);
   mPrint = std::move(print);
 }
@@ -48,7 +48,7 @@ void Signals::run() {
   for (;;) {
     int signal = 0;
     if (::sigwait(&set, &signal) != 0) continue;
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mStop) return;
     if (signal == SIGUSR1) {
       if (mPrint) mPrint();

@@ -2,8 +2,9 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <thread>
+
+#include "support/mutex.h"
 
 namespace zor::client::mount {
 
@@ -22,17 +23,17 @@ class Signals {
   Signals& operator=(const Signals&) = delete;
 
   /// From now on `end` runs on SIGINT, SIGTERM and SIGHUP, and `print` on
-  /// SIGUSR1, one call at a time. Calls of what was set before are over when
+  /// SIGUSR1, one call at a time. No call of an earlier function is under way when
   /// this returns.
   void handle(std::function<void()> end, std::function<void()> print);
 
  private:
   void run();
 
-  std::mutex mMutex;  ///< held over the calls
-  std::function<void()> mEnd;
-  std::function<void()> mPrint;
-  bool mStop = false;
+  Mutex mMutex;  ///< held over the calls
+  std::function<void()> mEnd GUARDED_BY(mMutex);
+  std::function<void()> mPrint GUARDED_BY(mMutex);
+  bool mStop GUARDED_BY(mMutex) = false;
   std::thread mThread;
 };
 

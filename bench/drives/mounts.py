@@ -81,17 +81,22 @@ class Sshfs:
     @contextmanager
     def mounted(self, directory, mount_point, scratch, delay_ms):
         del scratch
-        server = [self._server]
-        if delay_ms:
-            server = [self._slow_link, "--delay", str(delay_ms), "--exec", *server]
         near, far = socket.socketpair()
         with ExitStack() as stack:
+            if delay_ms:
+                left = far
+                right, far = socket.socketpair()
+                with left, right:
+                    ends = [left.fileno(), right.fileno()]
+                    stack.enter_context(
+                        running([self._slow_link, "--delay", str(delay_ms), "--between",
+                                 *map(str, ends)], pass_fds=ends))
             with far:
-                stack.enter_context(running(server, stdin=far, stdout=far))
+                stack.enter_context(running([self._server], stdin=far, stdout=far))
             with near:
-                client = mount(["sshfs", "-f", "-o", ",".join(self._options), f":{directory}",
-                                mount_point], mount_point, stdin=near, stdout=near)
-                stack.enter_context(client)
+                stack.enter_context(
+                    mount(["sshfs", "-f", "-o", ",".join(self._options), f":{directory}",
+                           mount_point], mount_point, stdin=near, stdout=near))
             yield
 
 

@@ -4,21 +4,9 @@ from statistics import median
 
 from tables import seconds_text
 
-# By key: what it is called, the least ratio to the peer's rate, to the limit's.
-WORKS = {
-    "attributes-1": ("attribute query, one in flight", 1.0, None),
-    "attributes-32": ("attribute query, 32 in flight", 3, None),
-    "file-1": ("whole 4 KiB file, one in flight", 2.5, None),
-    "file-32": ("whole 4 KiB file, 32 in flight", 5, None),
-    "batch-1": ("batch of 32 files, one in flight", None, 0.6),
-    "batch-4": ("batch of 32 files, 4 in flight", None, 0.6),
-    "read-64k": ("64 KiB reads, 8 in flight", 2, None),
-    "read-1m": ("1 MiB reads, 4 in flight", 2, 0.5),
-    "write-64k": ("64 KiB writes, 8 in flight", 2, None),
-    "write-chunks": ("batch writes of 4 KiB chunks", 2, None),
-    "listing": ("listing of 2,000 entries", 3, 0.8),
-    "unchanged": ("unchanged check of 10,000 entries", None, 1 / 1.5),
-}
+from .works import WORKS
+
+BY_KEY = {work.key: work for work in WORKS}
 HOST, PEER, LIMIT = "udisk", "peer", "posix"
 NAMES = {HOST: "udisk-host", PEER: "sftp-server", LIMIT: "POSIX calls"}
 
@@ -41,11 +29,11 @@ def rate_rows(works):
     yield ["Work", "udisk-host", "sftp-server", "POSIX calls", "x peer", "at least", "x limit",
            "at least"]
     for work in works:
-        name, peer_goal, limit_goal = WORKS[work["key"]]
+        of = BY_KEY[work["key"]]
         rates = {side: median(sums["rates"]) for side, sums in work["sides"].items()}
-        yield [name, *(rate_text(rates[side], work["unit"]) for side in (HOST, PEER, LIMIT)),
-               *against(rates[HOST] / rates[PEER], peer_goal),
-               *against(rates[HOST] / rates[LIMIT], limit_goal)]
+        yield [of.title, *(rate_text(rates[side], of.unit) for side in (HOST, PEER, LIMIT)),
+               *against(rates[HOST] / rates[PEER], of.peer_goal),
+               *against(rates[HOST] / rates[LIMIT], of.limit_goal)]
 
 
 def against(ratio, goal):
@@ -62,7 +50,8 @@ def processor_rows(works):
     yield ["Work", "for each", "udisk-host", "sftp-server", "x peer", "less than 1"]
     for work in works:
         host, peer = (median(work["sides"][side]["processor_us"]) for side in (HOST, PEER))
-        yield [WORKS[work["key"]][0], work["unit"], seconds_text(host / 1e6),
+        of = BY_KEY[work["key"]]
+        yield [of.title, of.unit, seconds_text(host / 1e6),
                seconds_text(peer / 1e6), f"{host / peer:.2f}",
                "met" if host < peer else "missed"]
 
@@ -71,7 +60,7 @@ def memory_rows(works):
     yield ["Work", *(f"{NAMES[side]}: {when}" for side in (HOST, PEER)
                      for when in ("at rest", "most", "heap and stacks after"))]
     for work in works:
-        cells = [WORKS[work["key"]][0]]
+        cells = [BY_KEY[work["key"]].title]
         for side in (HOST, PEER):
             of = work["sides"][side]
             cells += [f"{of[key] / 1024:.1f}"

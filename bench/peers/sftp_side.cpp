@@ -1,8 +1,5 @@
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
 #include "framed_stream.h"
@@ -38,16 +35,7 @@ void expectStatus(Bytes frame, std::uint32_t status) {
 
 class SftpSide final : public Side {
  public:
-  SftpSide(const Programs& programs, const Tree& tree, UniqueFd near, const UniqueFd& far)
-      : mServer({programs.sftpServer, "-d", tree.root()}, far, tree.beside("peer.log")),
-        mStream(std::move(near)),
-        mData(kMiB) {
-    for (unsigned i = 0; i < kFiles; ++i) mFiles.push_back(Tree::fileName(i));
-    fillContents(mData, writtenSeed(), 0);
-  }
-
-  /// After the descriptor of the server's end was closed here.
-  void start() {
+  SftpSide(int root, UniqueFd socket) : Side(root, 1), mStream(std::move(socket)) {
     constexpr std::uint32_t kVersion = 3;
     Writer(mStream, Message::kInit, kVersion, 0, 0);  // the version stands where others have an id
     mStream.flush();
@@ -57,31 +45,82 @@ class SftpSide final : public Side {
     });
   }
 
-  std::string_view name() const override { return "peer"; }
-  const Server* server() const override { return &mServer; }
-  std::uint64_t writtenSeed() const override { return 3'000'000; }
+  double attributes(const Run& run) override {
+    const auto begin = [&](unsigned slot) {
+      const std::string& path = mFiles[mNext++ % kFiles];
+      Writer(mStream, Message::kLstat, slot, 4 + path.size(), 0).string(path);
+    };
+    const auto proceed = [&](unsigned, Bytes frame) {
+      Reader reader(frame);
+      expect(reader.type() == Message::kAttributes, "the reply to an attribute query");
+      const std::uint64_t size = reader.attributes();
+      expect(reader.ok(), "the length of attributes");
+      if (run.checked) expect(size == kFileSize, "the size of a file");
+      return true;
+    };
+    return static_cast<double>(mStream.pump(run.inFlight, run.until, begin, proceed));
+  }
 
-  double run(const WorkTraits& work, const Until& until, bool checked) override {
-    mNext = 0;
-    switch (work.work) {
-      case Work::kAttributes:
-        return attributes(work, until, checked);
-      case Work::kWholeFile:
-        return wholeFile(work.inFlight, until, checked);
-      case Work::kFileBatch:
-        return wholeFile(work.inFlight * kBatchFiles, until, checked);
-      case Work::kRead:
-        return read(work, until, checked);
-      case Work::kWrite:
-        return write(work.inFlight, work.size, work.size, until);
-      case Work::kWriteChunks:
-        return write(kChunksInFlight, work.size, kChunkDistance, until);
-      case Work::kListing:
-        return listing(Tree::kFilesName, kFiles, until, checked);
-      case Work::kUnchanged:
-        return listing(Tree::kManyName, kManyEntries, until, false);
-    }
-    return 0;
+  double wholeFiles(const Run& run) override { return files(run.inFlight, run); }
+  double batches(const Run& run) override { return files(run.inFlight * kBatchFiles, run); }
+  double files(unsigned inFlight, const Run& run) {
+    mSlots.assign(inFlight, {});
+    const auto begin = [&](unsigned slot) {
+      mSlots[slot].item = mNext++ % kFiles;
+      sendOpen(slot, mFiles[mSlots[slot].item], kOpenRead);
+    };
+    const auto proceed = [&](unsigned number, Bytes frame) {
+      Slot& slot = mSlots[number];
+      if (slot.sent == Message::kOpen) {
+        slot.handle = handleOf(frame);
+        sendRead(number, slot.handle, 0, kFileSize);
+        return false;
+      }
+      if (slot.sent == Message::kRead) {
+        const Bytes data = dataOf(frame);
+        expect(data.size() == kFileSize, "the size of a file");
+        if (run.checked) expectContents(data, mFiles[slot.item], 0);
+        sendOnHandle(Message::kClose, number, slot.handle);
+        return false;
+      }
+      expectStatus(frame, kStatusOk);
+      return true;
+    };
+    return static_cast<double>(mStream.pump(inFlight, run.until, begin, proceed));
+  }
+
+  double reads(const Run& run) override {
+    const std::uint32_t size = std::min(run.size, kMaxRead);
+    const unsigned pieces = (run.size + size - 1) / size;
+    const unsigned inFlight = run.inFlight * pieces;
+    const std::string handle = open(kBigName, kOpenRead);
+    mSlots.assign(inFlight, {});
+    const auto begin = [&](unsigned slot) {
+      mSlots[slot].item = mNext++ % (kBigSize / size) * size;
+      sendRead(slot, handle, mSlots[slot].item, size);
+    };
+    const auto proceed = [&](unsigned slot, Bytes frame) {
+      const Bytes data = dataOf(frame);
+      expect(data.size() == size, "the size of what was read");
+      if (run.checked) expectContents(data, kBigName, mSlots[slot].item);
+      return true;
+    };
+    const double done =
+        mebibytes(mStream.pump(inFlight, run.until.scaled(1, pieces), begin, proceed), size);
+    close(handle);
+    return done;
+  }
+
+  double writes(const Run& run) override { return write(run.inFlight, run.size, run.size, run); }
+  double chunks(const Run& run) override {
+    return write(kChunksInFlight, run.size, kChunkDistance, run);
+  }
+
+  double listings(const Run& run) override {
+    return list(kFilesName, kFiles, run.until, run.checked);
+  }
+  double unchanged(const Run& run) override {
+    return list(kManyName, kManyEntries, run.until, false);
   }
 
  private:
@@ -122,48 +161,6 @@ class SftpSide final : public Side {
     return reader.string();
   }
 
-  double attributes(const WorkTraits& work, const Until& until, bool checked) {
-    const auto begin = [&](unsigned slot) {
-      const std::string& path = mFiles[mNext++ % kFiles];
-      Writer(mStream, Message::kLstat, slot, 4 + path.size(), 0).string(path);
-    };
-    const auto proceed = [&](unsigned, Bytes frame) {
-      Reader reader(frame);
-      expect(reader.type() == Message::kAttributes, "the reply to an attribute query");
-      const std::uint64_t size = reader.attributes();
-      expect(reader.ok(), "the length of attributes");
-      if (checked) expect(size == kFileSize, "the size of a file");
-      return true;
-    };
-    return static_cast<double>(mStream.pump(work.inFlight, until, begin, proceed));
-  }
-
-  double wholeFile(unsigned inFlight, const Until& until, bool checked) {
-    mSlots.assign(inFlight, {});
-    const auto begin = [&](unsigned slot) {
-      mSlots[slot].item = mNext++ % kFiles;
-      sendOpen(slot, mFiles[mSlots[slot].item], kOpenRead);
-    };
-    const auto proceed = [&](unsigned number, Bytes frame) {
-      Slot& slot = mSlots[number];
-      if (slot.sent == Message::kOpen) {
-        slot.handle = handleOf(frame);
-        sendRead(number, slot.handle, 0, kFileSize);
-        return false;
-      }
-      if (slot.sent == Message::kRead) {
-        const Bytes data = dataOf(frame);
-        expect(data.size() == kFileSize, "the size of a file");
-        if (checked) expectContents(data, slot.item, 0, kFileSize);
-        sendOnHandle(Message::kClose, number, slot.handle);
-        return false;
-      }
-      expectStatus(frame, kStatusOk);
-      return true;
-    };
-    return static_cast<double>(mStream.pump(inFlight, until, begin, proceed));
-  }
-
   std::string open(std::string_view path, std::uint32_t flags) {
     mSlots.assign(1, {});
     sendOpen(0, path, flags);
@@ -178,47 +175,25 @@ class SftpSide final : public Side {
     mStream.receive([](Bytes frame) { expectStatus(frame, kStatusOk); });
   }
 
-  double read(const WorkTraits& work, const Until& until, bool checked) {
-    const std::uint32_t size = std::min(work.size, kMaxRead);
-    const unsigned pieces = (work.size + size - 1) / size;
-    const unsigned inFlight = work.inFlight * pieces;
-    const std::string handle = open(Tree::kBigName, kOpenRead);
-    mSlots.assign(inFlight, {});
-    const auto begin = [&](unsigned slot) {
-      mSlots[slot].item = mNext++ % (kBigSize / size) * size;
-      sendRead(slot, handle, mSlots[slot].item, size);
-    };
-    const auto proceed = [&](unsigned slot, Bytes frame) {
-      const Bytes data = dataOf(frame);
-      expect(data.size() == size, "the size of what was read");
-      if (checked) expectContents(data, Tree::kBigSeed, mSlots[slot].item, size);
-      return true;
-    };
-    const double done =
-        mebibytes(mStream.pump(inFlight, until.scaled(1, pieces), begin, proceed), size);
-    close(handle);
-    return done;
-  }
-
-  double write(unsigned inFlight, std::uint32_t size, std::uint64_t distance, const Until& until) {
-    const std::string handle = open(Tree::kWrittenName, kOpenWrite);
+  double write(unsigned inFlight, std::uint32_t size, std::uint64_t distance, const Run& run) {
+    const std::string handle = open(kWrittenName, kOpenWrite);
     const auto begin = [&](unsigned slot) {
       Writer(mStream, Message::kWrite, slot, 4 + handle.size() + 12, size)
           .string(handle)
           .u64(mNext++ * distance % kBigSize)
           .u32(size);
-      mStream.refer(Bytes(mData).first(size));
+      mStream.refer(data(size));
     };
     const auto proceed = [&](unsigned, Bytes frame) {
       expectStatus(frame, kStatusOk);
       return true;
     };
-    const double done = mebibytes(mStream.pump(inFlight, until, begin, proceed), size);
+    const double done = mebibytes(mStream.pump(inFlight, run.until, begin, proceed), size);
     close(handle);
     return done;
   }
 
-  double listing(std::string_view path, unsigned entries, const Until& until, bool checked) {
+  double list(std::string_view path, unsigned entries, const Until& until, bool checked) {
     mSlots.assign(1, {});
     const auto begin = [&](unsigned slot) {
       mSlots[slot] = {};
@@ -269,31 +244,15 @@ class SftpSide final : public Side {
     return count;
   }
 
-  static double mebibytes(std::uint64_t count, std::uint64_t size) {
-    return static_cast<double>(count * size) / static_cast<double>(kMiB);
-  }
-
-  Server mServer;
   FramedStream<SftpFormat> mStream;
-  std::vector<std::byte> mData;
-  std::vector<std::string> mFiles;
   std::uint64_t mNext = 0;
   std::vector<Slot> mSlots;
 };
 
 }  // namespace
 
-std::unique_ptr<Side> makeSftpSide(const Programs& programs, const Tree& tree) {
-  int ends[2] = {-1, -1};
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socketpair");
-  }
-  UniqueFd near(ends[0]);
-  UniqueFd far(ends[1]);
-  auto side = std::make_unique<SftpSide>(programs, tree, std::move(near), far);
-  far.reset();
-  side->start();
-  return side;
+std::unique_ptr<Side> makeSftpSide(int root, UniqueFd socket) {
+  return std::make_unique<SftpSide>(root, std::move(socket));
 }
 
 }  // namespace zor::bench

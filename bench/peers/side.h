@@ -4,14 +4,38 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
-#include "server.h"
-#include "tree.h"
-#include "work.h"
+#include "protocol/codec.h"
+#include "support/unique_fd.h"
 
 namespace zor::bench {
+
+// The served tree, as measure.py makes it.
+inline constexpr unsigned kFiles = 2000;  ///< of kFileSize
+inline constexpr std::uint32_t kFileSize = 4096;
+inline constexpr unsigned kManyEntries = 10'000;  ///< empty files
+inline constexpr std::uint64_t kBigSize = std::uint64_t{256} << 20;
+inline constexpr std::string_view kFilesName = "files";
+inline constexpr std::string_view kManyName = "many";
+inline constexpr std::string_view kBigName = "big";
+inline constexpr std::string_view kWrittenName = "written";
+
+inline constexpr unsigned kBatchFiles = 32;
+inline constexpr std::uint64_t kBatches = kFiles / kBatchFiles;
+inline constexpr unsigned kBatchChunks = 256;
+inline constexpr std::uint64_t kChunkDistance = 8192;  ///< they do not touch each other
+inline constexpr std::uint64_t kChunks = kBigSize / kChunkDistance;
+inline constexpr std::uint64_t kMiB = 1 << 20;
+
+/// Throws std::runtime_error.
+void expect(bool condition, const char* what);
+
+inline double mebibytes(std::uint64_t count, std::uint64_t size) {
+  return static_cast<double>(count * size) / static_cast<double>(kMiB);
+}
 
 /// When no further item is begun.
 class Until {
@@ -40,37 +64,48 @@ class Until {
   std::uint64_t mItems;
 };
 
+struct Run {
+  unsigned inFlight = 1;
+  std::uint32_t size = 0;  ///< of a piece, in bytes
+  Until until;
+  bool checked = false;  ///< everything read is compared with the file on the disk
+};
+
+/// Each work goes on until it is over and nothing is in flight, and returns the units
+/// done. Failures are thrown as std::exception; the object is of no use then.
 class Side {
  public:
+  /// Writes of the side put the MiB at `seed` of the big file into each piece, so that a
+  /// check sees whose data it is.
+  Side(int root, unsigned seed);
   virtual ~Side() = default;
 
-  virtual std::string_view name() const = 0;
+  virtual double attributes(const Run& run) = 0;
+  virtual double wholeFiles(const Run& run) = 0;
+  virtual double batches(const Run& run) = 0;
+  virtual double reads(const Run& run) = 0;
+  virtual double writes(const Run& run) = 0;
+  virtual double chunks(const Run& run) = 0;
+  virtual double listings(const Run& run) = 0;
+  virtual double unchanged(const Run& run) = 0;
 
-  /// The process that serves; null where there is none.
-  virtual const Server* server() const { return nullptr; }
+ protected:
+  /// Throws std::runtime_error when `data` is not what the file holds at `offset`.
+  void expectContents(wire::Bytes data, std::string_view name, std::uint64_t offset) const;
+  wire::Bytes data(std::size_t size) const { return wire::Bytes(mData).first(size); }
 
-  /// Does the work until it is over and nothing is in flight; returns the
-  /// units done. When `checked`, everything read is compared with what it
-  /// should be. Throws std::exception; this object is of no use then.
-  virtual double run(const WorkTraits& work, const Until& until, bool checked) = 0;
+  const int mRoot;
+  std::vector<std::string> mFiles;  ///< paths relative to the root
 
-  /// What writes of this side put into the file, repeated with each piece.
-  /// Unlike that of other sides, so that a check sees whose data it is.
-  virtual std::uint64_t writtenSeed() const = 0;
+ private:
+  std::vector<std::byte> mData;
 };
-
-struct Programs {
-  std::filesystem::path host;
-  std::filesystem::path sftpServer;
-};
-
-// The trees and the programs must outlive the sides.
 
 /// The host, spoken to by the bench's own client.
-std::unique_ptr<Side> makeUdiskSide(const Programs& programs, const Tree& tree);
+std::unique_ptr<Side> makeUdiskSide(int root, UniqueFd socket);
 /// The peer, spoken to by the same client in the peer's language.
-std::unique_ptr<Side> makeSftpSide(const Programs& programs, const Tree& tree);
+std::unique_ptr<Side> makeSftpSide(int root, UniqueFd socket);
 /// The same system calls without a server.
-std::unique_ptr<Side> makePosixSide(const Tree& tree);
+std::unique_ptr<Side> makePosixSide(int root);
 
 }  // namespace zor::bench

@@ -1,9 +1,7 @@
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
-#include "client/connection.h"
 #include "client/packet.h"
 #include "framed_stream.h"
 #include "protocol/commands.h"
@@ -41,43 +39,167 @@ struct PacketFormat {
 
 class UdiskSide final : public Side {
  public:
-  UdiskSide(const Programs& programs, const Tree& tree)
-      : mSocket(tree.beside("host.sock")),
-        mHost(std::vector<std::string>{programs.host, "serve", tree.root(), "--socket", mSocket},
-              UniqueFd(), tree.beside("host.log")),
-        mStream(connect()),
-        mData(kMiB) {
-    for (unsigned i = 0; i < kFiles; ++i) mFiles.push_back("/" + Tree::fileName(i));
-    fillContents(mData, writtenSeed(), 0);
+  UdiskSide(int root, UniqueFd socket) : Side(root, 0), mStream(std::move(socket)) {
+    for (std::string& name : mFiles) name.insert(0, 1, '/');
     greet();
   }
 
-  std::string_view name() const override { return "udisk"; }
-  const Server* server() const override { return &mHost; }
-  std::uint64_t writtenSeed() const override { return 2'000'000; }
+  double attributes(const Run& run) override {
+    const auto begin = [&](unsigned slot) {
+      const std::string& path = mFiles[mItems[slot] = mNext++ % kFiles];
+      request(Command::kGetFileAttr, slot,
+              wire::FileAttrRecord{static_cast<std::uint16_t>(path.size()), 0}, path);
+    };
+    const auto proceed = [&](unsigned slot, Bytes frame) {
+      wire::FileAttrRecord record{};
+      wire::Cursor cursor(reply(frame, Command::kGetFileAttr, mFiles[mItems[slot]].size(), record));
+      udisk_stat attributes{};
+      expect(cursor.get(attributes), "the length of attributes");
+      if (run.checked) expect(attributes.st_size == kFileSize, "the size of a file");
+      return true;
+    };
+    return static_cast<double>(mStream.pump(run.inFlight, run.until, begin, proceed));
+  }
 
-  double run(const WorkTraits& work, const Until& until, bool checked) override {
-    mNext = 0;
-    mItems.assign(work.inFlight, 0);
-    switch (work.work) {
-      case Work::kAttributes:
-        return attributes(work, until, checked);
-      case Work::kWholeFile:
-        return wholeFile(work, until, checked);
-      case Work::kFileBatch:
-        return fileBatch(work, until, checked);
-      case Work::kRead:
-        return read(work, until, checked);
-      case Work::kWrite:
-        return write(work, until);
-      case Work::kWriteChunks:
-        return writeChunks(work, until);
-      case Work::kListing:
-        return listing(work, until, checked);
-      case Work::kUnchanged:
-        return unchanged(work, until, checked);
-    }
-    return 0;
+  double wholeFiles(const Run& run) override {
+    const auto begin = [&](unsigned slot) {
+      const std::string& path = mFiles[mItems[slot] = mNext++ % kFiles];
+      request(Command::kFileRead, slot, readRecord(0, kFileSize, path), path);
+    };
+    const auto proceed = [&](unsigned slot, Bytes frame) {
+      wire::FileReadRecord record{};
+      const Bytes data = reply(frame, Command::kFileRead, mFiles[mItems[slot]].size(), record);
+      expect(record.size == kFileSize, "the size of what was read");
+      if (run.checked) expectContents(data, mFiles[mItems[slot]].substr(1), 0);
+      return true;
+    };
+    return static_cast<double>(mStream.pump(run.inFlight, run.until, begin, proceed));
+  }
+
+  double batches(const Run& run) override {
+    constexpr std::size_t kRecordSize = wire::wireSize<wire::FileReadRecord>();
+    const auto begin = [&](unsigned slot) {
+      const std::uint64_t first = mItems[slot] = mNext++ % kBatches * kBatchFiles;
+      const std::size_t each = kRecordSize + mFiles.front().size();
+      request(Command::kSmallFileRead, slot, wire::SmallFileRecord{kBatchFiles}, {},
+              kBatchFiles * each);
+      std::byte* at = mStream.add(kBatchFiles * each);
+      for (std::uint64_t i = first; i < first + kBatchFiles; ++i) {
+        at = wire::encodeAt(at, readRecord(0, kFileSize, mFiles[i]));
+        std::memcpy(at, mFiles[i].data(), mFiles[i].size());
+        at += mFiles[i].size();
+      }
+    };
+    const auto proceed = [&](unsigned slot, Bytes frame) {
+      wire::SmallFileRecord count{};
+      wire::Cursor cursor(reply(frame, Command::kSmallFileRead, 0, count));
+      for (std::uint64_t i = mItems[slot]; i < mItems[slot] + kBatchFiles; ++i) {
+        wire::FileReadRecord record{};
+        cursor.get(record);
+        cursor.take(record.pathLength);
+        const Bytes data = cursor.take(record.size);
+        expect(cursor.ok() && data.size() == kFileSize, "the size of a file of a batch");
+        if (run.checked) expectContents(data, mFiles[i].substr(1), 0);
+      }
+      return true;
+    };
+    const Until batches = run.until.scaled(kBatchFiles);
+    return static_cast<double>(mStream.pump(run.inFlight, batches, begin, proceed)) * kBatchFiles;
+  }
+
+  double reads(const Run& run) override {
+    const std::string path = "/" + std::string(kBigName);
+    const auto begin = [&](unsigned slot) {
+      mItems[slot] = mNext++ * run.size % kBigSize;
+      request(Command::kFileRead, slot, readRecord(mItems[slot], run.size, path), path);
+    };
+    const auto proceed = [&](unsigned slot, Bytes frame) {
+      wire::FileReadRecord record{};
+      const Bytes data = reply(frame, Command::kFileRead, path.size(), record);
+      expect(record.size == run.size, "the size of what was read");
+      if (run.checked) expectContents(data, kBigName, mItems[slot]);
+      return true;
+    };
+    return mebibytes(mStream.pump(run.inFlight, run.until, begin, proceed), run.size);
+  }
+
+  double writes(const Run& run) override {
+    const std::string path = "/" + std::string(kWrittenName);
+    const auto begin = [&](unsigned slot) {
+      const std::uint64_t offset = mNext++ * run.size % kBigSize;
+      request(Command::kFileWrite, slot,
+              wire::FileWriteRecord{static_cast<std::int64_t>(offset),
+                                    static_cast<std::int32_t>(run.size), 0, run.size,
+                                    static_cast<std::uint16_t>(path.size()), 0, 0},
+              path, run.size);
+      mStream.refer(data(run.size));
+    };
+    const auto proceed = [&](unsigned, Bytes frame) {
+      return written(frame, path.size(), run.size);
+    };
+    return mebibytes(mStream.pump(run.inFlight, run.until, begin, proceed), run.size);
+  }
+
+  double chunks(const Run& run) override {
+    const std::string path = "/" + std::string(kWrittenName);
+    constexpr std::size_t kHead = wire::wireSize<wire::WriteChunk>();
+    const std::size_t total = kBatchChunks * (kHead + run.size);
+    const auto begin = [&](unsigned slot) {
+      request(Command::kFileWrite, slot,
+              wire::FileWriteRecord{0, static_cast<std::int32_t>(total), 0, 0,
+                                    static_cast<std::uint16_t>(path.size()), 0, 0},
+              path, total);
+      for (unsigned i = 0; i < kBatchChunks; ++i) {
+        const std::uint64_t offset = (mNext * kBatchChunks + i) % kChunks * kChunkDistance;
+        wire::encodeAt(mStream.add(kHead),
+                       wire::WriteChunk{static_cast<std::int64_t>(offset), run.size});
+        mStream.refer(data(run.size));
+      }
+      ++mNext;
+    };
+    const auto proceed = [&](unsigned, Bytes frame) { return written(frame, path.size(), total); };
+    const Until batches = run.until.scaled(kBatchChunks);
+    return mebibytes(mStream.pump(run.inFlight, batches, begin, proceed), kBatchChunks * run.size);
+  }
+
+  double listings(const Run& run) override {
+    const std::string path = "/" + std::string(kFilesName);
+    const auto begin = [&](unsigned slot) {
+      request(Command::kDirRead, slot, dirRecord(path, {}, 0), path);
+    };
+    const auto proceed = [&](unsigned, Bytes frame) {
+      wire::DirRecord record{};
+      const Bytes entries = reply(frame, Command::kDirRead, path.size(), record);
+      expect(countEntries(entries, run.checked) == kFiles, "the number of entries");
+      return true;
+    };
+    return static_cast<double>(mStream.pump(run.inFlight, run.until, begin, proceed));
+  }
+
+  double unchanged(const Run& run) override {
+    const std::string path = "/" + std::string(kManyName);
+    wire::DirRecord record{};
+    request(Command::kDirRead, 0, dirRecord(path, {}, 0), path);
+    mStream.flush();
+    std::vector<std::byte> known;
+    mStream.receive([&](Bytes frame) {
+      const Bytes entries = reply(frame, Command::kDirRead, path.size(), record);
+      known.assign(entries.begin(), entries.end());
+    });
+    if (run.checked) expectChangeSeen(path, known, record.entryCount);
+    // Silence means "unchanged"; the flush behind it is always answered.
+    const auto begin = [&](unsigned slot) {
+      request(Command::kCheckDir, slot, dirRecord(path, known, record.entryCount), path,
+              known.size());
+      mStream.refer(known);
+      flushRequest(slot, path);
+    };
+    const auto proceed = [&](unsigned, Bytes frame) {
+      wire::HandleRecord echo{};
+      reply(frame, Command::kFileFlush, path.size(), echo);
+      return true;
+    };
+    return static_cast<double>(mStream.pump(run.inFlight, run.until, begin, proceed));
   }
 
  private:
@@ -124,88 +246,9 @@ class UdiskSide final : public Side {
     return cursor.rest();
   }
 
-  double attributes(const WorkTraits& work, const Until& until, bool checked) {
-    const auto begin = [&](unsigned slot) {
-      const std::string& path = mFiles[mItems[slot] = mNext++ % kFiles];
-      request(Command::kGetFileAttr, slot,
-              wire::FileAttrRecord{static_cast<std::uint16_t>(path.size()), 0}, path);
-    };
-    const auto proceed = [&](unsigned slot, Bytes frame) {
-      wire::FileAttrRecord record{};
-      wire::Cursor cursor(reply(frame, Command::kGetFileAttr, mFiles[mItems[slot]].size(), record));
-      udisk_stat attributes{};
-      expect(cursor.get(attributes), "the length of attributes");
-      if (checked) expect(attributes.st_size == kFileSize, "the size of a file");
-      return true;
-    };
-    return static_cast<double>(mStream.pump(work.inFlight, until, begin, proceed));
-  }
-
   static wire::FileReadRecord readRecord(std::uint64_t offset, std::uint32_t size,
                                          std::string_view path) {
     return {static_cast<std::int64_t>(offset), 0, size, static_cast<std::uint32_t>(path.size()), 0};
-  }
-
-  double wholeFile(const WorkTraits& work, const Until& until, bool checked) {
-    const auto begin = [&](unsigned slot) {
-      const std::string& path = mFiles[mItems[slot] = mNext++ % kFiles];
-      request(Command::kFileRead, slot, readRecord(0, kFileSize, path), path);
-    };
-    const auto proceed = [&](unsigned slot, Bytes frame) {
-      wire::FileReadRecord record{};
-      const Bytes data = reply(frame, Command::kFileRead, mFiles[mItems[slot]].size(), record);
-      expect(record.size == kFileSize, "the size of what was read");
-      if (checked) expectContents(data, mItems[slot], 0, kFileSize);
-      return true;
-    };
-    return static_cast<double>(mStream.pump(work.inFlight, until, begin, proceed));
-  }
-
-  double fileBatch(const WorkTraits& work, const Until& until, bool checked) {
-    constexpr std::size_t kRecordSize = wire::wireSize<wire::FileReadRecord>();
-    const auto begin = [&](unsigned slot) {
-      const std::uint64_t first = mItems[slot] = mNext++ % kBatches * kBatchFiles;
-      const std::size_t each = kRecordSize + mFiles.front().size();
-      request(Command::kSmallFileRead, slot, wire::SmallFileRecord{kBatchFiles}, {},
-              kBatchFiles * each);
-      std::byte* at = mStream.add(kBatchFiles * each);
-      for (std::uint64_t i = first; i < first + kBatchFiles; ++i) {
-        at = wire::encodeAt(at, readRecord(0, kFileSize, mFiles[i]));
-        std::memcpy(at, mFiles[i].data(), mFiles[i].size());
-        at += mFiles[i].size();
-      }
-    };
-    const auto proceed = [&](unsigned slot, Bytes frame) {
-      wire::SmallFileRecord count{};
-      wire::Cursor cursor(reply(frame, Command::kSmallFileRead, 0, count));
-      for (std::uint64_t i = mItems[slot]; i < mItems[slot] + kBatchFiles; ++i) {
-        wire::FileReadRecord record{};
-        cursor.get(record);
-        cursor.take(record.pathLength);
-        const Bytes data = cursor.take(record.size);
-        expect(cursor.ok() && data.size() == kFileSize, "the size of a file of a batch");
-        if (checked) expectContents(data, i, 0, kFileSize);
-      }
-      return true;
-    };
-    const Until batches = until.scaled(kBatchFiles);
-    return static_cast<double>(mStream.pump(work.inFlight, batches, begin, proceed)) * kBatchFiles;
-  }
-
-  double read(const WorkTraits& work, const Until& until, bool checked) {
-    const std::string path = "/" + std::string(Tree::kBigName);
-    const auto begin = [&](unsigned slot) {
-      mItems[slot] = mNext++ * work.size % kBigSize;
-      request(Command::kFileRead, slot, readRecord(mItems[slot], work.size, path), path);
-    };
-    const auto proceed = [&](unsigned slot, Bytes frame) {
-      wire::FileReadRecord record{};
-      const Bytes data = reply(frame, Command::kFileRead, path.size(), record);
-      expect(record.size == work.size, "the size of what was read");
-      if (checked) expectContents(data, Tree::kBigSeed, mItems[slot], work.size);
-      return true;
-    };
-    return mebibytes(mStream.pump(work.inFlight, until, begin, proceed), work.size);
   }
 
   /// Says that all was written.
@@ -214,46 +257,6 @@ class UdiskSide final : public Side {
     reply(frame, Command::kFileWrite, pathLength, record);
     expect(static_cast<std::size_t>(record.file_buf_length) == size, "the result of a write");
     return true;
-  }
-
-  double write(const WorkTraits& work, const Until& until) {
-    const std::string path = "/" + std::string(Tree::kWrittenName);
-    const auto begin = [&](unsigned slot) {
-      const std::uint64_t offset = mNext++ * work.size % kBigSize;
-      request(Command::kFileWrite, slot,
-              wire::FileWriteRecord{static_cast<std::int64_t>(offset),
-                                    static_cast<std::int32_t>(work.size), 0, work.size,
-                                    static_cast<std::uint16_t>(path.size()), 0, 0},
-              path, work.size);
-      mStream.refer(Bytes(mData).first(work.size));
-    };
-    const auto proceed = [&](unsigned, Bytes frame) {
-      return written(frame, path.size(), work.size);
-    };
-    return mebibytes(mStream.pump(work.inFlight, until, begin, proceed), work.size);
-  }
-
-  double writeChunks(const WorkTraits& work, const Until& until) {
-    const std::string path = "/" + std::string(Tree::kWrittenName);
-    constexpr std::size_t kHead = wire::wireSize<wire::WriteChunk>();
-    constexpr std::size_t kSize = kBatchChunks * (kHead + kChunkSize);
-    const auto begin = [&](unsigned slot) {
-      request(Command::kFileWrite, slot,
-              wire::FileWriteRecord{0, static_cast<std::int32_t>(kSize), 0, 0,
-                                    static_cast<std::uint16_t>(path.size()), 0, 0},
-              path, kSize);
-      for (unsigned i = 0; i < kBatchChunks; ++i) {
-        const std::uint64_t offset = (mNext * kBatchChunks + i) % kChunks * kChunkDistance;
-        wire::encodeAt(mStream.add(kHead),
-                       wire::WriteChunk{static_cast<std::int64_t>(offset), kChunkSize});
-        mStream.refer(Bytes(mData).first(kChunkSize));
-      }
-      ++mNext;
-    };
-    const auto proceed = [&](unsigned, Bytes frame) { return written(frame, path.size(), kSize); };
-    const Until batches = until.scaled(kBatchChunks);
-    return mebibytes(mStream.pump(work.inFlight, batches, begin, proceed),
-                     kBatchChunks * kChunkSize);
   }
 
   static wire::DirRecord dirRecord(std::string_view path, Bytes known, std::uint16_t count) {
@@ -272,46 +275,6 @@ class UdiskSide final : public Side {
     }
     expect(reader.complete(), "the form of a listing");
     return count;
-  }
-
-  double listing(const WorkTraits& work, const Until& until, bool checked) {
-    const std::string path = "/" + std::string(Tree::kFilesName);
-    const auto begin = [&](unsigned slot) {
-      request(Command::kDirRead, slot, dirRecord(path, {}, 0), path);
-    };
-    const auto proceed = [&](unsigned, Bytes frame) {
-      wire::DirRecord record{};
-      const Bytes entries = reply(frame, Command::kDirRead, path.size(), record);
-      expect(countEntries(entries, checked) == kFiles, "the number of entries");
-      return true;
-    };
-    return static_cast<double>(mStream.pump(work.inFlight, until, begin, proceed));
-  }
-
-  double unchanged(const WorkTraits& work, const Until& until, bool checked) {
-    const std::string path = "/" + std::string(Tree::kManyName);
-    wire::DirRecord record{};
-    request(Command::kDirRead, 0, dirRecord(path, {}, 0), path);
-    mStream.flush();
-    std::vector<std::byte> known;
-    mStream.receive([&](Bytes frame) {
-      const Bytes entries = reply(frame, Command::kDirRead, path.size(), record);
-      known.assign(entries.begin(), entries.end());
-    });
-    if (checked) expectChangeSeen(path, known, record.entryCount);
-    // Silence means "unchanged"; the flush behind it is always answered.
-    const auto begin = [&](unsigned slot) {
-      request(Command::kCheckDir, slot, dirRecord(path, known, record.entryCount), path,
-              known.size());
-      mStream.refer(known);
-      flushRequest(slot, path);
-    };
-    const auto proceed = [&](unsigned, Bytes frame) {
-      wire::HandleRecord echo{};
-      reply(frame, Command::kFileFlush, path.size(), echo);
-      return true;
-    };
-    return static_cast<double>(mStream.pump(work.inFlight, until, begin, proceed));
   }
 
   void flushRequest(std::uint32_t id, const std::string& path) {
@@ -342,33 +305,16 @@ class UdiskSide final : public Side {
     expect(answered, "the answer for a changed directory");
   }
 
-  UniqueFd connect() const {
-    for (int i = 0; i < 4000 && mHost.running(); ++i) {
-      auto socket = client::connectUnix(mSocket, std::chrono::seconds(10));
-      if (socket) return std::move(*socket);
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    throw std::runtime_error("the host cannot be reached; its log:\n" + mHost.log());
-  }
-
-  static double mebibytes(std::uint64_t count, std::uint64_t size) {
-    return static_cast<double>(count * size) / static_cast<double>(kMiB);
-  }
-
-  const std::string mSocket;
-  Server mHost;
   FramedStream<PacketFormat> mStream;
-  std::vector<std::byte> mData;
-  std::vector<std::string> mFiles;
   std::uint8_t mDevId = 0;
   std::uint64_t mNext = 0;
-  std::vector<std::uint64_t> mItems;  ///< by slot: what is read
+  std::vector<std::uint64_t> mItems = std::vector<std::uint64_t>(64);  ///< by slot: what is read
 };
 
 }  // namespace
 
-std::unique_ptr<Side> makeUdiskSide(const Programs& programs, const Tree& tree) {
-  return std::make_unique<UdiskSide>(programs, tree);
+std::unique_ptr<Side> makeUdiskSide(int root, UniqueFd socket) {
+  return std::make_unique<UdiskSide>(root, std::move(socket));
 }
 
 }  // namespace zor::bench

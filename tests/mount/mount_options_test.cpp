@@ -35,9 +35,9 @@ TEST(MountOptions, BothFormsMeanTheSame) {
     auto options = parse(form);
     ASSERT_TRUE(options) << options.error();
     EXPECT_EQ(options->socketPath + " " + options->mountPoint, "/run/a,b /mnt");
-    const Presentation& shown = options->presentation;
+    const OwnershipOverride& shown = options->ownership;
     EXPECT_TRUE(shown.uid == 1000U && shown.gid == 5U && shown.umask == 027U);
-    EXPECT_TRUE(options->quiet && options->statistics && options->bandwidthKbit == 8000U);
+    EXPECT_TRUE(options->quiet && options->metrics && options->bandwidthKbit == 8000U);
     EXPECT_EQ(options->allowedHostUser, 0U);
     EXPECT_EQ(options->timeout + options->attributeTimeout, std::chrono::milliseconds(2750));
     EXPECT_THAT(forSession(*options->fuseArguments.get()),

@@ -1,4 +1,4 @@
-#include "mount/program.h"
+#include "mount/mount_program.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,11 +16,11 @@
 #include "mount/background.h"
 #include "mount/end_limit.h"
 #include "mount/messages.h"
+#include "mount/metrics_text.h"
 #include "mount/operations.h"
 #include "mount/options.h"
 #include "mount/session.h"
 #include "mount/signals.h"
-#include "mount/statistics_text.h"
 
 namespace zor::client::mount {
 namespace {
@@ -30,7 +30,7 @@ constexpr int kUsage = 2;
 
 std::string reason(int error) { return std::generic_category().message(error); }
 
-// Makes the path absolute; nothing, or what is wrong with it.
+// Makes the path absolute. Returns a complaint, or nothing.
 std::string resolveMountPoint(std::string& path) {
   const std::unique_ptr<char, FreeMemory> found(::realpath(path.c_str(), nullptr));
   struct stat attributes {};
@@ -53,13 +53,13 @@ std::string couldNotBeWritten(const std::string& path) {
   return path + ": could not be written completely";
 }
 
-void printStatistics(DurableLink& link, Drive& drive) {
+void printMetrics(DurableLink& link, Drive& drive) {
   std::string text;
   for (const std::string& path : drive.lost()) text += couldNotBeWritten(path) + "\n";
   report(text + describe(link.metrics().snapshot()) + describe(drive.counters()));
 }
 
-/// Takes signals to a session for as long as it exists.
+/// Sends signals to a session for as long as it exists.
 class SignalsToSession {
  public:
   SignalsToSession(Signals& signals, Session& session, EndLimit& limit,
@@ -80,7 +80,7 @@ class SignalsToSession {
   SignalsToSession(const SignalsToSession&) = delete;
   SignalsToSession& operator=(const SignalsToSession&) = delete;
 
-  /// Once nothing is served any more, only the rest can be hurried up.
+  /// The session has ended; a signal now limits only the time of the last writes.
   void served() {
     mSession.giveUp();
     mSignals.handle([&limit = mLimit] { limit.start(); }, mPrint);
@@ -93,7 +93,7 @@ class SignalsToSession {
   const std::function<void()> mPrint;
 };
 
-// Writes what is left; whether all that programs wrote is on the disk.
+// Flushes the write-back buffers; true when all data of programs is on the disk.
 bool finish(Drive& drive) {
   const std::vector<std::string> lost = drive.finish();
   if (lost.empty()) return true;
@@ -125,14 +125,14 @@ int serve(MountOptions& options, Background& background) {
   driveOptions.lost = [](const std::string& path) { reportLoss(couldNotBeWritten(path)); };
   Drive drive(link, std::move(driveOptions));
 
-  Context context(drive, options);
+  MountContext context(drive, options);
   auto created =
       Session::create(std::move(options.fuseArguments), operations(), &context, options.mountPoint);
   if (!created) return fail(background, created.error());
   Session& session = **created;
-  context.serves(session.handle());
+  context.setSession(session.handle());
   EndLimit limit(link);
-  SignalsToSession handling(signals, session, limit, [&] { printStatistics(link, drive); });
+  SignalsToSession handling(signals, session, limit, [&] { printMetrics(link, drive); });
   const std::string wrong = session.mount();
   if (!wrong.empty()) return fail(background, options.mountPoint + ": " + wrong);
   if (!background.ready()) return fail(background, "cannot go to the background");
@@ -142,13 +142,13 @@ int serve(MountOptions& options, Background& background) {
   if (error != 0) report("serving ended: " + reason(error));
   session.unmount();
   const bool complete = finish(drive);
-  if (options.statistics) printStatistics(link, drive);
+  if (options.metrics) printMetrics(link, drive);
   return complete && error == 0 ? 0 : kFailure;
 }
 
 }  // namespace
 
-int runProgram(int argc, char** argv) {
+int runMount(int argc, char** argv) {
   auto options = parseOptions(argc, argv);
   if (!options) {
     report(options.error());

@@ -1,4 +1,4 @@
-#include "mount/statistics_text.h"
+#include "mount/metrics_text.h"
 
 #include <initializer_list>
 #include <string_view>

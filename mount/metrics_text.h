@@ -1,4 +1,4 @@
-// The drive's statistics for people.
+// The drive's metrics as text.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace zor::client::mount {
 
-/// One line for each kind of counter.
+/// A line for each kind of counter.
 std::string describe(const DriveCounters& counters);
 
 }  // namespace zor::client::mount
