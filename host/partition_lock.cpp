@@ -8,8 +8,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "host/text.h"
+#include "service/mount_table.h"
 
 namespace zor::host {
 namespace {
@@ -31,9 +36,7 @@ UniqueFd openDirectory() {
   return directory;
 }
 
-}  // namespace
-
-UniqueFd lockPartition(dev_t partition) {
+UniqueFd openLock(dev_t partition) {
   const UniqueFd directory = openDirectory();
   const std::string name =
       std::to_string(major(partition)) + ":" + std::to_string(minor(partition));
@@ -44,10 +47,42 @@ UniqueFd lockPartition(dev_t partition) {
     throw std::runtime_error(std::string("cannot open ") + kDirectory + "/" + name + ": " +
                              std::strerror(errno));
   }
-  if (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
-    throw std::runtime_error("another udisk-host serves it");
-  }
   return lock;
+}
+
+bool tryLock(const UniqueFd& lock, int kind) {
+  return retryOnInterrupt([&] { return ::flock(lock.get(), kind | LOCK_NB); }) == 0;
+}
+
+// The device that `directory` is on; 0 without one. Some file systems have a number of their own,
+// so the mount's source counts first.
+dev_t blockDeviceBelow(const std::string& directory) {
+  std::filesystem::path top = directory;
+  std::optional<Mount> mount;
+  while (!(mount = mountAt(top.string())) && top.has_relative_path()) top = top.parent_path();
+  struct stat status {};
+  if (mount && ::stat(mount->source.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) {
+    return status.st_rdev;
+  }
+  return ::stat(directory.c_str(), &status) == 0 && major(status.st_dev) != 0 ? status.st_dev : 0;
+}
+
+}  // namespace
+
+UniqueFd lockPartition(dev_t partition) {
+  UniqueFd lock = openLock(partition);
+  if (!tryLock(lock, LOCK_EX)) throw std::runtime_error("another udisk-host serves it");
+  return lock;
+}
+
+UniqueFd sharePartition(const std::string& directory) try {
+  const dev_t partition = ::geteuid() == 0 ? blockDeviceBelow(directory) : 0;
+  UniqueFd lock = partition != 0 ? openLock(partition) : UniqueFd();
+  if (lock && !tryLock(lock, LOCK_SH)) lock.reset();
+  return lock;
+} catch (const std::runtime_error& error) {
+  spdlog::debug("{} is not locked: {}", printable(directory), error.what());
+  return {};
 }
 
 UniqueFd lockMounting() {

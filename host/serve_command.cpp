@@ -25,6 +25,7 @@
 #include "host/log_sink.h"
 #include "host/module_loader.h"
 #include "host/mounted_partition.h"
+#include "host/partition_lock.h"
 #include "host/sandbox.h"
 #include "host/served_directory.h"
 #include "host/server.h"
@@ -203,6 +204,7 @@ void serve(const ServeOptions& options) {
   std::optional<MountedPartition> mounted;
   if (!options.partition.empty()) mounted.emplace(options.partition, options.readOnly);
   const std::string directory = servedDirectory(mounted ? mounted->directory() : options.directory);
+  const UniqueFd shared = mounted ? UniqueFd() : sharePartition(directory);
   const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
   const DeviceParameters parameters = makeParameters(directory, name, options.readOnly);
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);

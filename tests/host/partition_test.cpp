@@ -52,6 +52,12 @@ class PartitionTest : public HostTest {
     launch(arguments);
     ASSERT_TRUE(eventually([&] { return logged("serving") == 1; }));
   }
+  void expectRefusal() {
+    EXPECT_EQ(run({"timeout", "30", HOST_PROGRAM, "serve", "--partition", mDevice, "--socket",
+                   mSocket + "2"}),
+              1);
+    EXPECT_THAT(mPrinted, ::testing::HasSubstr("another udisk-host serves it"));
+  }
   int end() {
     ::kill(mPid, SIGTERM);
     const int code = exitCode();
@@ -112,8 +118,7 @@ TEST_F(PartitionTest, WhatIsAtItsPlaceAlreadyStaysAsItIs) {
 TEST_F(PartitionTest, IsServedByOneHostAndAgainAfterThatOneWasKilled) {
   if (!plugIn("mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 or a loop device is missing";
   servePartition(mDevice);
-  EXPECT_EQ(run({HOST_PROGRAM, "serve", "--partition", mDevice, "--socket", mSocket + "2"}), 1);
-  EXPECT_THAT(mPrinted, ::testing::HasSubstr("another udisk-host serves it"));
+  expectRefusal();
   EXPECT_TRUE(Remote(mSocket).greeted());
   ::kill(mPid, SIGKILL);
   exitCode();
@@ -123,6 +128,19 @@ TEST_F(PartitionTest, IsServedByOneHostAndAgainAfterThatOneWasKilled) {
   EXPECT_EQ(logged("serving " + mPlace), 1);
   EXPECT_EQ(end(), 0);
   EXPECT_FALSE(mounted(mPlace));
+}
+
+// Mounted by hand: unmounting it would take it from the other host.
+TEST_F(PartitionTest, IsNotTakenFromAHostThatServesItsDirectory) {
+  if (!plugIn("mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 or a loop device is missing";
+  fs::create_directories(mPlace);
+  ASSERT_EQ(run({"mount", mDevice, mPlace}), 0);
+  fs::create_directory(mPlace + "/below");
+  launch({"serve", mPlace + "/below", "--socket", mSocket});
+  ASSERT_TRUE(eventually([&] { return logged("serving") == 1; }));
+  expectRefusal();
+  EXPECT_TRUE(mounted(mPlace));
+  EXPECT_EQ(end(), 0);
 }
 
 TEST_F(PartitionTest, SaysWhyItIsNotMounted) {
