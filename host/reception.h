@@ -34,6 +34,7 @@ class Reception final : public RequestSource {
 
   void poll() noexcept override;
   bool await() noexcept override;
+  bool deliversReplies() noexcept override { return !mLink.ended() && !mLink.remoteGone(); }
 
   /// How many packets came.
   std::uint64_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }

@@ -21,6 +21,9 @@ class RequestSource {
   /// no longer polls, but waits for its intake to be called.
   virtual bool await() noexcept = 0;
 
+  /// False once no reply can reach the client any more: what only makes one may be given up.
+  virtual bool deliversReplies() noexcept { return true; }
+
  protected:
   ~RequestSource() = default;
 };

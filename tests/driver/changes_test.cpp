@@ -1,6 +1,7 @@
 // What changes files and names, compared with the platform's own calls.
 #include "disk_fixture.h"
 #include "probes.h"
+#include "zor_request_source.h"
 
 namespace zor::test {
 namespace {
@@ -88,15 +89,25 @@ TEST_F(DiskTest, ABatchOfChunksStopsAtTheFirstThatFails) {
   EXPECT_EQ(device.traces().at(2), "LOCAL_UDISK_WRITE_FILE_FAIL error /f udisk writeFile fail");
 }
 
-TEST_F(DiskTest, ADiskThatIsClosedStillTakesAWriteWhole) {
-  op.StopServing();
-  EXPECT_EQ(ask(123, le(1, 4) + le(0, 8) + le(9, 4) + le(6, 4) + le(0, 4) + "/spare"),
-            std::nullopt);  // nobody would read it
-  const std::string rest = le(0, 8) + le(6, 2) + le(0, 2);
-  const std::string chunks = wire("0000000000000000 02000000 'xx' 0200000000000000 03000000 'yyy'");
-  EXPECT_EQ(ask(106, le(0, 8) + le(29, 4) + rest + "/spare" + chunks),
-            le(0, 8) + le(29, 4) + rest + "/spare");
-  EXPECT_EQ(contentsOf(disk + "/spare"), "xxyyy");
+TEST_F(DiskTest, AWriteIsCarriedOutWholeThoughNobodyWaitsForIt) {
+  struct Gone final : RequestSource {
+    void poll() noexcept override {}
+    bool await() noexcept override { return false; }
+    bool deliversReplies() noexcept override { return false; }
+  } gone;
+  for (const bool closed : {false, true}) {
+    std::optional<RequestSourceOffer> offer;
+    closed ? op.StopServing() : void(offer.emplace(device, gone));
+    put(disk + "/spare", "");
+    EXPECT_EQ(ask(123, le(1, 4) + le(0, 8) + le(9, 4) + le(6, 4) + le(0, 4) + "/spare"),
+              std::nullopt);  // nobody would read it
+    const std::string rest = le(0, 8) + le(6, 2) + le(0, 2);
+    const std::string chunks =
+        wire("0000000000000000 02000000 'xx' 0200000000000000 03000000 'yyy'");
+    EXPECT_EQ(ask(106, le(0, 8) + le(29, 4) + rest + "/spare" + chunks),
+              le(0, 8) + le(29, 4) + rest + "/spare");
+    EXPECT_EQ(contentsOf(disk + "/spare"), "xxyyy");
+  }
 }
 
 TEST_F(DiskTest, BitsThatAreNoPermissionsMakeNoDifference) {
