@@ -16,7 +16,7 @@ void queryIdentity(Disk disk, Callback<DiskIdentity> done) {
       const udisk_statvfs& sizes = **space;
       identity.fileSystem = {
           sizes.f_fsid != 0 ? sizes.f_fsid : static_cast<std::uint64_t>(root->st_dev),
-          sizes.f_bsize, sizes.f_blocks, !isFat(sizes)};
+          sizes.f_bsize, sizes.f_blocks, !makesUpInodes(sizes)};
     }
     done(identity);
   });

@@ -15,9 +15,11 @@ struct DiskIdentity {
     std::uint64_t id = 0;  ///< its device number, where it has no id
     std::uint64_t blockSize = 0;
     std::uint64_t blocks = 0;
-    bool lastingInodes = true;
+    bool lastingInodes = true;  ///< a guess, which is not compared
 
-    bool operator==(const FileSystem&) const = default;
+    bool operator==(const FileSystem& other) const {
+      return id == other.id && blockSize == other.blockSize && blocks == other.blocks;
+    }
   };
 
   std::uint64_t rootInode = 0;           ///< of the served directory
@@ -31,6 +33,11 @@ struct DiskIdentity {
 /// shorter). Inode numbers are made up, anew when the host has forgotten a file.
 inline bool isFat(const udisk_statvfs& sizes) {
   return sizes.f_files == 0 && sizes.f_namemax != 255;
+}
+
+/// Also file systems in programs that count clusters as files, as those for exFAT do.
+inline bool makesUpInodes(const udisk_statvfs& sizes) {
+  return isFat(sizes) || (sizes.f_files != 0 && sizes.f_ffree == sizes.f_bfree);
 }
 
 /// Asks for it with one round trip. ErrorKind::kFailed: the disk cannot be read.

@@ -177,7 +177,8 @@ udisk_stat Drive::visible(const Entry& entry) const {
 NodeEntry Drive::enterLocked(Node& directory, Entries::value_type& place) {
   Node& node = mTree.nodeAt(directory, place);
   ++node.references;
-  return {node.id, visible(place.second), kernelValidity(directory, place.second)};
+  return {node.id, visible(place.second), kernelValidity(directory, place.second),
+          mAnyCase == true};
 }
 
 /// Of a name that was just made.

@@ -59,6 +59,7 @@ struct NodeEntry {
   NodeId node = 0;
   udisk_stat attributes{};
   std::chrono::nanoseconds validFor{};
+  bool hasSpellings = false;  ///< what is done under another one changes this name, too
 };
 
 /// A change that the host refused, as far as it says something about the reason.
@@ -168,6 +169,10 @@ class Drive {
     return [this, update = std::move(update)](Result<T> result) mutable {
       const std::lock_guard lock(mMutex);
       update(result);
+      if (result && !mUnfinished.empty()) {
+        mUndoAt = {};
+        mGathered.notify_one();
+      }
       if (--mOutstanding == 0) mSettled.notify_all();
     };
   }
@@ -213,6 +218,7 @@ class Drive {
   Presence presenceAt(Lock& lock, const std::string& path);
   Presence confirmAbsence(Lock& lock, NodeId directory, const std::string& name);
   bool isRemoved(Lock& lock, NodeId directory);
+  int whyUnknown(NodeId directory) const;
 
   // drive_refusal.cpp
   int refusal(Lock& lock, int otherwise, const Attempt& attempt = {});
@@ -269,6 +275,7 @@ class Drive {
   // drive_attributes.cpp
   template <class Start>
   Outcome<Unit> changeInode(NodeId id, Start start);
+  void giveMode(Lock& lock, NodeId directory, const std::string& name, std::uint32_t mode);
 
   // drive_spelling.cpp
   std::string spelling(const Node& directory, std::string_view name) const;
@@ -282,6 +289,7 @@ class Drive {
 
   // drive_permissions.cpp
   Outcome<Unit> askToWrite(Lock& lock, NodeId id);
+  Outcome<Unit> askToRead(Lock& lock, NodeId id);
   void knowWritable(const udisk_stat& attributes);
 
   // drive_reading.cpp
@@ -291,6 +299,7 @@ class Drive {
   OpenResult openNode(Node& node, bool writable);
 
   // drive_identity.cpp
+  bool isIdentified(const Node& node) const;
   void identify(const Node& node);
   void noteWrongFile(Node& node);
 
@@ -329,6 +338,7 @@ class Drive {
   std::uint64_t mHiddenNames = 0;
   std::vector<std::pair<NodeId, std::string>> mHiddenPlaces;  ///< some may be gone
   std::vector<Unfinished> mUnfinished;                        ///< undone by mFlusher
+  Clock::time_point mUndoAt{};                                ///< at once, when the host answers
   std::unordered_map<OpenFile*, std::unique_ptr<OpenFile>> mOpenFiles;
   std::set<Rights> mWritable;    ///< those of files that the host could open for writing
   std::optional<bool> mAnyCase;  ///< the disk does not tell capitals from small letters

@@ -27,6 +27,12 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   if (!settled) return settled.error();
   waitForNames(lock);
   Node* node = mTree.find(id);
+  if (node != nullptr && !isIdentified(*node)) {
+    const std::string present = node->place->first;
+    if (look(lock, node->parent->id, present).isUnknown()) return Errno{EIO};
+    waitForNames(lock);
+    node = mTree.find(id);
+  }
   const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
   if (!path) return Errno{ESTALE};
   if (node->directory) return Errno{EISDIR};
@@ -120,14 +126,22 @@ void Drive::setLateMode(Lock& lock, NodeId id) {
   waitForNames(lock);
   Node* node = mTree.find(id);
   if (node == nullptr || !node->file || !node->file->lateMode) return;
-  const std::optional<std::string> path = mTree.path(*node);
-  if (!path) return;  // under a hidden name, too: the file may have another one
-  const auto mode = static_cast<std::uint16_t>(*std::exchange(node->file->lateMode, std::nullopt));
+  if (!mTree.has(*node)) return;  // under a hidden name, too: the file may have another one
+  const std::uint32_t mode = *std::exchange(node->file->lateMode, std::nullopt);
+  giveMode(lock, node->parent->id, node->place->first, mode);
+}
+
+/// Disks without permissions refuse it.
+void Drive::giveMode(Lock& lock, NodeId directory, const std::string& name, std::uint32_t mode) {
+  const std::string path = joinPath(*mTree.path(*mTree.find(directory)), name);
   ++mLinkEpoch;
   Burst burst(*this);
-  // Disks without permissions refuse it.
-  burst.add<Unit>([&](auto done) { mDisk.chmod(*path, mode, std::move(done)); }, [](auto&) {});
-  burst.queryFile(*path, node->parent->id, node->place->first);
+  burst.add<Unit>(
+      [&](auto done) {
+        mDisk.chmod(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+      },
+      [](auto&) {});
+  burst.queryFile(path, directory, name);
   burst.wait(lock);
 }
 

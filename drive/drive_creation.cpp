@@ -72,7 +72,8 @@ Outcome<Drive::Created> Drive::create(NodeId directory, std::string_view name, s
   result.open = openNode(node, writes);
   if (seen.isAbsent()) {
     node.file->created = Clock::now();
-    if ((mode & kOpenMode) != kOpenMode) {
+    // Hosts do not let others write to what they make.
+    if ((mode & kOpenMode) != kOpenMode || (mode & S_IWOTH) != 0) {
       node.file->lateMode = mode & 07777U;
       result.entry.attributes = visible(node.place->second);
     }
@@ -214,8 +215,10 @@ Outcome<Unit> Drive::makeElsewhere(Lock& lock, NodeId directory, const std::stri
 Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
                                         std::uint32_t mode) {
   Lock lock = lockNames();
-  const std::string key(name);
   if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
+  const Outcome<Node*> place = directoryNode(directory);
+  if (!place) return place.error();
+  const std::string key = spelling(**place, name);
   const Presence seen = look(lock, directory, key);
   if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   waitForNames(lock);
@@ -228,6 +231,9 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
   const Outcome<Unit> made = hasBackslash(path) ? makeElsewhere(lock, directory, key, make, true)
                                                 : makeHere(lock, directory, key, make);
   if (!made) return made.error();
+  waitForNames(lock);
+  if (const auto still = directoryNode(directory); !still) return still.error();
+  if ((mode & S_IWOTH) != 0) giveMode(lock, directory, key, mode);  // see `create`
   const Outcome<NodeEntry> entry = enterByName(directory, key);
   if (!entry) return entry.error();
   Node& node = *mTree.find(entry->node);
@@ -252,8 +258,10 @@ Outcome<NodeEntry> Drive::makeDirectory(NodeId directory, std::string_view name,
 
 Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_view name) {
   Lock lock = lockNames();
-  const std::string key(name);
   if (isPathTooLong(directory, name)) return Errno{ENAMETOOLONG};
+  const Outcome<Node*> place = directoryNode(directory);
+  if (!place) return place.error();
+  const std::string key = spelling(**place, name);
   const Presence seen = look(lock, directory, key);
   if (!seen.isAbsent()) return Errno{seen.isPresent() ? EEXIST : EIO};
   const Outcome<Unit> settled = settle(lock, existing, false);

@@ -4,13 +4,16 @@
 
 namespace zor::client {
 
+bool Drive::isIdentified(const Node& node) const {
+  if (!node.file || node.place == nullptr) return true;
+  const Clock::time_point known = std::max(node.file->identified, node.place->second.confirmed);
+  return Clock::now() - known < mOptions.attributeTimeout;
+}
+
 /// Asks, beside the read or write that is about to be sent, whether the name of an open
 /// file still stands for it, unless that is known. `learn` takes its place away if not.
 void Drive::identify(const Node& node) {
-  if (!node.file || node.place == nullptr) return;
-  const Clock::time_point now = Clock::now();
-  const Clock::time_point known = std::max(node.file->identified, node.place->second.confirmed);
-  if (now - known < mOptions.attributeTimeout) return;
+  if (isIdentified(node)) return;
   if (mRenaming) {
     mDeferred.emplace_back([this, id = node.id] {
       if (const Node* still = mTree.find(id)) identify(*still);
@@ -19,7 +22,7 @@ void Drive::identify(const Node& node) {
   }
   const std::optional<std::string> path = mTree.path(node);
   if (!path) return;
-  node.file->identified = now;
+  node.file->identified = Clock::now();
   Burst burst(*this);
   burst.queryFile(*path, node.parent->id, node.place->first);
 }

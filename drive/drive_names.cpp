@@ -49,13 +49,14 @@ Outcome<NodeEntry> Drive::lookup(NodeId directory, std::string_view name) {
           0,
           {},
           std::max(std::chrono::nanoseconds(0),
-                   std::chrono::nanoseconds(known.confirmed + known.lifetime - Clock::now()))};
+                   std::chrono::nanoseconds(known.confirmed + known.lifetime - Clock::now())),
+          mAnyCase == true};
     }
     if (asked == 0) {
       const Outcome<Unit> refreshed = refresh(lock, directory, key);
       if (!refreshed) return refreshed.error();
     } else {
-      if (look(lock, directory, key).isUnknown()) return Errno{EIO};
+      if (look(lock, directory, key).isUnknown()) return Errno{whyUnknown(directory)};
     }
   }
 }
@@ -87,7 +88,7 @@ Outcome<Unit> Drive::refresh(Lock& lock, NodeId directory, const std::string& na
     if (listed) return listed;
   }
   if (Node* still = mTree.find(directory); still != nullptr) ++still->directory->singles;
-  if (look(lock, directory, name).isUnknown()) return Errno{EIO};
+  if (look(lock, directory, name).isUnknown()) return Errno{whyUnknown(directory)};
   return Unit{};
 }
 

@@ -9,6 +9,8 @@ namespace {
 
 constexpr std::size_t kMaxRights = 1024;
 
+constexpr std::uint32_t kReadMode = 0444;
+
 }  // namespace
 
 void Drive::knowWritable(const udisk_stat& attributes) {
@@ -43,6 +45,21 @@ Outcome<Unit> Drive::askToWrite(Lock& lock, NodeId id) {
   if (rightsOf(node->place->second.attributes) == rights)
     knowWritable(node->place->second.attributes);
   return Unit{};
+}
+
+/// A file that nobody may read is read by root alone.
+Outcome<Unit> Drive::askToRead(Lock& lock, NodeId id) {
+  const Node& node = *mTree.find(id);
+  const udisk_stat& attributes = node.place->second.attributes;
+  if ((attributes.st_mode & kReadMode) != 0 || attributes.st_size == 0) return Unit{};
+  const std::string path = *mTree.path(node);
+  const Result<FileData> read = ask<FileData>(
+      lock, [&](auto done) { mDisk.read(path, 0, 1, std::move(done)); }, [](auto&) {});
+  if (!read && read.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  waitForNames(lock);
+  const Node* still = mTree.find(id);
+  if (still == nullptr || !mTree.has(*still)) return Errno{ESTALE};
+  return read && !read->bytes().empty() ? Outcome<Unit>(Unit{}) : Errno{EACCES};
 }
 
 }  // namespace zor::client

@@ -15,6 +15,8 @@ constexpr std::int64_t kMaxUnlisted = 256 << 10;
 
 constexpr std::chrono::milliseconds kMinDispute{1000};
 
+constexpr std::uint32_t kSearchMode = 0111;
+
 }  // namespace
 
 Presence Drive::presenceAt(Lock& lock, const std::string& path) {
@@ -87,6 +89,18 @@ Presence Drive::confirmAbsence(Lock& lock, NodeId id, const std::string& name) {
   --node.references;
   mTree.releaseIfUnused(&node);
   return seen;
+}
+
+/// In a directory that not everybody may search, and in which nothing can be queried,
+/// the permissions are the reason, and not the disk.
+int Drive::whyUnknown(NodeId id) const {
+  const Node* node = mTree.find(id);
+  if (node == nullptr || node->place == nullptr || !node->directory) return EIO;
+  const Entries& entries = node->directory->entries;
+  const bool searched = (node->place->second.attributes.st_mode & kSearchMode) == kSearchMode ||
+                        std::any_of(entries.begin(), entries.end(),
+                                    [](const auto& e) { return !e.second.unreadable; });
+  return searched || entries.empty() ? EIO : EACCES;
 }
 
 /// Whether a directory that cannot be queried is gone itself.

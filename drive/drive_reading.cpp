@@ -77,6 +77,9 @@ Outcome<OpenResult> Drive::open(NodeId id, int flags) {
   if (writes) {
     if (const Outcome<Unit> allowed = askToWrite(lock, id); !allowed) return allowed.error();
   }
+  if ((flags & O_ACCMODE) != O_WRONLY) {
+    if (const Outcome<Unit> allowed = askToRead(lock, id); !allowed) return allowed.error();
+  }
   return openNode(*mTree.find(id), writes);
 }
 

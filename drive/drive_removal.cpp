@@ -244,7 +244,7 @@ Outcome<Unit> Drive::renameHeld(Lock& lock, NodeId from, const std::string& name
     mark(false);
     if (here.isUnknown() || there.isUnknown()) return Errno{EIO};
     if (here.isAbsent() && lost && there.isPresent() &&
-        (inode == 0 || there.attributes().st_ino == inode)) {
+        (inode == 0 || !mOptions.lastingInodes || there.attributes().st_ino == inode)) {
       moved();
       return Unit{};
     }

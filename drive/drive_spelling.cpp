@@ -46,12 +46,16 @@ bool Drive::learnSpelling(Lock& lock, NodeId directory) {
            !entries.contains(swapped(place.first));
   });
   if (known == entries.end()) return false;
-  const std::uint64_t number = known->second.attributes.st_ino;
+  const udisk_stat attributes = known->second.attributes;
   const std::string path = joinPath(*mTree.path(node), swapped(known->first));
   const Presence other = presenceAt(lock, path);
   waitForNames(lock);
   if (other.isUnknown()) return false;
-  mAnyCase = other.isPresent() && other.attributes().st_ino == number;
+  // Where numbers are made up, each spelling may have one of its own.
+  mAnyCase = other.isPresent() &&
+             (mOptions.lastingInodes ? other.attributes().st_ino == attributes.st_ino
+                                     : other.attributes().st_mode == attributes.st_mode &&
+                                           stampOf(other.attributes()) == stampOf(attributes));
   return true;
 }
 

@@ -64,7 +64,10 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   FileState& state = *node->file;
   const bool first = state.gather.empty();
   std::memcpy(state.gather.add(offset, data.size()), data.data(), data.size());
-  if (first) state.gathered = Clock::now();
+  if (first) {
+    state.gathered = Clock::now();
+    identify(*node);  // the answer is there before the data goes, unless that is soon
+  }
   state.end =
       std::max(state.ahead ? state.end : 0, offset + static_cast<std::int64_t>(data.size()));
   state.ahead = true;
@@ -292,7 +295,6 @@ void Drive::release(OpenFile& file) {
 void Drive::flushLoop() {
   Lock lock(mMutex);
   Clock::time_point dropNext = Clock::now() + kListAgainAfter;
-  Clock::time_point undoAt{};
   while (!mStop) {
     tellOfLosses(lock);
     const Clock::time_point now = Clock::now();
@@ -317,12 +319,12 @@ void Drive::flushLoop() {
       next = now + kGatherTime;
     }
     if (!mUnfinished.empty()) {
-      if (now >= undoAt) {
+      if (now >= mUndoAt) {
         undoUnfinished(lock);
-        undoAt = Clock::now() + kGatherTime;
+        mUndoAt = Clock::now() + kGatherTime;
         continue;
       }
-      next = std::min(next, undoAt);
+      next = std::min(next, mUndoAt);
     }
     if (!mStop && mLossesTold == mLost.size()) mGathered.wait_until(lock, next);
   }

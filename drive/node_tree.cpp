@@ -12,6 +12,9 @@ constexpr std::uint32_t kTypeBits = 0170000;
 
 constexpr std::size_t kMaxName = 255;
 
+/// FAT counts times in so many seconds.
+constexpr std::int64_t kCoarsestTime = 2;
+
 /// Hosts compare the number of entries in 16 bits, so more never match.
 constexpr std::size_t kMaxComparable = 0xffff - 2;
 
@@ -94,10 +97,9 @@ bool NodeTree::isReplaced(const Entry& entry, const udisk_stat& attributes) cons
     return false;
   }
   if (mLastingInodes) return true;
-  // The same file may have got another number. Then its contents are what they were,
-  // unless this side is just changing them.
-  const bool written = file->ahead || file->inFlight > 0 || !file->gather.empty();
-  return !written && stampOf(entry.attributes) != stampOf(attributes);
+  // The same file may have got another number, and have been changed over there, too. Its
+  // time goes back only by rounding, when the host has forgotten it.
+  return attributes.st_mtim.tv_sec + kCoarsestTime < entry.attributes.st_mtim.tv_sec;
 }
 
 void NodeTree::detach(Entry& entry) {

@@ -60,8 +60,8 @@ void Connection::start(std::function<void()> finished) {
 
 void Connection::run() noexcept {
   try {
-    if (!mDisk.isThere()) {
-      sendAway("the disk is gone");
+    if (!mDisk.isThere()) {  // which says so once
+      mLink.end();
       return;
     }
     const std::unique_ptr<ZorDriver, CloseDriver> driver(mModule.open(mDevice, "").release());
@@ -82,11 +82,6 @@ void Connection::run() noexcept {
   }
 }
 
-void Connection::sendAway(const char* why) noexcept {
-  mLink.end();
-  spdlog::warn("refused a client (process {}): {}", mClient.process, why);
-}
-
 void Connection::serve(ZorDriver& driver) {
   if (!mLink.waitAnnounced(kAnnouncementPatience)) {
     if (!mLink.ended()) spdlog::error("the driver does not announce its disk; giving it up");
@@ -96,7 +91,9 @@ void Connection::serve(ZorDriver& driver) {
     mReception.run(driver);
     if (mLink.budget().waitIdle()) mLink.drain();
   } else if (!mLink.ended()) {
-    sendAway("the driver met something else than the disk");
+    mLink.end();
+    spdlog::warn("refused a client (process {}): the driver met something else than the disk",
+                 mClient.process);
   }
 }
 

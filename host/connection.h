@@ -70,7 +70,6 @@ class Connection {
   void run() noexcept;
   void serve(ZorDriver& driver);
   bool servesTheDisk(ZorDriver& driver);
-  void sendAway(const char* why) noexcept;
 
   const Client mClient;
   const DriverModule& mModule;

@@ -51,7 +51,8 @@ fuse_entry_param toEntry(const NodeEntry& entry, const OwnershipOverride& shown)
   fuse_entry_param result{};
   result.ino = entry.node;
   if (entry.node != 0) result.attr = toStat(entry.attributes, entry.node, shown);
-  result.attr_timeout = result.entry_timeout = toSeconds(entry.validFor);
+  result.attr_timeout = toSeconds(entry.validFor);
+  if (!entry.hasSpellings) result.entry_timeout = result.attr_timeout;
   return result;
 }
 

@@ -90,6 +90,9 @@ class AlteringTransport final : public Transport {
       case wire::Command::kMakeDir:
         std::fill_n(reply.data(), 4, std::byte{0xff});
         break;
+      case wire::Command::kFileRead:
+        std::fill_n(reply.data() + 12, 4, std::byte{0});  // what follows
+        break;
       case wire::Command::kFileWrite:
         std::fill_n(reply.data() + 8, 4, std::byte{0});  // of the data
         break;
@@ -120,6 +123,7 @@ class AlteredDisk : public ::testing::Test {
     mTransport.emplace(*mLink);
     DriveOptions drive;
     drive.attributeTimeout = mAttributeTimeout;
+    drive.lastingInodes = mLastingInodes;
     mDrive.emplace(*mTransport, std::move(drive));
   }
   ~AlteredDisk() override {
@@ -157,6 +161,7 @@ class AlteredDisk : public ::testing::Test {
 
   zor::test::ServedDisk mDisk;
   std::chrono::milliseconds mAttributeTimeout{0};
+  bool mLastingInodes = true;
   std::unique_ptr<DurableLink> mLink;
   std::optional<AlteringTransport> mTransport;
   std::optional<Drive> mDrive;

@@ -82,5 +82,31 @@ TEST_F(FailingDisk, AFileThatCannotBeReadIsNotGoneWhileItIsListed) {
   EXPECT_EQ(errnoOf(mDrive->openDirectory(kRootNode)), EIO);
 }
 
+TEST_F(FailingDisk, PermissionsAreToldAsTheReasonWhereTheyAre) {
+  fs::create_directory(mDisk / "closed");
+  for (const char* name : {"unreadable", "closed/f"}) writeFile(mDisk / name, "text");
+  fs::permissions(mDisk / "unreadable", fs::perms(0200));
+  fs::permissions(mDisk / "closed", fs::perms(0600));
+  connect();
+  const NodeId closed = node("closed");
+  const NodeId file = node("unreadable");
+  mTransport->refuses = [](Command command, const std::string& names) {
+    return (command == Command::kGetFileAttr && names.find("/closed/") != names.npos) ||
+           command == Command::kFileRead || command == Command::kCheckDir;
+  };
+  // The host of this test may be root's, whose listing has the attributes.
+  mTransport->alters = [](Command command, const std::string& names, Buffer& reply) {
+    if (command != Command::kDirRead || !names.ends_with("/closed")) return;
+    constexpr std::size_t kAttributes = wire::wireSize<udisk_stat>();
+    const std::string text(reinterpret_cast<const char*>(reply.data()), reply.size());
+    const std::size_t at = text.find(std::string_view("\2\0f", 3));
+    ASSERT_GT(at, kAttributes);
+    std::fill_n(reply.data() + at - kAttributes, kAttributes, std::byte{0});
+  };
+  EXPECT_EQ(errnoOf(mDrive->open(file, O_RDONLY)), EACCES);
+  EXPECT_EQ(errnoOf(mDrive->open(file, O_WRONLY)), 0);
+  EXPECT_EQ(lookup("f", closed), EACCES);
+}
+
 }  // namespace
 }  // namespace zor::client::test

@@ -193,6 +193,14 @@ TEST_F(FilesTest, WhatTheHostCannotWriteIsRefusedWhenItIsOpened) {
   mDrive->forget(node("d"), 1);
 }
 
+TEST_F(FilesTest, EverybodyMayWriteToWhatWasMadeSo) {
+  connect();
+  mDrive->release(create("file", 0666));
+  ASSERT_TRUE(mDrive->makeDirectory(kRootNode, "directory", 0777));
+  EXPECT_EQ(fs::status(mDisk / "file").permissions(), fs::perms(0666));
+  EXPECT_EQ(fs::status(mDisk / "directory").permissions(), fs::perms(0777));
+}
+
 TEST_F(FilesTest, ADirectoryThatTakesNoMoreFilesRefusesThemAtOnce) {
   connect();
   mDrive->release(create("first"));
