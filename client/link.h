@@ -86,7 +86,7 @@ class Link final : public Transport {
   };
 
   struct Outgoing {
-    std::array<std::byte, kHeaderSize> header{};
+    std::array<std::byte, kPacketHeaderSize> header{};
     Buffer payload;
     std::shared_ptr<const Buffer> data;
     std::size_t dataSize() const { return data ? data->size() : 0; }

@@ -11,15 +11,6 @@ namespace {
 /// Enough for a read of one MiB with all that comes along.
 constexpr std::size_t kFirstRoom = std::size_t{2} << 20;
 
-PacketHeader toHostOrder(PacketHeader header) {
-  if (header.netOrder != 0) {
-    header.cmd = __builtin_bswap16(header.cmd);
-    header.requestId = __builtin_bswap32(header.requestId);
-    header.length = __builtin_bswap32(header.length);
-  }
-  return header;
-}
-
 }  // namespace
 
 std::span<const iovec> PacketReader::room() {
@@ -56,20 +47,19 @@ Status PacketReader::consume(std::size_t count, const Sink& sink) {
 }
 
 Status PacketReader::parse(const Sink& sink) {
-  while (mInputEnd - mInputStart >= kHeaderSize) {
-    wire::Cursor cursor(wire::Bytes(mInput).subspan(mInputStart, kHeaderSize));
-    PacketHeader header{};
-    cursor.get(header);
-    mHeader = toHostOrder(header);
+  while (mInputEnd - mInputStart >= kPacketHeaderSize) {
+    wire::Cursor cursor(wire::Bytes(mInput).subspan(mInputStart, kPacketHeaderSize));
+    cursor.get(mHeader);
+    mHeader.toHostOrder();
     if (mHeader.magic != kPacketMagic) {
       return Error{ErrorKind::kBadReply, "the host sent bytes that are not a packet"};
     }
-    if (mHeader.length < kHeaderSize || mHeader.length > kMaxIncomingLength) {
+    if (mHeader.length < kPacketHeaderSize || mHeader.length > kMaxIncomingLength) {
       return Error{ErrorKind::kBadReply, "the host sent a packet with the impossible length " +
                                              std::to_string(mHeader.length)};
     }
-    mInputStart += kHeaderSize;
-    mWanted = mHeader.length - kHeaderSize;
+    mInputStart += kPacketHeaderSize;
+    mWanted = mHeader.length - kPacketHeaderSize;
     mHave = std::min(mWanted, mInputEnd - mInputStart);
     mPayload = Buffer(wire::Bytes(mInput).subspan(mInputStart, mHave));
     mInputStart += mHave;

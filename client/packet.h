@@ -1,4 +1,4 @@
-// The header of every packet, and the cutting of a byte stream into packets.
+// The cutting of a byte stream into packets.
 #pragma once
 
 #include <sys/uio.h>
@@ -7,30 +7,13 @@
 #include <cstdint>
 #include <functional>
 #include <span>
-#include <tuple>
 
 #include "client/buffer.h"
 #include "client/result.h"
-#include "protocol/codec.h"
+#include "protocol/packet_header.h"
 
 namespace zor::client {
 
-struct PacketHeader {
-  std::uint8_t magic;
-  std::uint8_t devId;
-  std::uint16_t cmd;
-  std::uint32_t requestId;
-  std::uint32_t length;   ///< of the whole packet
-  std::uint8_t netOrder;  ///< not 0: the sender wrote cmd, requestId and length big-endian
-  std::array<std::uint8_t, 3> reserved;
-  static constexpr auto kFields = std::tuple(
-      &PacketHeader::magic, &PacketHeader::devId, &PacketHeader::cmd, &PacketHeader::requestId,
-      &PacketHeader::length, &PacketHeader::netOrder, &PacketHeader::reserved);
-};
-static_assert(wire::wireSize<PacketHeader>() == 16);
-
-inline constexpr std::uint8_t kPacketMagic = 0x27;
-inline constexpr std::uint32_t kHeaderSize = 16;
 inline constexpr std::uint32_t kMaxIncomingLength = 1U << 30;
 
 /// Cuts a stream into packets. A payload's memory grows with the bytes that

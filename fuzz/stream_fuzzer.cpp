@@ -13,7 +13,7 @@ namespace zor::fuzz {
 static void checkReplies(int socket, std::string_view stream) {
   client::PacketReader reader;
   int count = 0;
-  const auto check = [&](const client::PacketHeader& header, const client::Buffer& payload) {
+  const auto check = [&](const PacketHeader& header, const client::Buffer& payload) {
     EXPECT_TRUE(count++ >= 2 || header.cmd == (count == 1 ? 122 : 100));
     EXPECT_EQ(header.devId, host::HostDevice::kDeviceId);
     FuzzedDisk::checkSecret(view(payload.data(), payload.size()), stream);

@@ -69,11 +69,7 @@ FrameReader::Status FrameReader::begin(Patience patience) {
   if (mHeader.magic != kPacketMagic) return Status::kBadMagic;
   if (available < kPacketHeaderSize) return Status::kMore;
   std::memcpy(&mHeader, bytes, sizeof mHeader);
-  if (mHeader.netOrder != 0) {
-    mHeader.cmd = __builtin_bswap16(mHeader.cmd);
-    mHeader.requestId = __builtin_bswap32(mHeader.requestId);
-    mHeader.length = __builtin_bswap32(mHeader.length);
-  }
+  mHeader.toHostOrder();
   if (mHeader.length < kPacketHeaderSize || mHeader.length > wire::kMaxPacketLength) {
     return Status::kBadLength;
   }

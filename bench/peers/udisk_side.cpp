@@ -13,13 +13,11 @@ namespace zor::bench {
 
 namespace {
 
-using client::kHeaderSize;
-using client::PacketHeader;
 using wire::Bytes;
 using wire::Command;
 
 struct PacketFormat {
-  static constexpr std::size_t kHeadSize = kHeaderSize;
+  static constexpr std::size_t kHeadSize = kPacketHeaderSize;
 
   static PacketHeader header(Bytes bytes) {
     PacketHeader header{};
@@ -28,7 +26,7 @@ struct PacketFormat {
   }
   static std::size_t length(const std::byte* head) {
     const PacketHeader packet = header({head, kHeadSize});
-    if (packet.magic != client::kPacketMagic || packet.length < kHeadSize ||
+    if (packet.magic != kPacketMagic || packet.length < kHeadSize ||
         packet.length > wire::kMaxPacketLength) {
       throw std::runtime_error("the host sent something else than packets");
     }
@@ -221,9 +219,9 @@ class UdiskSide final : public Side {
   template <class Record>
   void request(Command command, std::uint32_t id, const Record& record, std::string_view path,
                std::size_t behind = 0) {
-    const std::size_t size = kHeaderSize + wire::wireSize<Record>() + path.size();
+    const std::size_t size = kPacketHeaderSize + wire::wireSize<Record>() + path.size();
     std::byte* at = mStream.add(size);
-    at = wire::encodeAt(at, PacketHeader{client::kPacketMagic,
+    at = wire::encodeAt(at, PacketHeader{kPacketMagic,
                                          mDevId,
                                          wire::code(command),
                                          id,
@@ -239,7 +237,7 @@ class UdiskSide final : public Side {
   static Bytes reply(Bytes frame, Command command, std::size_t pathLength, Record& record) {
     expect(PacketFormat::header(frame).cmd == wire::code(command), "the command of a reply");
     wire::Cursor cursor(frame);
-    cursor.take(kHeaderSize);
+    cursor.take(kPacketHeaderSize);
     cursor.get(record);
     cursor.take(pathLength);
     expect(cursor.ok(), "the length of a reply");

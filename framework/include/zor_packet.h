@@ -8,23 +8,9 @@
 #include <memory>
 #include <new>
 
+#include "protocol/packet_header.h"
+
 namespace zor {
-
-/// The header at offset 0 of every packet. Multi-byte fields are little-endian
-/// on the wire unless `netOrder` is non-zero.
-struct PacketHeader {
-  std::uint8_t magic;       ///< always kPacketMagic
-  std::uint8_t devId;       ///< the device that the packet belongs to
-  std::uint16_t cmd;        ///< command code
-  std::uint32_t requestId;  ///< a reply carries the value of its request
-  std::uint32_t length;     ///< bytes of the whole packet, header included
-  std::uint8_t netOrder;    ///< non-zero: the sender wrote big-endian fields
-  std::uint8_t reserved[3];
-};
-static_assert(sizeof(PacketHeader) == 16);
-
-inline constexpr std::uint8_t kPacketMagic = 0x27;
-inline constexpr std::size_t kPacketHeaderSize = sizeof(PacketHeader);
 
 /// Learns when the memory of a received packet is given back. A receive path
 /// attaches one to the packets it makes, to bound what a peer can have in

@@ -24,12 +24,6 @@ std::uint8_t* allocate(std::size_t size) noexcept {
   return static_cast<std::uint8_t*>(std::malloc(size));
 }
 
-void headerFromNetOrder(PacketHeader& header) noexcept {
-  header.cmd = __builtin_bswap16(header.cmd);
-  header.requestId = __builtin_bswap32(header.requestId);
-  header.length = __builtin_bswap32(header.length);
-}
-
 }  // namespace
 
 ZorPacket::ZorPacket(std::size_t capacity) noexcept {
@@ -104,7 +98,7 @@ int ZorPacket::FromBuffer(std::uint8_t* buf, std::uint32_t len, bool copy) noexc
   mHeader = reinterpret_cast<PacketHeader*>(data);
   mHeaderReady = true;
   mReadPos = 0;
-  if (mHeader->netOrder != 0) headerFromNetOrder(*mHeader);
+  mHeader->toHostOrder();
   return 0;
 }
 
