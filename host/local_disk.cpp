@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "service/udisk_service.h"
+#include "service/disk_probe.h"
 
 namespace zor::host {
 namespace {
@@ -35,18 +35,17 @@ struct ProbedDisk {
 }  // namespace
 
 RemovableDisk findRemovableDisk() {
-  UDiskService service(nullptr, nullptr);
   RemovableDisk found;
   char name[4] = {};
-  service.GetDevName(name);
+  DiskProbe::GetDevName(name);
   // Without a removable disk the name is that of the last one looked at.
-  if (name[0] == '\0' || service.CheckRemovable(name) != 1) return found;
+  if (name[0] == '\0' || DiskProbe::CheckRemovable(name) != 1) return found;
   found.name = name;
   if (std::string port = usbPort(found.name); !port.empty()) {
-    found.interfaceClass = service.GetDeviceClass(port.data());
+    found.interfaceClass = DiskProbe::GetDeviceClass(port.data());
   }
   ProbedDisk probed;
-  if (service.GetDeviceLabel(("/dev/" + found.name + "1").c_str(), &probed.disk) != 0) {
+  if (DiskProbe::GetDeviceLabel(("/dev/" + found.name + "1").c_str(), &probed.disk) != 0) {
     throw std::runtime_error("cannot list partitions: is the program blkid installed?");
   }
   for (std::size_t i = 0; i < probed.disk.partCount; ++i) {

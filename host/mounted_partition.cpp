@@ -21,9 +21,8 @@
 
 #include "host/partition_lock.h"
 #include "host/text.h"
-#include "operator/udisk_operator.h"
 #include "service/mount_table.h"
-#include "service/udisk_service.h"
+#include "service/partition_mounter.h"
 
 namespace zor::host {
 namespace {
@@ -32,16 +31,7 @@ constexpr char kNoDirectory[] =
     "no directory below /media can be used, or there is no program mount";
 constexpr char kMountFailed[] = "the program mount failed, see the log";
 
-// The module's own service, used without a driver. Its operator only takes the
-// reset of a mount point that it never had.
-struct Service {
-  ~Service() { service.TakeDisk(nullptr); }
-
-  UDiskOperator op{nullptr};
-  UDiskService service{nullptr, &op};
-};
-
-// These do not know the options of the service's mounting: their permissions are
+// These do not know the options of PartitionMounter: their permissions are
 // on the disk, and their names are bytes.
 bool isMountedPlainly(std::string_view type) {
   constexpr std::array<std::string_view, 8> kTypes = {"ext2", "ext3", "ext4", "btrfs",
@@ -69,9 +59,8 @@ dev_t deviceNumber(const std::string& path) {
 }
 
 UDiskInfo probe(const std::string& device, dev_t number) {
-  UDiskService service(nullptr, nullptr);
   UdiskDevice disk;
-  if (service.GetDeviceLabel(device.c_str(), &disk) != 0) {
+  if (DiskProbe::GetDeviceLabel(device.c_str(), &disk) != 0) {
     throw std::runtime_error("cannot list partitions: is the program blkid installed?");
   }
   const std::unique_ptr<UDiskInfo, void (*)(void*)> parts(disk.parts, std::free);
@@ -143,18 +132,13 @@ void MountedPartition::mount(UDiskInfo part, bool readOnly) {
   }
 }
 
-void MountedPartition::mountLocal(const UDiskInfo& part) {
-  const auto service = std::make_shared<Service>();
-  // The service frees what it is given, so it gets a disk of one partition.
-  auto* own = static_cast<UDiskInfo*>(std::malloc(sizeof(UDiskInfo)));
-  if (own == nullptr) throw std::bad_alloc();
-  *own = part;
-  service->service.TakeDisk(new UdiskDevice{1, own});
-  if (const int result = service->service.MountLocal(own); result != 0) {
+void MountedPartition::mountLocal(UDiskInfo part) {
+  PartitionMounter mounter;
+  if (const int result = mounter.MountLocal(&part); result != 0) {
     throw std::runtime_error(result < 0 ? kNoDirectory : kMountFailed);
   }
-  mDirectory = own->mountPath;
-  mUnmount = [service] { service->service.UmountLocal(); };
+  mDirectory = part.mountPath;
+  mUnmount = [mounter, part]() mutable { mounter.unmount(part); };
 }
 
 void MountedPartition::mountPlain(const UDiskInfo& part, bool readOnly) {

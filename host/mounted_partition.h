@@ -33,7 +33,7 @@ class MountedPartition {
 
  private:
   void mount(UDiskInfo part, bool readOnly);
-  void mountLocal(const UDiskInfo& part);
+  void mountLocal(UDiskInfo part);
   void mountPlain(const UDiskInfo& part, bool readOnly);
 
   UniqueFd mLock;

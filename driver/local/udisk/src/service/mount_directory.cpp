@@ -7,9 +7,9 @@
 
 #include <memory>
 
+#include "disk_probe.h"
 #include "morvel_log.h"
 #include "support/unique_fd.h"
-#include "udisk_service.h"
 
 namespace zor {
 namespace {

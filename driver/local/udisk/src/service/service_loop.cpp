@@ -1,7 +1,8 @@
-// The start-up work of a redirected disk, on a thread of its own.
+// The start-up work of a redirected disk, on a thread of its own, and the probed disk.
 #include <json/json.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <sstream>
@@ -25,7 +26,8 @@ void copyCut(char (&to)[256], const char* from) noexcept {
 
 }  // namespace
 
-UDiskService::UDiskService(ZorDevice* device, UDiskOperator* op) : mDevice(device), mOperator(op) {}
+UDiskService::UDiskService(ZorDevice* device, UDiskOperator* op)
+    : mDevice(device), mOperator(op), mAnnouncer(device, op) {}
 
 int UDiskService::StartLoop() {
   MORVEL_DEBUG(kLogDebug, "Udisk service StartLoop\n");
@@ -85,8 +87,8 @@ void UDiskService::announceDisk() {
   }
   MORVEL_DEBUG_OF(kThread, kLogDebug, "path: %s, lable: %s", params, label);
   mOperator->SetRootPath(letter, label);
-  SetReadSmallFileTrubo();
-  MountRemote(name, mDevice);
+  mAnnouncer.SetReadSmallFileTrubo();
+  mAnnouncer.MountRemote(name, mDevice);
 }
 
 // Throws for a value of the wrong type and for absurd nesting. The texts are
@@ -109,7 +111,29 @@ void UDiskService::readParameters(const std::string& text, char (&name)[256], ch
   copyCut(letter, letterText);
   copyCut(label, labelText);
   if (root.isMember("readOnly")) {
-    UpdateReadOnly(static_cast<unsigned char>(root["readOnly"].asInt() & 0xff));
+    mAnnouncer.UpdateReadOnly(static_cast<unsigned char>(root["readOnly"].asInt() & 0xff));
+  }
+}
+
+int UDiskService::UmountLocal() {
+  if (mUdiskDevice == nullptr) return -1;
+  for (std::size_t i = 0; i < mUdiskDevice->partCount; ++i) {
+    mMounter.unmount(mUdiskDevice->parts[i]);
+  }
+  TakeDisk(nullptr);
+  mOperator->SetRootPath(nullptr, nullptr);
+  return 0;
+}
+
+void UDiskService::TakeDisk(UdiskDevice* disk) {
+  if (mUdiskDevice != nullptr) std::free(mUdiskDevice->parts);
+  delete mUdiskDevice;
+  mUdiskDevice = disk;
+}
+
+void GetUdiskInfo(void* pThis, ZorDevice* device, UDiskOperator* op) {
+  if (pThis == nullptr || device == nullptr || op == nullptr) {
+    MORVEL_ERROR("pThis or device or operator is NULL");
   }
 }
 

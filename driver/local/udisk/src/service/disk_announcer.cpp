@@ -1,4 +1,5 @@
-// The packets that the module sends on its own account.
+#include "disk_announcer.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -7,7 +8,6 @@
 #include "operator/udisk_operator.h"
 #include "protocol/commands.h"
 #include "protocol/records.h"
-#include "udisk_service.h"
 
 namespace zor {
 namespace {
@@ -16,7 +16,7 @@ constexpr std::size_t kUsualCapacity = 128;
 
 }  // namespace
 
-int UDiskService::MountRemote(char* name, ZorDevice* device) {
+int DiskAnnouncer::MountRemote(char* name, ZorDevice* device) {
   if (device != mDevice) {
     MORVEL_DEBUG(kLogDebug, "udisk already plugout, mDevice: %p, device: %p",
                  static_cast<void*>(mDevice), static_cast<void*>(device));
@@ -52,14 +52,14 @@ int UDiskService::MountRemote(char* name, ZorDevice* device) {
   return result;
 }
 
-void UDiskService::SetReadSmallFileTrubo() {
+void DiskAnnouncer::SetReadSmallFileTrubo() {
   auto packet = std::make_unique<ZorPacket>(kUsualCapacity);
   packet->SetHeader(mDevice->GetDevId(), code(wire::SmallFileTurboNotice::kCommand),
                     wire::kSmallFileNoticeRequestId);
   mDevice->SendPacket(std::move(packet), -1);
 }
 
-int UDiskService::UpdateReadOnly(unsigned char readOnly) {
+int DiskAnnouncer::UpdateReadOnly(unsigned char readOnly) {
   mReadOnly = readOnly;
   mOperator->SetReadOnly(readOnly != 0);
   MORVEL_DEBUG(kLogDebug, "udisk is read only %d", readOnly);

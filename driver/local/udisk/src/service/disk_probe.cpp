@@ -1,5 +1,5 @@
-// Which removable disk is there, and what is on it: read from the system's
-// tables and the partition listing of the blkid program.
+#include "disk_probe.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -10,7 +10,6 @@
 
 #include "command.h"
 #include "morvel_log.h"
-#include "udisk_service.h"
 
 namespace zor {
 namespace {
@@ -43,10 +42,10 @@ void assignField(char (&field)[N], std::string_view text) {
 // Sets a field to the first quoted part of a piece such as LABEL="USB". What the
 // piece does not write over stays.
 template <std::size_t N>
-void assignQuoted(UDiskService& service, char (&field)[N], std::string piece) {
+void assignQuoted(char (&field)[N], std::string piece) {
   std::string value(field);
   value.resize(std::max(piece.size(), N) + 1);
-  service.GetString(piece.data(), value.data());
+  DiskProbe::GetString(piece.data(), value.data());
   assignField(field, value.c_str());
 }
 
@@ -55,7 +54,7 @@ bool contains(const std::string& text, const char* part) {
 }
 
 // False when the line describes no partition with a name.
-bool parsePartition(UDiskService& service, const std::string& line, UDiskInfo& info) {
+bool parsePartition(const std::string& line, UDiskInfo& info) {
   const std::size_t colon = line.find(':');
   if (colon == std::string::npos) return false;
   info = {};
@@ -63,11 +62,11 @@ bool parsePartition(UDiskService& service, const std::string& line, UDiskInfo& i
   std::istringstream pieces(line.substr(colon + 1));
   for (std::string piece; std::getline(pieces, piece, ' ');) {
     if (contains(piece, "LABEL=")) {
-      assignQuoted(service, info.label, piece);
+      assignQuoted(info.label, piece);
     } else if (contains(piece, "UUID=")) {
-      if (info.label[0] == '\0') assignQuoted(service, info.label, piece);
+      if (info.label[0] == '\0') assignQuoted(info.label, piece);
     } else if (contains(piece, "TYPE=")) {
-      assignQuoted(service, info.fsType, piece);
+      assignQuoted(info.fsType, piece);
       break;
     }
   }
@@ -76,7 +75,7 @@ bool parsePartition(UDiskService& service, const std::string& line, UDiskInfo& i
 
 }  // namespace
 
-int UDiskService::GetString(char* src, char* dst) {
+int DiskProbe::GetString(char* src, char* dst) {
   const char* at = std::strchr(src, '"');
   if (at == nullptr) return 0;
   int count = 0;
@@ -90,15 +89,15 @@ int UDiskService::GetString(char* src, char* dst) {
   return count;
 }
 
-int UDiskService::GetDeviceClass(char* port) {
+int DiskProbe::GetDeviceClass(char* port) {
   return numberFrom({"cat", "/sys/bus/usb/devices/" + std::string(port) + ":1.0/bInterfaceClass"});
 }
 
-int UDiskService::CheckRemovable(char* disk) {
+int DiskProbe::CheckRemovable(char* disk) {
   return numberFrom({"cat", "/sys/block/" + std::string(disk) + "/removable"});
 }
 
-int UDiskService::GetDevName(char* out) {
+int DiskProbe::GetDevName(char* out) {
   std::istringstream lines(runCommand({"cat", "/proc/partitions"}).output);
   for (std::string line; std::getline(lines, line);) {
     const std::size_t blank = line.rfind(' ');
@@ -109,7 +108,7 @@ int UDiskService::GetDevName(char* out) {
   return 0;
 }
 
-int UDiskService::GetDeviceLabel(const char* dev, UdiskDevice* out) {
+int DiskProbe::GetDeviceLabel(const char* dev, UdiskDevice* out) {
   const std::string name = dev;
   if (name.size() < 4) return -1;
   const std::string key = name.substr(name.size() - 4, 3);
@@ -124,7 +123,7 @@ int UDiskService::GetDeviceLabel(const char* dev, UdiskDevice* out) {
     MORVEL_DEBUG(kLogDebug, "dev:%s, resultStr:%s", key.c_str(), line.c_str());
     UDiskInfo info{};
     if (!contains(line, key.c_str()) || !contains(line, "TYPE=")) continue;
-    if (!parsePartition(*this, line, info)) continue;
+    if (!parsePartition(line, info)) continue;
     if (found.size() == kMaxPartitions) {
       MORVEL_ERROR("partition left out, only %d fit: %s", static_cast<int>(kMaxPartitions),
                    info.devPath);
@@ -139,14 +138,6 @@ int UDiskService::GetDeviceLabel(const char* dev, UdiskDevice* out) {
   out->partCount = static_cast<std::uint8_t>(found.size());
   out->parts = parts;
   return 0;
-}
-
-int UDiskService::GetDeviceInfo(ZorDevice* /*device*/, UdiskDevice* /*out*/) { return -1; }
-
-void GetUdiskInfo(void* pThis, ZorDevice* device, UDiskOperator* op) {
-  if (pThis == nullptr || device == nullptr || op == nullptr) {
-    MORVEL_ERROR("pThis or device or operator is NULL");
-  }
 }
 
 }  // namespace zor
