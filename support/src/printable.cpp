@@ -1,20 +1,27 @@
 #include "support/printable.h"
 
+#include <glib.h>
+
 #include <cstdint>
 
 namespace zor {
 namespace {
 
-char32_t decoded(std::string_view character) noexcept {
-  const auto first = static_cast<std::uint8_t>(character[0]);
-  char32_t value = character.size() == 1 ? first : first & (0x7fU >> character.size());
-  for (const char next : character.substr(1)) {
-    value = (value << 6) | (static_cast<std::uint8_t>(next) & 0x3fU);
-  }
-  return value;
+struct Character {
+  std::size_t size;  ///< 0: no well-formed UTF-8
+  gunichar value;
+};
+
+Character firstOf(std::string_view text) noexcept {
+  if (text.empty()) return {0, 0};
+  if (text[0] == '\0') return {1, 0};  // GLib takes it for the end of the text
+  const auto size = static_cast<gssize>(text.size());
+  const gunichar value = g_utf8_get_char_validated(text.data(), size);
+  if (value >= static_cast<gunichar>(-2)) return {0, 0};
+  return {static_cast<std::size_t>(g_utf8_next_char(text.data()) - text.data()), value};
 }
 
-bool isHarmless(char32_t c) noexcept {
+bool isHarmless(gunichar c) noexcept {
   if (c < 0x20 || (c >= 0x7f && c <= 0x9f)) return false;
   const bool separatesLines = c == 0x2028 || c == 0x2029;
   const bool turnsDirection = c == 0x061c || c == 0x200e || c == 0x200f ||
@@ -24,37 +31,21 @@ bool isHarmless(char32_t c) noexcept {
 
 }  // namespace
 
-std::size_t utf8Size(std::string_view text) noexcept {
-  const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  if (text.empty()) return 0;
-  const std::uint8_t first = byte(0);
-  if (first < 0x80) return 1;
-  if (first < 0xc2 || first > 0xf4) return 0;
-  const std::size_t size = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-  if (text.size() < size) return 0;
-  // The bounds of the second byte keep out overlong forms, surrogates and too large values.
-  const std::uint8_t low = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
-  const std::uint8_t high = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
-  if (byte(1) < low || byte(1) > high) return 0;
-  for (std::size_t i = 2; i < size; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-  }
-  return size;
-}
+std::size_t utf8Size(std::string_view text) noexcept { return firstOf(text).size; }
 
 std::string printable(std::string_view text) {
   constexpr std::string_view kDigits = "0123456789abcdef";
   std::string result;
   result.reserve(text.size());
   while (!text.empty()) {
-    const std::size_t size = utf8Size(text);
-    const std::string_view character = text.substr(0, size == 0 ? 1 : size);
-    text.remove_prefix(character.size());
-    if (size != 0 && isHarmless(decoded(character))) {
-      result += character;
+    const Character first = firstOf(text);
+    const std::string_view bytes = text.substr(0, first.size == 0 ? 1 : first.size);
+    text.remove_prefix(bytes.size());
+    if (first.size != 0 && isHarmless(first.value)) {
+      result += bytes;
       continue;
     }
-    for (const char c : character) {
+    for (const char c : bytes) {
       const auto byte = static_cast<std::uint8_t>(c);
       result.append({'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]});
     }
