@@ -30,10 +30,8 @@ int check_microsoft_suffix(char* path) {
   return 0;
 }
 
-int UDiskOperator::file_truncate(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::TruncateRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::file_truncate(DecodedRequest<wire::TruncateRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   LogText local = disk.localPath(request.path().text);
   std::uint64_t length = request.record.length;
   MORVEL_DEBUG(kLogDebug, "file_truncate full path: %s,name len:%d,offset:%llu\n", local.c_str(),
@@ -43,44 +41,32 @@ int UDiskOperator::file_truncate(unsigned char headerLength, ZorPacket* packet) 
   request.record.result = mFileManager->UdiskTruncate(Location(disk, request.path().text),
                                                       static_cast<long long>(length));
   MORVEL_DEBUG(kLogDebug, "file_truncate resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "file_truncate send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "file_truncate");
 }
 
-int UDiskOperator::file_fsync(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::FsyncRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::file_fsync(DecodedRequest<wire::FsyncRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "file_fsync full path: %s,name len:%dlu\n",
                disk.localPath(request.path().text).c_str(),
                static_cast<int>(request.record.pathLength));
   request.record.result = mFileManager->UdiskFsync(Location(disk, request.path().text));
   MORVEL_DEBUG(kLogDebug, "file_fsync  resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "file_fsync send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "file_fsync");
 }
 
-int UDiskOperator::file_chmod(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::ChmodRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::file_chmod(DecodedRequest<wire::ChmodRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "file_chmod full path: %s,name len:%d,mode: %d\n",
                disk.localPath(request.path().text).c_str(), request.record.pathLength,
                request.record.mode);
   request.record.result =
       mFileManager->UdiskFileChmod(Location(disk, request.path().text), request.record.mode);
   MORVEL_DEBUG(kLogDebug, "file_chmod resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "file_chmod send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "file_chmod");
 }
 
-int UDiskOperator::file_chown(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::ChownRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::file_chown(DecodedRequest<wire::ChownRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   const auto uid = static_cast<int>(request.record.uid);
   const auto gid = static_cast<int>(request.record.gid);
   MORVEL_DEBUG(kLogDebug, "file_chown full path: %s,name len:%d,uid: %d, gid: %d\n",
@@ -89,9 +75,7 @@ int UDiskOperator::file_chown(unsigned char headerLength, ZorPacket* packet) {
   request.record.result =
       mFileManager->UdiskFileChown(Location(disk, request.path().text), uid, gid);
   MORVEL_DEBUG(kLogDebug, "file_chown resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "file_chown send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "file_chown");
 }
 
 }  // namespace zor

@@ -10,9 +10,7 @@
 
 namespace zor {
 
-int UDiskOperator::get_file_attr(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::FileAttrRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::get_file_attr(DecodedRequest<wire::FileAttrRecord>& request) {
   const PeerString& path = request.path();
   MORVEL_DEBUG(kLogDebug, "get_file_attr path name: %s, size:%d\n", path.logged().c_str(),
                request.record.pathLength);
@@ -20,26 +18,23 @@ int UDiskOperator::get_file_attr(unsigned char headerLength, ZorPacket* packet) 
     MORVEL_ERROR("get_file_attr path not match\n");
     return -1;
   }
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "get_attr full path: %s\n", disk.localPath(path.text).c_str());
   udisk_stat attributes{};
   const bool found =
       mFileManager->UdiskGetFileInformation(Location(disk, path.text), &attributes) == 0;
   request.record.attrLength = found ? wire::wireSize<udisk_stat>() : 0;
 
-  Reply answer(
-      *packet, headerLength,
-      wire::wireSize<wire::FileAttrRecord>() + path.received.size() + request.record.attrLength);
+  ReplyBuilder answer(request, wire::wireSize<wire::FileAttrRecord>() + path.received.size() +
+                                   request.record.attrLength);
   answer.add(request.record).add(path.received);
   if (found) answer.add(attributes);
   MORVEL_DEBUG(kLogDebug, "get_attr send back file size: %llu, buf_len:%d\n",
                static_cast<unsigned long long>(attributes.st_size), request.record.attrLength);
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
-int UDiskOperator::get_xattr(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::XattrRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::get_xattr(DecodedRequest<wire::XattrRecord>& request) {
   const auto& [path, name] = request.strings;
   MORVEL_DEBUG(kLogFrequent, "get_xattr path:%s, name: %s, size:%llu\n", path.logged().c_str(),
                name.logged().c_str(), static_cast<unsigned long long>(request.record.valueSize));
@@ -52,18 +47,16 @@ int UDiskOperator::get_xattr(unsigned char headerLength, ZorPacket* packet) {
   request.record.valueLength = 0;
 
   constexpr std::size_t kFixed = wire::wireSize<wire::XattrRecord>();
-  Reply answer(*packet, headerLength, kFixed + name.received.size());
+  ReplyBuilder answer(request, kFixed + name.received.size());
   answer.add(request.record).add(name.received);
-  MORVEL_DEBUG(
-      kLogFrequent, "get_xattr return size: %d\n",
-      static_cast<int>(headerLength + kFixed + path.received.size() + name.received.size()));
-  return reply(*packet, answer);
+  MORVEL_DEBUG(kLogFrequent, "get_xattr return size: %d\n",
+               static_cast<int>(request.headerLength + kFixed + path.received.size() +
+                                name.received.size()));
+  return reply(request, answer);
 }
 
-int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
+int UDiskOperator::get_statvfs(DecodedRequest<wire::StatvfsRecord>& request) {
   constexpr std::size_t kStatistics = wire::wireSize<udisk_statvfs>();
-  Request<wire::StatvfsRecord> request(*packet);
-  if (!request) return -1;
   const PeerString& path = request.path();
   const std::size_t slash = path.text.find('/');
   const std::string_view label =
@@ -76,14 +69,14 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
   };
 
   request.record.recordLength = kStatistics;
-  Reply answer(*packet, headerLength,
-               wire::wireSize<wire::StatvfsRecord>() + path.received.size() + kStatistics);
+  ReplyBuilder answer(request,
+                      wire::wireSize<wire::StatvfsRecord>() + path.received.size() + kStatistics);
   answer.add(request.record).addText(path);
   if (mDiskChanged != 0) {
     // Every record describes the same mount point: one look serves them all.
     udisk_statvfs fresh{};
-    mFileManager->UdiskGetStatvfs(openDisk(*packet), &fresh);
-    const std::lock_guard lock(mMountMutex);
+    mFileManager->UdiskGetStatvfs(openDisk(request), &fresh);
+    const MutexLock lock(mMountMutex);
     for (const LabelRecord& record : mStatvfsList) {
       if (!matches(record)) continue;
       record->statistics = fresh;
@@ -91,7 +84,7 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
     }
     mDiskChanged = 0;
   } else {
-    const std::lock_guard lock(mMountMutex);
+    const MutexLock lock(mMountMutex);
     for (const LabelRecord& record : mStatvfsList) {
       if (!matches(record)) continue;
       answer.add(record->statistics);
@@ -99,9 +92,9 @@ int UDiskOperator::get_statvfs(unsigned char headerLength, ZorPacket* packet) {
     }
   }
   MORVEL_DEBUG(kLogDebug, "get_statvfs send back size:%d, buf len: %d",
-               static_cast<int>(headerLength + path.received.size() + 120),
+               static_cast<int>(request.headerLength + path.received.size() + 120),
                static_cast<int>(kStatistics));
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
 }  // namespace zor

@@ -23,22 +23,18 @@ struct Listing : _UDISK_DIR_ATTR {
   }
 };
 
-Reply listingReply(Request<wire::DirRecord>& request, unsigned char headerLength,
-                   const Listing& listing) {
+ReplyBuilder listingReply(DecodedRequest<wire::DirRecord>& request, const Listing& listing) {
   request.record.listingLength = listing.bufferLength;
   request.record.entryCount = static_cast<std::uint16_t>(listing.entryCount);
-  Reply answer(
-      request.packet(), headerLength,
-      wire::wireSize<wire::DirRecord>() + request.path().received.size() + listing.bufferLength);
+  ReplyBuilder answer(request, wire::wireSize<wire::DirRecord>() + request.path().received.size() +
+                                   listing.bufferLength);
   answer.add(request.record).add(request.path().received).add(listing.bytes());
   return answer;
 }
 
 }  // namespace
 
-int UDiskOperator::dir_read(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::DirRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::dir_read(DecodedRequest<wire::DirRecord>& request) {
   const PeerString& path = request.path();
   MORVEL_DEBUG(kLogFrequent, "dir_read dir: %s, size:%d\n", path.logged().c_str(),
                request.record.pathLength);
@@ -46,19 +42,18 @@ int UDiskOperator::dir_read(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_ERROR("dir_read dir not match\n");
     return -1;
   }
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogFrequent, "dir_read full path: %s\n", disk.localPath(path.text).c_str());
   Listing listing;
   mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
-  Reply answer = listingReply(request, headerLength, listing);
+  ReplyBuilder answer = listingReply(request, listing);
   MORVEL_DEBUG(kLogFrequent, "dir_read send back size: %d\n", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
-int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::DirRecord> request(*packet);
+int UDiskOperator::check_dir(DecodedRequest<wire::DirRecord>& request) {
   wire::Bytes cached;
-  if (!request || !request.data(request.record.listingLength, cached)) return -1;
+  if (!request.data(request.record.listingLength, cached)) return -1;
   const PeerString& path = request.path();
   MORVEL_DEBUG(kLogDebug, "cache_file_count:%d", request.record.entryCount);
   MORVEL_DEBUG(kLogDebug, "check_dir dir: %s, size:%d\n", path.logged().c_str(),
@@ -67,7 +62,7 @@ int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_ERROR("check dir not match\n");
     return -1;
   }
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "check dir full path: %s\n", disk.localPath(path.text).c_str());
   Listing listing;
   mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
@@ -83,9 +78,9 @@ int UDiskOperator::check_dir(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_DEBUG(kLogDebug, "========== not update==========");
     return -1;
   }
-  Reply answer = listingReply(request, headerLength, listing);
+  ReplyBuilder answer = listingReply(request, listing);
   MORVEL_DEBUG(kLogDebug, "check_dir send back size: %d\n", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
 }  // namespace zor

@@ -10,12 +10,10 @@
 
 namespace zor {
 
-int UDiskOperator::file_create(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::FileCreateRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::file_create(DecodedRequest<wire::FileCreateRecord>& request) {
   wire::FileCreateRecord& record = request.record;
   const PeerString& path = request.path();
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "file_create full path: %s, flag:%x, mode: %x\n",
                disk.localPath(path.text).c_str(), record.flags, record.mode);
   record.fd =
@@ -23,12 +21,11 @@ int UDiskOperator::file_create(unsigned char headerLength, ZorPacket* packet) {
   if (record.fd < 0) {
     Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk CreatFile fail");
   }
-  Reply answer(*packet, headerLength,
-               wire::wireSize<wire::FileCreateRecord>() + path.received.size());
+  ReplyBuilder answer(request, wire::wireSize<wire::FileCreateRecord>() + path.received.size());
   answer.add(record).add(path.received);
   MORVEL_DEBUG(kLogDebug, "file_create send size:%d file fd: %d\n", static_cast<int>(answer.size()),
                record.fd);
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
 int UDiskOperator::file_open(unsigned char /*headerLength*/, ZorPacket* /*request*/) { return 0; }

@@ -11,17 +11,14 @@
 
 namespace zor {
 
-int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::FileReadRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::file_read(DecodedRequest<wire::FileReadRecord>& request) {
   wire::FileReadRecord& record = request.record;
   const PeerString& path = request.path();
   limitReadRate(__func__, record.size, PeriodStart::kWithThisRead);
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
 
   // The contents are read to where they are sent from.
-  Reply answer(*packet, headerLength,
-               wire::wireSize<wire::FileReadRecord>() + path.received.size());
+  ReplyBuilder answer(request, wire::wireSize<wire::FileReadRecord>() + path.received.size());
   answer.add(record).add(path.received);
   const int count = mFileManager->UdiskReadFile(Location(disk, path.text), record.offset,
                                                 std::min(record.size, wire::kMaxReadSize), answer);
@@ -41,7 +38,7 @@ int UDiskOperator::file_read(unsigned char headerLength, ZorPacket* packet) {
   MORVEL_DEBUG(kLogFrequent, "file_read send back size:%d, buf length: %d, offset: %llu",
                static_cast<int>(answer.size()), static_cast<int>(record.size),
                static_cast<unsigned long long>(record.offset));
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
 }  // namespace zor

@@ -38,13 +38,12 @@ std::int64_t writeBatch(const char* function, FileWriter& file, wire::Bytes data
 
 }  // namespace
 
-int UDiskOperator::file_write(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::FileWriteRecord> request(*packet);
+int UDiskOperator::file_write(DecodedRequest<wire::FileWriteRecord>& request) {
   wire::FileWriteRecord& record = request.record;
   wire::Bytes data;
-  if (!request || !request.data(record.file_buf_length, data)) return -1;
+  if (!request.data(record.file_buf_length, data)) return -1;
   const PeerString& path = request.path();
-  DiskRoot& disk = openDisk(*packet);
+  DiskRoot& disk = openDisk(request);
   // clang-format off
   MORVEL_DEBUG(kLogFrequent,
                "file_write full path: %s, write_header->fuse_length: %d, offset: %llu,write_header->file_buf_length:%d\n",
@@ -74,12 +73,11 @@ int UDiskOperator::file_write(unsigned char headerLength, ZorPacket* packet) {
   }
   if (record.replyMark != record.replyMatch) return static_cast<int>(result);
 
-  Reply answer(*packet, headerLength,
-               wire::wireSize<wire::FileWriteRecord>() + path.received.size());
+  ReplyBuilder answer(request, wire::wireSize<wire::FileWriteRecord>() + path.received.size());
   answer.add(record).add(path.received);
   MORVEL_DEBUG(kLogFrequent, "file_write send back size:%d, write res: %d",
                static_cast<int>(answer.size()), static_cast<int>(result));
-  return reply(*packet, answer);
+  return reply(request, answer);
 }
 
 }  // namespace zor

@@ -8,22 +8,18 @@
 
 namespace zor {
 
-int UDiskOperator::file_flush(unsigned char /*headerLength*/, ZorPacket* packet) {
-  const Request<wire::HandleRecord> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::file_flush(DecodedRequest<wire::HandleRecord>& request) {
   MORVEL_DEBUG(kLogDebug, "file_flush fd: %d, path: %s\n", request.record.fd,
                request.path().logged().c_str());
-  return echo(*packet);
+  return echo(request.packet);
 }
 
-int UDiskOperator::file_release(unsigned char /*headerLength*/, ZorPacket* packet) {
-  const Request<wire::HandleRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::file_release(DecodedRequest<wire::HandleRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "file_release fd: %d, path: %s, mMountPoint: %s\n", request.record.fd,
                request.path().logged().c_str(), disk.localPath("").c_str());
   mFileManager->UdiskRelease(Location(disk, request.path().text));
-  return echo(*packet);
+  return echo(request.packet);
 }
 
 }  // namespace zor

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "morvel_log.h"
+#include "request.h"
 #include "udisk_operator.h"
 
 namespace zor {
@@ -18,7 +19,7 @@ constexpr auto kMaxHold = std::chrono::milliseconds(2);
 }  // namespace
 
 int UDiskOperator::resetRootPath() {
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   std::memset(mMountPoint, 0, sizeof mMountPoint);
   mStatvfsList.clear();
   mMountIdentity.reset();
@@ -45,7 +46,7 @@ int UDiskOperator::SetRootPath(char* letter, char* label) {
 
   std::uint64_t generation = 0;
   {
-    const std::lock_guard lock(mMountMutex);
+    const MutexLock lock(mMountMutex);
     std::memset(mMountPoint, 0, sizeof mMountPoint);
     std::memcpy(mMountPoint, letter, letterLength);
     std::memcpy(mMountPoint + letterLength, label, labelLength);
@@ -57,7 +58,7 @@ int UDiskOperator::SetRootPath(char* letter, char* label) {
   MORVEL_DEBUG(kLogDebug, "==============letter:%s\n", path.c_str());
   mFileManager->UdiskGetStatvfs(openMountPoint(), &record->statistics);
 
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   // Set or reset again meanwhile: the record describes what is no longer there.
   if (generation == mMountGeneration) mStatvfsList.push_back(std::move(record));
   return 0;
@@ -67,14 +68,14 @@ DiskRoot UDiskOperator::openMountPoint() {
   char mountPoint[sizeof mMountPoint];
   std::uint64_t generation = 0;
   {
-    const std::lock_guard lock(mMountMutex);
+    const MutexLock lock(mMountMutex);
     std::memcpy(mountPoint, mMountPoint, sizeof mountPoint);
     generation = mMountGeneration;
   }
   DiskRoot root(mountPoint);
   if (root.error() != 0) return root;
 
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   if (generation != mMountGeneration) {
     root.refuse(ENODEV);
     return root;
@@ -101,29 +102,26 @@ DiskRoot UDiskOperator::openMountPoint() {
   return root;
 }
 
-bool UDiskOperator::diskIsFresh() {
+bool UDiskOperator::diskIsValid() {
   if (std::chrono::steady_clock::now() - mDiskOpened > kMaxHold) return false;
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   return mDiskGeneration == mMountGeneration;
 }
 
-DiskRoot& UDiskOperator::openDisk(const ZorPacket& request) {
-  if (mDisk && !diskIsFresh()) closeDisk();
+DiskRoot& UDiskOperator::openDisk(const HandlerCall& request) {
+  if (mDisk && !diskIsValid()) closeDisk();
   if (!mDisk) {
     {
-      const std::lock_guard lock(mMountMutex);
+      const MutexLock lock(mMountMutex);
       mDiskGeneration = mMountGeneration;
     }
     mDisk.emplace(openMountPoint());
     mDiskOpened = std::chrono::steady_clock::now();
     if (mInBatch) mDisk->expectMore();
-    const std::lock_guard lock(mMountMutex);
+    const MutexLock lock(mMountMutex);
     if (std::exchange(mDiskTaken, false)) mDiskChanged = 1;
   }
-  const Operation* operation = findOperation(request.GetCmd());
-  if (mDisk->error() == 0 && mReadOnly && operation != nullptr && operation->changesDisk) {
-    mDisk->refuse(EROFS);
-  }
+  if (mDisk->error() == 0 && mReadOnly && request.operation.changesDisk) mDisk->refuse(EROFS);
   return *mDisk;
 }
 
@@ -134,7 +132,7 @@ std::string UDiskOperator::GetRemoteMountPoint() {
 }
 
 std::string UDiskOperator::mountPoint() {
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   return mMountPoint;
 }
 

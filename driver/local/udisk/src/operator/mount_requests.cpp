@@ -72,18 +72,14 @@ void mountDirectory(const std::string& name, char (&path)[256]) {
 
 }  // namespace
 
-int UDiskOperator::mountEcho(unsigned char headerLength,
-                             const Request<wire::MountRemoteRequest>& request) {
+int UDiskOperator::mountEcho(const DecodedRequest<wire::MountRemoteRequest>& request) {
   const std::string_view name = request.path().received;
-  Reply answer(request.packet(), headerLength,
-               wire::wireSize<wire::MountRemoteRequest>() + name.size());
+  ReplyBuilder answer(request, wire::wireSize<wire::MountRemoteRequest>() + name.size());
   answer.add(request.record).add(name);
-  return reply(request.packet(), answer);
+  return reply(request, answer);
 }
 
-int UDiskOperator::mount_remote(unsigned char headerLength, ZorPacket* packet) {
-  const Request<wire::MountRemoteRequest> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::mount_remote(DecodedRequest<wire::MountRemoteRequest>& request) {
   if (isPlainName(request.path())) {
     char path[256] = {};
     mountDirectory(std::string(request.path().text), path);
@@ -98,19 +94,17 @@ int UDiskOperator::mount_remote(unsigned char headerLength, ZorPacket* packet) {
     MORVEL_ERROR("mount name is not a plain name: %s", request.path().logged().c_str());
     SetRootPath(nullptr, nullptr);
   }
-  return mountEcho(headerLength, request);
+  return mountEcho(request);
 }
 
-int UDiskOperator::umount_remote(unsigned char headerLength, ZorPacket* packet) {
-  const Request<wire::MountRemoteRequest> request(*packet);
-  if (!request) return -1;
+int UDiskOperator::umount_remote(DecodedRequest<wire::MountRemoteRequest>& request) {
   SetRootPath(nullptr, nullptr);
-  return mountEcho(headerLength, request);
+  return mountEcho(request);
 }
 
-int UDiskOperator::mount_response(unsigned char /*headerLength*/, ZorPacket* packet) {
+int UDiskOperator::mount_response(const HandlerCall& call) {
   MORVEL_DEBUG(kLogDebug, "vmId: %d", vmId);
-  const Request<wire::MountResponseRecord> request(*packet);
+  const DecodedRequest<wire::MountResponseRecord> request(call);
   if (!request) return -1;
   const std::string drive(request.strings[0].text);
   const std::string label(request.strings[1].text);
@@ -118,7 +112,7 @@ int UDiskOperator::mount_response(unsigned char /*headerLength*/, ZorPacket* pac
                static_cast<int>(wire::wireSize<wire::MountResponseRecord>()), label.c_str(),
                drive.c_str());
   {
-    const std::lock_guard lock(mMountMutex);
+    const MutexLock lock(mMountMutex);
     mMountDrive = drive;
   }
   Trace("DEVICE_OPEN", true, UDISK_TRACE_PLACE, "udisk create success RemoteMountPoint:", drive);

@@ -10,10 +10,8 @@
 #include "udisk_operator.h"
 
 namespace zor {
-int UDiskOperator::make_dir(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::MakeDirRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::make_dir(DecodedRequest<wire::MakeDirRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "make dir full path: %s,path len:%d, mode: %d\n",
                disk.localPath(request.path().text).c_str(), request.record.pathLength,
                request.record.mode);
@@ -23,15 +21,11 @@ int UDiskOperator::make_dir(unsigned char headerLength, ZorPacket* packet) {
   if (request.record.result != 0) {
     Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk make_dir fail");
   }
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "make dir send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "make dir");
 }
 
-int UDiskOperator::remove_dir(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::RemoveRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::remove_dir(DecodedRequest<wire::RemoveRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "remove dir full path: %s,name\n",
                disk.localPath(request.path().text).c_str());
   request.record.result = static_cast<std::int16_t>(
@@ -40,45 +34,33 @@ int UDiskOperator::remove_dir(unsigned char headerLength, ZorPacket* packet) {
     Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk remove_dir fail");
   }
   MORVEL_DEBUG(kLogDebug, "remove dir resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "remove dir send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "remove dir");
 }
 
-int UDiskOperator::set_link(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::TwoPathRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::set_link(DecodedRequest<wire::TwoPathRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   const auto& [from, to] = request.strings;
   MORVEL_DEBUG(kLogDebug, "set link full from path: %s, to path: %s\n",
                disk.localPath(from.text).c_str(), disk.localPath(to.text).c_str());
   request.record.result =
       mFileManager->UdiskLink(Location(disk, from.text), Location(disk, to.text));
   MORVEL_DEBUG(kLogDebug, "set link resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "set link send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "set link");
 }
 
-int UDiskOperator::set_unlink(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::RemoveRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::set_unlink(DecodedRequest<wire::RemoveRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   MORVEL_DEBUG(kLogDebug, "set unlink full from path: %s\n",
                disk.localPath(request.path().text).c_str());
   request.record.result =
       static_cast<std::int16_t>(mFileManager->UdiskUnlink(Location(disk, request.path().text)));
   if (request.record.result < 0) MORVEL_ERROR("set unlink error: %s", std::strerror(errno));
   MORVEL_DEBUG(kLogDebug, "set unlink resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "set unlink send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "set unlink");
 }
 
-int UDiskOperator::set_rename(unsigned char headerLength, ZorPacket* packet) {
-  Request<wire::TwoPathRecord> request(*packet);
-  if (!request) return -1;
-  DiskRoot& disk = openDisk(*packet);
+int UDiskOperator::set_rename(DecodedRequest<wire::TwoPathRecord>& request) {
+  DiskRoot& disk = openDisk(request);
   const auto& [from, to] = request.strings;
   MORVEL_DEBUG(kLogDebug, "set rename full from path: %s, to path: %s\n",
                disk.localPath(from.text).c_str(), disk.localPath(to.text).c_str());
@@ -88,9 +70,7 @@ int UDiskOperator::set_rename(unsigned char headerLength, ZorPacket* packet) {
     Trace("DEVICE_REDIR_ERROR", false, UDISK_TRACE_PLACE, "udisk set_rename fail");
   }
   MORVEL_DEBUG(kLogDebug, "set rename resule: %d", request.record.result);
-  Reply answer = recordReply(request, headerLength);
-  MORVEL_DEBUG(kLogDebug, "set rename send back size:%d", static_cast<int>(answer.size()));
-  return reply(*packet, answer);
+  return finish(request, recordReply(request), "set rename");
 }
 
 }  // namespace zor

@@ -8,16 +8,16 @@
 
 namespace zor {
 
-Reply::Reply(const ZorPacket& request, unsigned char headerLength,
-             std::uint64_t payloadSize) noexcept
-    : mPacket(new (std::nothrow) ZorPacket(headerLength + payloadSize)) {
+ReplyBuilder::ReplyBuilder(const HandlerCall& request, std::uint64_t payloadSize) noexcept
+    : mPacket(new (std::nothrow) ZorPacket(request.headerLength + payloadSize)) {
   if (mPacket && !mPacket->mBuffer) mPacket.reset();
   if (mPacket) {
-    mPacket->SetHeader(request.GetDevId(), request.GetCmd(), request.GetRequestId());
+    const ZorPacket& packet = request.packet;
+    mPacket->SetHeader(packet.GetDevId(), packet.GetCmd(), packet.GetRequestId());
   }
 }
 
-Reply& Reply::add(wire::Bytes bytes) noexcept {
+ReplyBuilder& ReplyBuilder::add(wire::Bytes bytes) noexcept {
   if (bytes.empty()) return *this;
   if (std::byte* at = room(bytes.size())) {
     std::memcpy(at, bytes.data(), bytes.size());
@@ -26,11 +26,11 @@ Reply& Reply::add(wire::Bytes bytes) noexcept {
   return *this;
 }
 
-Reply& Reply::add(std::string_view bytes) noexcept {
+ReplyBuilder& ReplyBuilder::add(std::string_view bytes) noexcept {
   return add(wire::Bytes(reinterpret_cast<const std::byte*>(bytes.data()), bytes.size()));
 }
 
-Reply& Reply::addText(const PeerString& string) noexcept {
+ReplyBuilder& ReplyBuilder::addText(const PeerString& string) noexcept {
   if (std::byte* at = room(string.received.size())) {
     const std::size_t length = string.text.size();
     if (length > 0) std::memcpy(at, string.text.data(), length);
@@ -40,7 +40,7 @@ Reply& Reply::addText(const PeerString& string) noexcept {
   return *this;
 }
 
-std::byte* Reply::room(std::size_t size) noexcept {
+std::byte* ReplyBuilder::room(std::size_t size) noexcept {
   if (!mPacket) return nullptr;
   PacketBuffer& buffer = *mPacket->mBuffer;
   const std::uint64_t length = mPacket->GetLength();
@@ -62,7 +62,7 @@ std::byte* Reply::room(std::size_t size) noexcept {
   return data() + length;
 }
 
-void Reply::commit(std::size_t size) noexcept {
+void ReplyBuilder::commit(std::size_t size) noexcept {
   mPacket->mHeader->length += static_cast<std::uint32_t>(size);
 }
 

@@ -16,20 +16,20 @@ namespace zor {
 /// Builds a reply in the memory that is sent: pieces are appended in order, and
 /// file contents are read to their final place. Running out of memory makes
 /// `take` return null, whichever step it was.
-class Reply final : public ReadTarget {
+class ReplyBuilder final : public ReadTarget {
  public:
   /// A reply with the identity of `request` and room for the pieces announced.
-  Reply(const ZorPacket& request, unsigned char headerLength, std::uint64_t payloadSize) noexcept;
+  ReplyBuilder(const HandlerCall& request, std::uint64_t payloadSize) noexcept;
 
   template <wire::Record R>
-  Reply& add(const R& record) noexcept {
+  ReplyBuilder& add(const R& record) noexcept {
     const auto bytes = wire::encoded(record);
     return add(wire::Bytes(bytes));
   }
-  Reply& add(wire::Bytes bytes) noexcept;
-  Reply& add(std::string_view bytes) noexcept;
+  ReplyBuilder& add(wire::Bytes bytes) noexcept;
+  ReplyBuilder& add(std::string_view bytes) noexcept;
   /// The text of `string` and zero bytes up to its declared length.
-  Reply& addText(const PeerString& string) noexcept;
+  ReplyBuilder& addText(const PeerString& string) noexcept;
 
   /// Memory behind the last piece, growing the reply if need be. What was put
   /// there becomes part of the reply by `commit`.
@@ -55,10 +55,10 @@ class Reply final : public ReadTarget {
 
 /// The commonest reply: the fixed part with its results, and the strings.
 template <wire::Record R>
-Reply recordReply(const Request<R>& request, unsigned char headerLength) noexcept {
+ReplyBuilder recordReply(const DecodedRequest<R>& request) noexcept {
   std::uint64_t size = wire::wireSize<R>();
   for (const PeerString& string : request.strings) size += string.received.size();
-  Reply reply(request.packet(), headerLength, size);
+  ReplyBuilder reply(request, size);
   reply.add(request.record);
   for (const PeerString& string : request.strings) reply.addText(string);
   return reply;

@@ -1,4 +1,4 @@
-// One decoded request: the only place where bytes of a peer are looked at.
+// One decoded request: the only place where bytes of a peer are read.
 #pragma once
 
 #include <array>
@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "file_manager_linux/log_text.h"
+#include "operation.h"
 #include "protocol/codec.h"
 #include "zor_packet.h"
 
@@ -37,12 +38,19 @@ struct PeerString {
   std::string_view text;      ///< up to the first zero byte: what the string means
 };
 
+/// One call of a handler: the request, and its row in the table of commands.
+struct HandlerCall {
+  const Operation& operation;
+  const ZorPacket& packet;
+  unsigned char headerLength;  ///< what a reply reserves for its header
+};
+
 /// Decodes the fixed part and the strings behind it. A request that does not
 /// hold them is reported and converts to false: leave it alone.
 template <wire::Record R>
-class Request {
+class DecodedRequest : public HandlerCall {
  public:
-  explicit Request(const ZorPacket& packet) noexcept : mPacket(packet) {
+  explicit DecodedRequest(const HandlerCall& call) noexcept : HandlerCall(call) {
     wire::Cursor cursor(payloadOf(packet));
     if (cursor.get(record)) {
       std::apply(
@@ -58,13 +66,12 @@ class Request {
   }
 
   explicit operator bool() const noexcept { return mOk; }
-  const ZorPacket& packet() const noexcept { return mPacket; }
   const PeerString& path() const noexcept { return strings[0]; }
 
   /// The declared data behind the strings. False (and reported) when less is there.
   bool data(std::int64_t size, wire::Bytes& out) const noexcept {
     if (size < 0 || static_cast<std::uint64_t>(size) > mRest.size()) {
-      reportMalformed(mPacket);
+      reportMalformed(packet);
       return false;
     }
     out = mRest.first(static_cast<std::size_t>(size));
@@ -75,7 +82,6 @@ class Request {
   std::array<PeerString, std::tuple_size_v<decltype(R::kStrings)>> strings;
 
  private:
-  const ZorPacket& mPacket;
   wire::Bytes mRest;
   bool mOk = false;
 };

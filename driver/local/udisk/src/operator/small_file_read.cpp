@@ -36,10 +36,10 @@ int readEntry(const char* function, wire::Cursor& cursor, SmallFileEntry& entry)
 
 }  // namespace
 
-int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet) {
+int UDiskOperator::small_file_read(const HandlerCall& request) {
   constexpr std::size_t kFixed = wire::wireSize<wire::FileReadRecord>();
   MORVEL_DEBUG(kLogFrequent, "small_file_read entry, \n");
-  const wire::Bytes payload = payloadOf(*packet);
+  const wire::Bytes payload = payloadOf(request.packet);
   wire::Cursor cursor(payload);
   wire::SmallFileRecord batch{};
   if (!cursor.get(batch)) {
@@ -57,7 +57,7 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
     return mStopServing ||
            (source != nullptr && record % kRecordsPerQuery == 0 && !source->deliversReplies());
   };
-  std::uint64_t requested = headerLength;  // what the limiter and the log count
+  std::uint64_t requested = request.headerLength;  // what the limiter and the log count
   std::uint64_t names = 0;
   wire::Cursor check = cursor;
   SmallFileEntry entry{};
@@ -74,21 +74,21 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
     requested += std::uint64_t{kFixed} + record.pathLength + record.size;
   }
   if (requested > kMaxBatchSize) {
-    reportMalformed(*packet);
+    reportMalformed(request.packet);
     return -1;
   }
 
-  Reply answer(*packet, headerLength, wire::wireSize<wire::SmallFileRecord>() + names);
+  ReplyBuilder answer(request, wire::wireSize<wire::SmallFileRecord>() + names);
   answer.add(batch);
   std::uint32_t failures = 0;
   for (std::uint32_t i = 0; i < batch.num_records; ++i) {
     if (mayEnd(i)) return -1;
     readEntry(__func__, cursor, entry);
     wire::FileReadRecord block{entry.record.offset, 0, 0, entry.record.pathLength, 0};
-    const std::size_t at = answer.size() - headerLength;
+    const std::size_t at = answer.size() - request.headerLength;
     answer.add(block).add(entry.file_name.received);
     // Opened anew from time to time: a long batch must not go on in what was moved away.
-    const Location file(openDisk(*packet), entry.file_name.text);
+    const Location file(openDisk(request), entry.file_name.text);
     const int count =
         mFileManager->UdiskReadFile(file, block.offset, entry.record.size, answer,
                                     failures == 0 ? Failures::kLogged : Failures::kSilent);
@@ -106,7 +106,7 @@ int UDiskOperator::small_file_read(unsigned char headerLength, ZorPacket* packet
     MORVEL_ERROR("small_file_read: so failed %u of %u records", failures, batch.num_records);
   }
   limitReadRate(__func__, static_cast<std::uint32_t>(requested), PeriodStart::kEmpty);
-  reply(*packet, answer);
+  reply(request, answer);
   return 0;
 }
 

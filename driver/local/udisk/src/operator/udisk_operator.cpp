@@ -24,7 +24,7 @@ UDiskOperator::UDiskOperator(ZorDevice* device)
 UDiskOperator::~UDiskOperator() = default;
 
 std::string UDiskOperator::GetDrvName() {
-  const std::lock_guard lock(mMountMutex);
+  const MutexLock lock(mMountMutex);
   return mMountDrive;
 }
 

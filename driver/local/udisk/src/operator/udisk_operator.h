@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -15,6 +14,7 @@
 #include "file_manager_linux/file_manager_linux.h"
 #include "operation.h"
 #include "protocol/records.h"
+#include "support/mutex.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
@@ -22,10 +22,11 @@
 
 namespace zor {
 
-class Reply;
+class ReplyBuilder;
+struct HandlerCall;
 struct TracePlace;
 template <wire::Record R>
-class Request;
+class DecodedRequest;
 
 /// Milliseconds since the Unix epoch, from the wall clock.
 std::int64_t getCurrentTime();
@@ -180,29 +181,65 @@ class UDiskOperator : public UdiskOperatorInf {
   /// Whether a read opens the new period of the limiter or only ends the old one.
   enum class PeriodStart { kWithThisRead, kEmpty };
 
+  // The handlers, each in the file that is named above. They get a decoded request, its record
+  // becomes the reply's, and they return what the public one of the same name returns.
+  int mount_remote(DecodedRequest<wire::MountRemoteRequest>& request);
+  int umount_remote(DecodedRequest<wire::MountRemoteRequest>& request);
+  int get_file_attr(DecodedRequest<wire::FileAttrRecord>& request);
+  int file_create(DecodedRequest<wire::FileCreateRecord>& request);
+  int file_read(DecodedRequest<wire::FileReadRecord>& request);
+  int file_write(DecodedRequest<wire::FileWriteRecord>& request);
+  int dir_read(DecodedRequest<wire::DirRecord>& request);
+  int get_xattr(DecodedRequest<wire::XattrRecord>& request);
+  int file_truncate(DecodedRequest<wire::TruncateRecord>& request);
+  int file_fsync(DecodedRequest<wire::FsyncRecord>& request);
+  int file_chmod(DecodedRequest<wire::ChmodRecord>& request);
+  int file_chown(DecodedRequest<wire::ChownRecord>& request);
+  int get_statvfs(DecodedRequest<wire::StatvfsRecord>& request);
+  int make_dir(DecodedRequest<wire::MakeDirRecord>& request);
+  int remove_dir(DecodedRequest<wire::RemoveRecord>& request);
+  int set_link(DecodedRequest<wire::TwoPathRecord>& request);
+  int set_unlink(DecodedRequest<wire::RemoveRecord>& request);
+  int set_rename(DecodedRequest<wire::TwoPathRecord>& request);
+  int file_flush(DecodedRequest<wire::HandleRecord>& request);
+  int file_release(DecodedRequest<wire::HandleRecord>& request);
+  int check_dir(DecodedRequest<wire::DirRecord>& request);
+  int small_file_read(const HandlerCall& request);
+  int mount_response(const HandlerCall& call);
+
+  template <wire::Command C, wire::Record R>
+  int serve(unsigned char headerLength, const ZorPacket* packet,
+            int (UDiskOperator::*handler)(DecodedRequest<R>&));
+  template <wire::Command C>
+  int serve(unsigned char headerLength, const ZorPacket* packet,
+            int (UDiskOperator::*handler)(const HandlerCall&));
+
   int resetRootPath();
   std::string mountPoint();
   /// The mount point, open for the request at hand: valid until the request is
   /// over, or `closeDisk`. Everything below it fails when there is no mount
   /// point, when another file system shows in its place, or when the request
   /// would change a read-only disk.
-  DiskRoot& openDisk(const ZorPacket& request);
+  DiskRoot& openDisk(const HandlerCall& request);
   void closeDisk() noexcept { mDisk.reset(); }
   DiskRoot openMountPoint();
-  bool diskIsFresh();
-  int reply(const ZorPacket& request, Reply& reply);
+  bool diskIsValid();
+  int reply(const HandlerCall& request, ReplyBuilder& reply);
+  /// The end of a handler that logs the reply's size under `name`.
+  int finish(const HandlerCall& request, ReplyBuilder reply, const char* name);
   int send(std::unique_ptr<ZorPacket> packet);
   int echo(const ZorPacket& request);
-  int mountEcho(unsigned char headerLength, const Request<wire::MountRemoteRequest>& request);
+  int mountEcho(const DecodedRequest<wire::MountRemoteRequest>& request);
   bool isTraced(const std::string& path);
   void limitReadRate(const char* function, std::uint32_t count, PeriodStart start);
 
   ZorDevice* mDevice;
   std::unique_ptr<FileManagerLinux> mFileManager;
   std::int32_t vmId = 0;
-  char mMountPoint[256] = "/media/";
-  std::string mMountDrive;
-  std::list<LabelRecord> mStatvfsList;
+  Mutex mMountMutex;  ///< never held over a file-system call
+  char mMountPoint[256] GUARDED_BY(mMountMutex) = "/media/";
+  std::string mMountDrive GUARDED_BY(mMountMutex);
+  std::list<LabelRecord> mStatvfsList GUARDED_BY(mMountMutex);
   std::int32_t mDiskChanged = 0;  ///< data-event thread only, as the next four
   bool mInBatch = false;
   std::optional<DiskRoot> mDisk;  ///< the mount point, held open
@@ -219,13 +256,13 @@ class UDiskOperator : public UdiskOperatorInf {
   DiskCloser mWaits{*this};
   std::atomic<bool> mReadOnly{false};
   std::atomic<bool> mStopServing{false};
-  /// Guards mMountPoint, mMountDrive, mStatvfsList and the four below; never
-  /// held over a file-system call.
-  std::mutex mMountMutex;
-  std::optional<MountIdentity> mMountIdentity;  ///< of the mount point's first use
-  std::uint64_t mMountGeneration = 0;           ///< counts the settings of mMountPoint
-  bool mGoneReported = false;                   ///< since the disk was seen last
-  bool mDiskTaken = false;                      ///< mounted later: its statistics are unknown
+  /// Of the mount point's first use.
+  std::optional<MountIdentity> mMountIdentity GUARDED_BY(mMountMutex);
+  /// Counts the settings of mMountPoint.
+  std::uint64_t mMountGeneration GUARDED_BY(mMountMutex) = 0;
+  bool mGoneReported GUARDED_BY(mMountMutex) = false;  ///< since the disk was seen last
+  /// Mounted later: its statfs is unknown.
+  bool mDiskTaken GUARDED_BY(mMountMutex) = false;
 };
 
 }  // namespace zor
