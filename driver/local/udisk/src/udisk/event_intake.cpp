@@ -24,13 +24,13 @@ int UDiskDriver::onEvent(std::unique_ptr<ZorPacket> packet, int /*flags*/) {
     return -1;
   }
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (mQueue == nullptr || mStop) return 0;
     link->data = packet.release();
     g_queue_push_tail_link(mQueue, link.release());
     mQueued.fetch_add(1, std::memory_order_relaxed);
   }
-  mCond.notify_one();  // not under the lock, which the woken thread needs
+  mCond.notifyOne();  // not under the lock, which the woken thread needs
   return 0;
 }
 
@@ -49,10 +49,10 @@ int UDiskDriver::OnEvent(signed char devId, int, unsigned char* /*data*/, int /*
 }
 
 bool UDiskDriver::takeQueue(GQueue& taken) {
-  std::unique_lock lock(mMutex);
+  const MutexLock lock(mMutex);
   // A stop that came before this wait has already notified.
   if (!mStop && g_queue_is_empty(mQueue)) {
-    mCond.wait_for(lock, std::chrono::seconds(1));
+    mCond.waitFor(mMutex, std::chrono::seconds(1));
   }
   taken = std::exchange(*mQueue, GQueue G_QUEUE_INIT);
   mQueued.store(0, std::memory_order_relaxed);

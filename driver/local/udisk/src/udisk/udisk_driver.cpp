@@ -32,7 +32,10 @@ int UDiskDriver::Init() try {
   MORVEL_DEBUG(kLogDebug, "client udisk init\n");
   mOperator = std::make_shared<UDiskOperator>(mDevice);
   mStop = false;
-  mQueue = new GQueue(G_QUEUE_INIT);
+  {
+    const MutexLock lock(mMutex);
+    mQueue = new GQueue(G_QUEUE_INIT);
+  }
   mDataThread = std::make_unique<std::thread>(&UDiskDriver::DataEventHandle, this);
   MORVEL_DEBUG(kLogDebug, "client udisk init service\n");
   mService = std::make_unique<UDiskService>(mDevice, mOperator.get());
@@ -70,15 +73,15 @@ void UDiskDriver::stopDataThread() {
   mStop = true;
   mOperator->StopServing();
   {
-    const std::lock_guard lock(mMutex);
-    mCond.notify_one();
+    const MutexLock lock(mMutex);
+    mCond.notifyOne();
   }
   mDataThread->join();
   mDataThread.reset();
 }
 
 void UDiskDriver::freeQueue() {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   delete std::exchange(mQueue, nullptr);  // the data thread has emptied it
 }
 

@@ -5,13 +5,12 @@
 #include <glib.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "support/adaptive_spin.h"
+#include "support/mutex.h"
 #include "zor_device.h"
 #include "zor_driver.h"
 #include "zor_packet.h"
@@ -61,11 +60,12 @@ class UDiskDriver : public ZorRawDriver {
   void freeQueue();
 
   std::shared_ptr<UDiskOperator> mOperator;
-  GQueue* mQueue = nullptr;             ///< owned ZorPacket* in links of ours; guarded by mMutex
+  Mutex mMutex;
+  /// Owned ZorPacket* in links of ours.
+  GQueue* mQueue GUARDED_BY(mMutex) PT_GUARDED_BY(mMutex) = nullptr;
   std::atomic<std::size_t> mQueued{0};  ///< the queue's length, for checks without the lock
   AdaptiveSpin mSpin{std::chrono::microseconds(100)};  ///< data-event thread only
-  std::condition_variable mCond;
-  std::mutex mMutex;
+  Condition mCond;                                     ///< there is a request, or mStop
   std::atomic<bool> mStop{false};
   ZorDevice* mDevice;
   RequestSource* mRequests;  ///< null where the framework offers none
