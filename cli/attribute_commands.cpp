@@ -84,7 +84,7 @@ std::optional<std::uint16_t> parseMode(std::string_view text) {
 }
 
 /// Makes a file, or all files below a directory, reach the disk.
-bool syncPath(Context& context, const std::string& path) {
+bool syncPath(CommandContext& context, const std::string& path) {
   std::vector<std::string> waiting{path};
   bool ok = true;
   while (!waiting.empty()) {
@@ -114,19 +114,19 @@ struct Arguments {
 };
 
 /// A command with a value and paths that does one thing with each path.
-void addChange(CLI::App& app, Command& chosen, const std::string& name,
+void addChange(CLI::App& app, Subcommand& chosen, const std::string& name,
                const std::string& description, const std::string& option,
                const CLI::Validator& validator,
                const std::function<Status(Disk&, const std::string&, const std::string&)>& act) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* command = app.add_subcommand(name, description);
   command->add_option(option, arguments->value)->required()->check(validator);
-  command->add_option("PATH", arguments->paths, "what to change")->required();
+  command->add_option("PATH", arguments->paths, "the files to change")->required();
   command->callback([=, &chosen] {
-    chosen = {[=](Context& context) {
+    chosen = {[=](CommandContext& context) {
                 for (std::string& path : arguments->paths) path = normalPath(path);
                 return forEach(context, arguments->paths, name, [&](const std::string& path) {
-                  return act(context.disk, path, arguments->value);
+                  return explained(context, path, act(context.disk, path, arguments->value));
                 });
               },
               true};
@@ -135,7 +135,7 @@ void addChange(CLI::App& app, Command& chosen, const std::string& name,
 
 }  // namespace
 
-void addAttributes(CLI::App& app, Command& chosen) {
+void addAttributes(CLI::App& app, Subcommand& chosen) {
   addChange(app, chosen, "chmod", "Sets permission bits", "MODE",
             accepted(parseMode, "an octal mode such as 644"),
             [](Disk& disk, const std::string& path, const std::string& mode) {
@@ -157,7 +157,7 @@ void addAttributes(CLI::App& app, Command& chosen) {
   CLI::App* command = app.add_subcommand("sync", "Makes the host write files to the disk itself");
   command->add_option("PATH", *paths, "files, or directories with all files below")->required();
   command->callback([paths, &chosen] {
-    chosen = {[paths](Context& context) {
+    chosen = {[paths](CommandContext& context) {
                 bool ok = true;
                 for (const std::string& path : *paths) {
                   ok = syncPath(context, normalPath(path)) && ok;

@@ -7,14 +7,14 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/format.h"
 #include "cli/stream.h"
-#include "cli/text.h"
 
 namespace zor::client::cli {
 
 namespace {
 
-bool runCat(Context& context, const std::vector<std::string>& paths) {
+bool runCat(CommandContext& context, const std::vector<std::string>& paths) {
   bool ok = true;
   for (const std::string& typed : paths) {
     const std::string path = normalPath(typed);
@@ -49,12 +49,12 @@ bool runCat(Context& context, const std::vector<std::string>& paths) {
 
 }  // namespace
 
-void addCat(CLI::App& app, Command& chosen) {
+void addCat(CLI::App& app, Subcommand& chosen) {
   auto paths = std::make_shared<std::vector<std::string>>();
   CLI::App* command = app.add_subcommand("cat", "Writes files to standard output");
   command->add_option("PATH", *paths, "what to show; symbolic links are followed")->required();
   command->callback([paths, &chosen] {
-    chosen.run = [paths](Context& context) { return runCat(context, *paths); };
+    chosen.run = [paths](CommandContext& context) { return runCat(context, *paths); };
   });
 }
 

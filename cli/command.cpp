@@ -2,24 +2,32 @@
 
 #include <sys/stat.h>
 
-#include "cli/text.h"
+#include "cli/format.h"
 
 namespace zor::client::cli {
 
-bool report(Context& context, std::string_view what, std::string_view path, const Error& error) {
+bool report(CommandContext& context, std::string_view what, std::string_view path,
+            const Error& error) {
   std::string text("cannot ");
   text.append(what).append(" '").append(path).append("': ").append(error.message);
   context.console.message(text);
   return false;
 }
 
-bool isDirectory(Context& context, const std::string& path) {
+Status explained(CommandContext& context, const std::string& path, Status status) {
+  if (status || status.error().kind != ErrorKind::kFailed) return status;
+  const Result<udisk_stat> found = context.disk.attributes(path);
+  if (!found) return found.error();
+  return status;
+}
+
+bool isDirectory(CommandContext& context, const std::string& path) {
   const Result<udisk_stat> found = context.disk.attributes(path);
   if (!found) return false;
   return S_ISDIR(found->st_mode) || (S_ISLNK(found->st_mode) && context.disk.list(path).ok());
 }
 
-bool forEach(Context& context, const std::vector<std::string>& paths, std::string_view what,
+bool forEach(CommandContext& context, const std::vector<std::string>& paths, std::string_view what,
              const std::function<Status(const std::string&)>& act) {
   std::size_t done = 0;
   for (const std::string& path : paths) {

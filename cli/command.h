@@ -18,7 +18,7 @@ class App;
 
 namespace zor::client::cli {
 
-struct Context {
+struct CommandContext {
   Disk& disk;
   Link& link;
   const Announcement& announcement;
@@ -28,31 +28,36 @@ struct Context {
 };
 
 /// The command that the arguments chose.
-struct Command {
-  /// Returns false when something failed; it has been told by then.
-  std::function<bool(Context&)> run;
+struct Subcommand {
+  /// Returns false when something failed; it has been reported by then.
+  std::function<bool(CommandContext&)> run;
   bool changesDisk = false;
 };
 
 // Each adds its commands to the command line.
-void addListing(CLI::App& app, Command& chosen);  // ls, stat, df
-void addCat(CLI::App& app, Command& chosen);
-void addGet(CLI::App& app, Command& chosen);
-void addPut(CLI::App& app, Command& chosen);
-void addRemove(CLI::App& app, Command& chosen);      // rm
-void addNames(CLI::App& app, Command& chosen);       // mkdir, mv, ln
-void addAttributes(CLI::App& app, Command& chosen);  // chmod, chown, truncate, sync
-void addWatch(CLI::App& app, Command& chosen);
+void addListing(CLI::App& app, Subcommand& chosen);  // ls, stat, df
+void addCat(CLI::App& app, Subcommand& chosen);
+void addGet(CLI::App& app, Subcommand& chosen);
+void addPut(CLI::App& app, Subcommand& chosen);
+void addRemove(CLI::App& app, Subcommand& chosen);      // rm
+void addNames(CLI::App& app, Subcommand& chosen);       // mkdir, mv, ln
+void addAttributes(CLI::App& app, Subcommand& chosen);  // chmod, chown, truncate, sync
+void addWatch(CLI::App& app, Subcommand& chosen);
 
-/// Tells that `what` failed with `path`; returns false.
-bool report(Context& context, std::string_view what, std::string_view path, const Error& error);
+/// Reports that `what` failed with `path`; returns false.
+bool report(CommandContext& context, std::string_view what, std::string_view path,
+            const Error& error);
+
+/// `status` with the likely reason of a failure, as hosts report none: queries `path`, which
+/// has to exist for the operation, and the disk.
+Status explained(CommandContext& context, const std::string& path, Status status);
 
 /// Whether `path` is a directory or a link to one.
-bool isDirectory(Context& context, const std::string& path);
+bool isDirectory(CommandContext& context, const std::string& path);
 
-/// Does `act` with each path and tells of failures ("cannot WHAT 'PATH'") and
-/// how far it came; true when there was none.
-bool forEach(Context& context, const std::vector<std::string>& paths, std::string_view what,
+/// Does `act` with each path, and reports failures ("cannot WHAT 'PATH'") and how many
+/// succeeded; true when all did.
+bool forEach(CommandContext& context, const std::vector<std::string>& paths, std::string_view what,
              const std::function<Status(const std::string&)>& act);
 
 /// Whether trying the next path makes no sense after this error.

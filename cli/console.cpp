@@ -92,7 +92,7 @@ bool Console::statusDue() {
 }
 
 void Console::print(const std::string& text) {
-  static_cast<void>(writeAll(STDERR_FILENO, text));  // there is nowhere to say that it failed
+  static_cast<void>(writeAll(STDERR_FILENO, text));  // a failure cannot be reported anywhere
 }
 
 }  // namespace zor::client::cli

@@ -7,19 +7,19 @@
 
 #include <utility>
 
-#include "cli/text.h"
+#include "cli/format.h"
 
 namespace zor::client::cli {
 
 namespace {
 
 constexpr unsigned kMaxListings = 16;
-constexpr std::size_t kEnoughFiles = 1024;  ///< known and waiting: no more are looked for
+constexpr std::size_t kEnoughFiles = 1024;  ///< known and waiting: no more are listed
 constexpr unsigned kEnoughDirs = 256;       ///< open on this machine: the same
 
 }  // namespace
 
-Download::Download(Context& context, DownloadOptions options)
+Download::Download(CommandContext& context, DownloadOptions options)
     : TransferRun(context, "fetched"), mOptions(options) {}
 
 const std::string& Download::Source::resolve() {
@@ -32,10 +32,10 @@ const std::string& Download::Source::resolve() {
 
 void Download::add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
                    std::string name) {
-  sort({std::move(path), attributes, std::move(dir), std::move(name), nullptr});
+  classify({std::move(path), attributes, std::move(dir), std::move(name), nullptr});
 }
 
-void Download::sort(Source source) {
+void Download::classify(Source source) {
   const udisk_stat& attributes = source.attributes;
   if (attributes.st_mode == 0) {
     mUnknown.push_back(std::move(source));
@@ -80,7 +80,7 @@ bool Download::makeRequest() { return read() || examine() || list(); }
 bool Download::list() {
   const std::size_t waiting = mFiles.size() + mSmallFiles.size();
   const bool enough =
-      waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs || WalkedDirectory::crowded();
+      waiting >= kEnoughFiles || LocalDir::count() >= kEnoughDirs || ScannedDirectory::overBudget();
   std::vector<Directory>& queue = mDirectories.empty() ? mPostponed : mDirectories;
   if (queue.empty() || mListings >= kMaxListings) return false;
   if ((enough || &queue == &mPostponed) && !mWindow.empty()) return false;
@@ -111,7 +111,7 @@ void Download::listed(Directory from, const Result<Listing>& listing) {
   const std::string& path = from.source.path;
   const std::shared_ptr<LocalDir>& dir = from.local;
   if (!listing) return fail("list", path, listing.error());
-  const auto directory = std::make_shared<WalkedDirectory>(path);
+  const auto directory = std::make_shared<ScannedDirectory>(path);
   const Status held = directory->hold(*listing, sizeof(Directory));
   if (!held && from.postponed) return fail("fetch all in", path, held.error());
   if (!held) {
@@ -121,7 +121,7 @@ void Download::listed(Directory from, const Result<Listing>& listing) {
   for (const wire::DirEntry& entry : listing->entries()) {
     if (isDotEntry(entry.name)) continue;
     if (directory->reaches(entry.name)) {
-      sort({{}, entry.attributes, dir, std::string(entry.name), directory});
+      classify({{}, entry.attributes, dir, std::string(entry.name), directory});
     } else {
       fail("fetch", directory->pathOf(entry.name), pathTooLong());
     }
@@ -139,7 +139,7 @@ bool Download::examine() {
       path, entered<udisk_stat>(0, [this, source = std::move(source)](Result<udisk_stat> found) {
         --mListings;
         if (found && found->st_mode == 0) {
-          found = Error{ErrorKind::kFailed, "the host does not tell what it is"};
+          found = Error{ErrorKind::kFailed, "the host reports no attributes for it"};
         }
         if (!found) return fail("fetch", source.path, found.error());
         add(source.path, *found, source.dir, source.name);

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "cli/local_tree.h"
+#include "cli/scanned_directory.h"
 #include "cli/transfer_run.h"
-#include "cli/walked_directory.h"
 
 namespace zor::client::cli {
 
@@ -23,7 +23,7 @@ struct DownloadOptions {
 
 class Download final : public TransferRun {
  public:
-  Download(Context& context, DownloadOptions options);
+  Download(CommandContext& context, DownloadOptions options);
 
   /// Fetches `path`, whose attributes are known, as `name` in `dir`.
   void add(std::string path, const udisk_stat& attributes, std::shared_ptr<LocalDir> dir,
@@ -43,8 +43,8 @@ class Download final : public TransferRun {
     udisk_stat attributes{};
     std::shared_ptr<LocalDir> dir;
     std::string name;
-    std::shared_ptr<WalkedDirectory> above;  ///< that directory
-    bool mustBeNew = false;                  ///< nothing may be replaced by it
+    std::shared_ptr<ScannedDirectory> above;  ///< that directory
+    bool mustBeNew = false;                   ///< nothing may be replaced by it
 
     /// Fills in `path`: its turn has come.
     const std::string& resolve();
@@ -82,7 +82,7 @@ class Download final : public TransferRun {
   bool makeRequest() override;
   bool read();
   bool batchReady() const;
-  void sort(Source source);
+  void classify(Source source);
   bool mayReplace(Source& source);
   bool list();
   void listed(Directory directory, const Result<Listing>& listing);
@@ -98,7 +98,7 @@ class Download final : public TransferRun {
                Result<wire::Bytes> bytes);
   void store(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size,
              wire::Bytes bytes);
-  void settle(const TransferPtr& transfer);
+  void finish(const TransferPtr& transfer);
   void verify(const TransferPtr& transfer, const Result<udisk_stat>& now);
   void commit(Transfer& transfer);
   void giveUp(Transfer& transfer, const Error& error);

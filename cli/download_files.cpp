@@ -92,7 +92,7 @@ void Download::arrived(const TransferPtr& transfer, std::uint64_t offset, std::u
     store(transfer, offset, size, *bytes);
   }
   if (transfer->suspicious || transfer->error) transfer->asked = transfer->size();
-  if (transfer->inFlight == 0 && transfer->fullyAsked()) settle(transfer);
+  if (transfer->inFlight == 0 && transfer->fullyAsked()) finish(transfer);
 }
 
 void Download::store(const TransferPtr& transfer, std::uint64_t offset, std::uint32_t size,
@@ -128,7 +128,7 @@ void Download::store(const TransferPtr& transfer, std::uint64_t offset, std::uin
 }
 
 /// All answers are in.
-void Download::settle(const TransferPtr& transfer) {
+void Download::finish(const TransferPtr& transfer) {
   if (transfer->error) return giveUp(*transfer, *transfer->error);
   // One answer is one moment of the file; several need not be of the same.
   if (!transfer->suspicious && transfer->reads == 1) return commit(*transfer);

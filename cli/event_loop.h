@@ -2,47 +2,43 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "client/result.h"
-#include "support/unique_fd.h"
 
 namespace zor::client::cli {
 
 /// Runs tasks on the thread that calls `runOne`. SIGINT, SIGTERM and SIGHUP are seen by
-/// `runOne` once `catchSignals` has been called; a second one ends the process. One loop
-/// at a time.
+/// `runOne` once `catchSignals` has been called; a second one ends the process.
 class EventLoop {
  public:
   EventLoop();
+  ~EventLoop();
+
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
 
   /// From any thread. Tasks that never ran are destroyed with the loop.
   void post(std::function<void()> task);
 
-  /// Waits for a task, at most `timeoutMs` (-1: without end), and runs it. False
-  /// when a signal has come; tasks are left alone from then on.
-  bool runOne(int timeoutMs = -1);
+  /// Waits for a task, at most for `limit`, and runs it. False when a signal has come; tasks
+  /// are left alone from then on.
+  bool runOne(std::chrono::milliseconds limit = std::chrono::hours(24 * 365));
 
   /// Runs tasks until `done` holds, for at most `limit`, after a signal too.
   void cleanUp(std::chrono::milliseconds limit, const std::function<bool()>& done);
 
-  /// From now on these signals do not end the process.
+  /// From now on these signals do not end the process. Once.
   void catchSignals();
 
   /// The signal that has come, or 0.
   int signal() const;
 
  private:
-  bool runTask();
-  bool wait(int timeoutMs);
-
-  UniqueFd mWakeup;
-  std::mutex mMutex;
-  std::deque<std::function<void()>> mTasks;
+  struct State;
+  const std::unique_ptr<State> mState;
 };
 
 /// A callback that hands its result to `task` on the loop's thread.

@@ -20,12 +20,12 @@ struct GetOptions {
   std::string destination;
 };
 
-bool localFailure(Context& context, const std::string& path, const Error& error) {
+bool localFailure(CommandContext& context, const std::string& path, const Error& error) {
   context.console.message("cannot write to '" + path + "': " + error.message);
   return false;
 }
 
-bool runGet(Context& context, const GetOptions& options) {
+bool runGet(CommandContext& context, const GetOptions& options) {
   struct Found {
     std::string path;
     Result<udisk_stat> attributes;
@@ -104,7 +104,7 @@ bool runGet(Context& context, const GetOptions& options) {
 
 }  // namespace
 
-void addGet(CLI::App& app, Command& chosen) {
+void addGet(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<GetOptions>();
   CLI::App* command = app.add_subcommand(
       "get",
@@ -128,7 +128,7 @@ void addGet(CLI::App& app, Command& chosen) {
   command->callback([options, &chosen] {
     options->destination = std::move(options->sources.back());
     options->sources.pop_back();
-    chosen.run = [options](Context& context) {
+    chosen.run = [options](CommandContext& context) {
       options->download.batches = options->download.batches && context.link.servesSmallFiles();
       return runGet(context, *options);
     };

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "cli/text.h"
-#include "cli/walked_directory.h"
+#include "cli/format.h"
+#include "cli/scanned_directory.h"
 
 namespace zor::client::cli {
 
@@ -21,7 +21,7 @@ struct LsOptions {
   std::vector<std::string> paths;
 };
 
-void printEntries(Context& context, const LsOptions& options,
+void printEntries(CommandContext& context, const LsOptions& options,
                   const std::vector<wire::DirEntry>& entries) {
   struct Row {
     std::string links, uid, gid, size;
@@ -55,11 +55,11 @@ void printEntries(Context& context, const LsOptions& options,
   }
 }
 
-bool listDirectory(Context& context, const LsOptions& options, const std::string& path,
+bool listDirectory(CommandContext& context, const LsOptions& options, const std::string& path,
                    bool heading) {
   // Depth first with a stack of its own: a disk may be nested deeper than ours.
   struct Waiting {
-    std::shared_ptr<WalkedDirectory> parent;
+    std::shared_ptr<ScannedDirectory> parent;
     std::string name;
   };
   std::vector<Waiting> waiting;
@@ -87,7 +87,7 @@ bool listDirectory(Context& context, const LsOptions& options, const std::string
               [](const auto& a, const auto& b) { return a.name < b.name; });
     printEntries(context, options, entries);
     if (!options.recursive) continue;
-    const auto directory = std::make_shared<WalkedDirectory>(current);
+    const auto directory = std::make_shared<ScannedDirectory>(current);
     if (const Status held = directory->hold(*listing, sizeof(Waiting)); !held) {
       ok = report(context, "list all in", current, held.error());
       continue;
@@ -104,7 +104,7 @@ bool listDirectory(Context& context, const LsOptions& options, const std::string
   return ok;
 }
 
-bool runLs(Context& context, const LsOptions& options) {
+bool runLs(CommandContext& context, const LsOptions& options) {
   bool ok = true;
   std::vector<std::string> directories;
   std::vector<std::string> names;
@@ -140,7 +140,7 @@ std::string fullTime(const udisk_timespec& time) {
          localTime(time.tv_sec, " %z");
 }
 
-bool runStat(Context& context, const std::vector<std::string>& paths) {
+bool runStat(CommandContext& context, const std::vector<std::string>& paths) {
   bool ok = true;
   for (const std::string& typed : paths) {
     const std::string path = normalPath(typed);
@@ -171,7 +171,7 @@ std::uint64_t inBytes(std::uint64_t blocks, std::uint64_t blockSize) {
   return __builtin_mul_overflow(blocks, blockSize, &bytes) ? UINT64_MAX : bytes;
 }
 
-bool runDf(Context& context, bool human) {
+bool runDf(CommandContext& context, bool human) {
   Result<udisk_statvfs> found = context.disk.statfs("/");
   if (!found) return report(context, "examine", "/", found.error());
   const std::uint64_t usedBlocks =
@@ -197,7 +197,7 @@ bool runDf(Context& context, bool human) {
 
 }  // namespace
 
-void addListing(CLI::App& app, Command& chosen) {
+void addListing(CLI::App& app, Subcommand& chosen) {
   auto ls = std::make_shared<LsOptions>();
   CLI::App* command = app.add_subcommand("ls", "Lists directories");
   command->add_flag("-l", ls->details, "show mode, links, owner, group, size and time");
@@ -206,14 +206,14 @@ void addListing(CLI::App& app, Command& chosen) {
   command->add_option("PATH", ls->paths, "what to list; the disk's root when missing");
   command->callback([ls, &chosen] {
     if (ls->paths.empty()) ls->paths.emplace_back("/");
-    chosen.run = [ls](Context& context) { return runLs(context, *ls); };
+    chosen.run = [ls](CommandContext& context) { return runLs(context, *ls); };
   });
 
   auto paths = std::make_shared<std::vector<std::string>>();
   command = app.add_subcommand("stat", "Shows all attributes of files");
   command->add_option("PATH", *paths, "what to examine")->required();
   command->callback([paths, &chosen] {
-    chosen.run = [paths](Context& context) { return runStat(context, *paths); };
+    chosen.run = [paths](CommandContext& context) { return runStat(context, *paths); };
   });
 
   auto human = std::make_shared<bool>(false);
@@ -221,7 +221,7 @@ void addListing(CLI::App& app, Command& chosen) {
   command->set_help_flag("--help", "Print this help message and exit");
   command->add_flag("-h,--human-readable", *human, "show sizes with units");
   command->callback([human, &chosen] {
-    chosen.run = [human](Context& context) { return runDf(context, *human); };
+    chosen.run = [human](CommandContext& context) { return runDf(context, *human); };
   });
 }
 

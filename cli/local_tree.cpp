@@ -14,7 +14,7 @@
 #include <ctime>
 #include <utility>
 
-#include "cli/text.h"
+#include "cli/format.h"
 #include "client/listing.h"
 
 namespace zor::client::cli {

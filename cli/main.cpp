@@ -1,8 +1,8 @@
-// udisk-remote: the remote side of a redirected disk as a command line.
+// udisk-remote: the client of a redirected disk as a command line.
 #include <cstdio>
 #include <exception>
 
-#include "cli/program.h"
+#include "cli/command_line.h"
 #include "support/standard_descriptors.h"
 
 int main(int argc, char** argv) {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "cli/text.h"
+#include "cli/format.h"
 
 namespace zor::client::cli {
 

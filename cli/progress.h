@@ -26,7 +26,7 @@ class Progress {
   /// Files that were expected and have not finished.
   std::uint64_t missing() const { return mFiles - mFilesDone; }
 
-  /// Says what was `done` ("fetched"), and what was not.
+  /// Reports how much was `done` ("fetched"), and how many failures there were.
   void summary(std::string_view done, std::uint64_t failures);
 
  private:

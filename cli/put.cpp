@@ -22,7 +22,7 @@ std::string localBaseName(std::string path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-bool runPut(Context& context, const PutOptions& options) {
+bool runPut(CommandContext& context, const PutOptions& options) {
   const std::string destination = normalPath(options.destination);
   const bool into = isDirectory(context, destination);
   if (!into && options.sources.size() > 1) {
@@ -47,7 +47,7 @@ bool runPut(Context& context, const PutOptions& options) {
 
 }  // namespace
 
-void addPut(CLI::App& app, Command& chosen) {
+void addPut(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<PutOptions>();
   CLI::App* command = app.add_subcommand(
       "put",
@@ -67,7 +67,7 @@ void addPut(CLI::App& app, Command& chosen) {
   command->callback([options, &chosen] {
     options->destination = std::move(options->sources.back());
     options->sources.pop_back();
-    chosen = {[options](Context& context) { return runPut(context, *options); }, true};
+    chosen = {[options](CommandContext& context) { return runPut(context, *options); }, true};
   });
 }
 

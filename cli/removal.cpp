@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "cli/text.h"
+#include "cli/format.h"
+#include "cli/scanned_directory.h"
 #include "cli/transfer_run.h"
-#include "cli/walked_directory.h"
 
 namespace zor::client::cli {
 
@@ -24,16 +24,16 @@ struct RemoveOptions {
 /// Removes trees from their leaves upwards.
 class Removal final : public TransferRun {
  public:
-  explicit Removal(Context& context) : TransferRun(context, "removed") {}
+  explicit Removal(CommandContext& context) : TransferRun(context, "removed") {}
 
   void add(const std::string& path, std::uint32_t mode) {
     mNames.push_back({nullptr, path, S_ISDIR(mode)});
   }
 
  private:
-  struct Directory : WalkedDirectory {
+  struct Directory : ScannedDirectory {
     Directory(std::string path, std::shared_ptr<Directory> above)
-        : WalkedDirectory(std::move(path)), parent(std::move(above)) {}
+        : ScannedDirectory(std::move(path)), parent(std::move(above)) {}
     std::shared_ptr<Directory> parent;
     std::size_t left = 0;    ///< entries that are still there
     bool stays = false;      ///< because something in it does
@@ -73,7 +73,7 @@ class Removal final : public TransferRun {
   }
 
   bool mayList() const {
-    return mListings == 0 || (!WalkedDirectory::crowded() && mWindow.fits(mListingSize));
+    return mListings == 0 || (!ScannedDirectory::overBudget() && mWindow.fits(mListingSize));
   }
 
   void unlink(const Name& next) {
@@ -121,7 +121,7 @@ class Removal final : public TransferRun {
     if (!directory->stays) {
       mEmpty.push_back(directory);
     } else {
-      settled(directory->parent, true);
+      entryFinished(directory->parent, true);
     }
   }
 
@@ -141,11 +141,11 @@ class Removal final : public TransferRun {
     } else {
       fail("remove", path, status.error());
     }
-    settled(parent, !status);
+    entryFinished(parent, !status);
   }
 
   /// One name in `parent` needs no more work.
-  void settled(DirectoryPtr parent, bool stays) {
+  void entryFinished(DirectoryPtr parent, bool stays) {
     for (; parent; parent = parent->parent) {
       parent->stays = parent->stays || stays;
       if (--parent->left > 0) return;
@@ -170,7 +170,7 @@ class Removal final : public TransferRun {
   std::uint64_t mRemoved = 0;
 };
 
-bool runRemove(Context& context, const RemoveOptions& options) {
+bool runRemove(CommandContext& context, const RemoveOptions& options) {
   Removal removal(context);
   struct Found {
     std::string path;
@@ -199,14 +199,14 @@ bool runRemove(Context& context, const RemoveOptions& options) {
 
 }  // namespace
 
-void addRemove(CLI::App& app, Command& chosen) {
+void addRemove(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<RemoveOptions>();
   CLI::App* command = app.add_subcommand("rm", "Removes files; links are not followed");
   command->add_flag("-r,-R,--recursive", options->recursive, "remove directories and all in them");
   command->add_flag("-f,--force", options->force, "do not mind names that do not exist");
   command->add_option("PATH", options->paths, "what to remove")->required();
   command->callback([options, &chosen] {
-    chosen = {[options](Context& context) { return runRemove(context, *options); }, true};
+    chosen = {[options](CommandContext& context) { return runRemove(context, *options); }, true};
   });
 }
 

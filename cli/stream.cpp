@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "cli/text.h"
+#include "cli/format.h"
 
 namespace zor::client::cli {
 
@@ -18,8 +18,8 @@ constexpr std::size_t kInFlight = 8;
 /// One file on its way to an output, pieces in order.
 class Stream : public std::enable_shared_from_this<Stream> {
  public:
-  /// `size` is nothing when only the end of the data tells it.
-  Stream(Context& context, Output& out, std::string path, std::optional<std::int64_t> size)
+  /// `size` is nothing when it is known only from the end of the data.
+  Stream(CommandContext& context, Output& out, std::string path, std::optional<std::int64_t> size)
       : mContext(context), mOut(out), mPath(std::move(path)), mSize(size) {}
 
   Result<std::int64_t> run() {
@@ -86,7 +86,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
     return std::nullopt;
   }
 
-  Context& mContext;
+  CommandContext& mContext;
   Output& mOut;
   const std::string mPath;
   const std::optional<std::int64_t> mSize;
@@ -98,7 +98,7 @@ class Stream : public std::enable_shared_from_this<Stream> {
 
 }  // namespace
 
-Result<std::int64_t> streamFile(Context& context, Output& out, std::string path,
+Result<std::int64_t> streamFile(CommandContext& context, Output& out, std::string path,
                                 std::optional<std::int64_t> size) {
   return std::make_shared<Stream>(context, out, std::move(path), size)->run();
 }

@@ -9,10 +9,10 @@
 
 namespace zor::client::cli {
 
-/// Writes the file with many requests in flight and gives the bytes that it had. `size` is
-/// nothing when only the end of the data tells it. What is written is not flushed. REQUIRES:
+/// Writes the file with many requests in flight and returns the bytes that it had. `size` is
+/// nothing when it is known only from the end of the data. The output is not flushed. REQUIRES:
 /// the loop does not catch signals yet.
-Result<std::int64_t> streamFile(Context& context, Output& out, std::string path,
+Result<std::int64_t> streamFile(CommandContext& context, Output& out, std::string path,
                                 std::optional<std::int64_t> size);
 
 }  // namespace zor::client::cli

@@ -21,23 +21,23 @@ class TransferRun {
   TransferRun(const TransferRun&) = delete;
   TransferRun& operator=(const TransferRun&) = delete;
 
-  /// Tells of a failure; "cannot WHAT 'PATH': ...".
+  /// Reports a failure; "cannot WHAT 'PATH': ...".
   void fail(std::string_view what, std::string_view path, const Error& error);
 
   bool failed() const noexcept { return mFailures > 0; }
 
-  /// Works until all is done and told; false when something failed.
+  /// Works until all is done and reported; false when something failed.
   bool run();
 
  protected:
-  /// `done` says what happens to files: "fetched".
-  TransferRun(Context& context, std::string_view done)
+  /// `done` names what happens to files: "fetched".
+  TransferRun(CommandContext& context, std::string_view done)
       : mContext(context), mProgress(context.console), mDone(done) {}
 
   /// Makes the next request if it fits; false when there is none or it does not.
   virtual bool makeRequest() = 0;
 
-  /// Says at the end what was done.
+  /// Reports at the end what was done.
   virtual void conclude() { mProgress.summary(mDone, mFailures); }
 
   /// A callback that frees the request's place and goes on with `task` on the
@@ -51,7 +51,7 @@ class TransferRun {
     });
   }
 
-  Context& mContext;
+  CommandContext& mContext;
   Progress mProgress;
   Window mWindow;
   std::uint64_t mFailures = 0;

@@ -11,8 +11,8 @@
 #include <random>
 #include <utility>
 
-#include "cli/text.h"
-#include "cli/walked_directory.h"
+#include "cli/format.h"
+#include "cli/scanned_directory.h"
 
 namespace zor::client::cli {
 
@@ -42,27 +42,27 @@ Error failure(std::string message) { return {ErrorKind::kFailed, std::move(messa
 void Upload::add(const std::string& localPath, std::string remotePath) {
   struct stat status {};
   if (::stat(localPath.c_str(), &status) != 0) return fail("send", localPath, localError());
-  sort({localPath, std::move(remotePath), nullptr, status.st_mode & 0777U, nullptr}, status);
+  classify({localPath, std::move(remotePath), nullptr, status.st_mode & 0777U, nullptr}, status);
 }
 
-void Upload::sort(Item item, const struct stat& status) {
+void Upload::classify(Source source, const struct stat& status) {
   const auto leaveOut = [&](const std::string& why) {
     ++mFailures;
-    mContext.console.message("'" + item.localPath + "' is left out: " + why);
+    mContext.console.message("'" + source.localPath + "' is left out: " + why);
   };
-  if (item.remotePath.size() > kMaxPath) {
-    fail("send to", item.remotePath, pathTooLong());
+  if (source.remotePath.size() > kMaxPath) {
+    fail("send to", source.remotePath, pathTooLong());
   } else if (S_ISREG(status.st_mode)) {
     mProgress.expect(1, static_cast<std::uint64_t>(status.st_size));
-    mFiles.push_back(std::move(item));
+    mFiles.push_back(std::move(source));
   } else if (!S_ISDIR(status.st_mode)) {
     leaveOut("a " + std::string(typeName(status.st_mode)) + " cannot be carried");
   } else if (!mRecursive) {
     leaveOut("it is a directory; use -r to send it");
-  } else if (item.remotePath.find('\\') != std::string::npos) {
+  } else if (source.remotePath.find('\\') != std::string::npos) {
     leaveOut("the host takes the backslash in a directory's name for a separator");
   } else {
-    mDirectories.push_back(std::move(item));
+    mDirectories.push_back(std::move(source));
   }
 }
 
@@ -88,39 +88,40 @@ bool Upload::makeRequest() {
 }
 
 void Upload::makeDirectory() {
-  Item item = std::move(mDirectories.back());
+  Source source = std::move(mDirectories.back());
   mDirectories.pop_back();
-  const std::string path = item.remotePath;
-  const auto mode = static_cast<std::uint16_t>(item.mode | 0700U);
+  const std::string path = source.remotePath;
+  const auto mode = static_cast<std::uint16_t>(source.mode | 0700U);
   ++mEntering;
   mContext.disk.makeDir(path, mode,
-                        entered<Unit>(0, [this, item = std::move(item)](const Status& made) {
+                        entered<Unit>(0, [this, source = std::move(source)](const Status& made) {
                           --mEntering;
                           if (!made)
-                            return fail("make a directory of", item.remotePath, made.error());
-                          enter(item);
+                            return fail("make a directory of", source.remotePath, made.error());
+                          enter(source);
                         }));
 }
 
-/// What is in a directory that exists over there now.
-void Upload::enter(const Item& item) {
+/// Classifies the contents of a directory that exists on the disk now.
+void Upload::enter(const Source& source) {
   const auto directory =
-      std::make_shared<Directory>(Mode{item.remotePath, item.mode}, mModes, item.parent);
+      std::make_shared<Directory>(Mode{source.remotePath, source.mode}, mModes, source.parent);
   // What was a directory a moment ago may be a link by now.
-  const auto local = item.dir ? LocalDir::enter(*item.dir, std::string(baseName(item.localPath)))
-                              : LocalDir::open(item.localPath);
-  if (!local) return fail("read", item.localPath, local.error());
+  const auto local = source.dir
+                         ? LocalDir::enter(*source.dir, std::string(baseName(source.localPath)))
+                         : LocalDir::open(source.localPath);
+  if (!local) return fail("read", source.localPath, local.error());
   const auto names = (*local)->names();
-  if (!names) return fail("read", item.localPath, names.error());
+  if (!names) return fail("read", source.localPath, names.error());
   for (const std::string& name : *names) {
-    std::string path = joinPath(item.localPath, name);
+    std::string path = joinPath(source.localPath, name);
     struct stat status {};
     if (::fstatat((*local)->fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       fail("send", path, localError());
     } else {
-      sort({std::move(path), joinPath(item.remotePath, name), *local, status.st_mode & 0777U,
-            directory},
-           status);
+      classify({std::move(path), joinPath(source.remotePath, name), *local, status.st_mode & 0777U,
+                directory},
+               status);
     }
   }
 }
@@ -138,33 +139,33 @@ void Upload::setMode() {
 
 void Upload::create() {
   auto transfer = std::make_shared<Transfer>();
-  transfer->item = std::move(mFiles.front());
+  transfer->source = std::move(mFiles.front());
   mFiles.pop_front();
-  const Item& item = transfer->item;
+  const Source& source = transfer->source;
   const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
-  transfer->file =
-      UniqueFd(item.dir ? ::openat(item.dir->fd(), std::string(baseName(item.localPath)).c_str(),
-                                   flags | O_NOFOLLOW)
-                        : ::open(item.localPath.c_str(), flags));
+  transfer->file = UniqueFd(source.dir ? ::openat(source.dir->fd(),
+                                                  std::string(baseName(source.localPath)).c_str(),
+                                                  flags | O_NOFOLLOW)
+                                       : ::open(source.localPath.c_str(), flags));
   struct stat status {};
   if (!transfer->file || ::fstat(transfer->file.get(), &status) != 0) {
-    return fail("send", item.localPath, localError());
+    return fail("send", source.localPath, localError());
   }
   if (!S_ISREG(status.st_mode)) {
-    return fail("send", item.localPath, failure("it is not a file any more"));
+    return fail("send", source.localPath, failure("it is not a file any more"));
   }
-  transfer->item.dir.reset();
+  transfer->source.dir.reset();
   transfer->size = status.st_size;
-  transfer->temporary = temporaryBeside(item.remotePath);
+  transfer->temporary = temporaryBeside(source.remotePath);
   if (transfer->temporary.size() > kMaxPath) {
-    return fail("send to", item.remotePath, pathTooLong());
+    return fail("send to", source.remotePath, pathTooLong());
   }
   mOpen.push_back(transfer);
   mWriting.push_back(transfer);
   // Requests are served in order: what is sent behind these needs not wait for them.
   transfer->inFlight += 2;
   mContext.disk.attributes(
-      item.remotePath, entered<udisk_stat>(0, [this, transfer](const Result<udisk_stat>& found) {
+      source.remotePath, entered<udisk_stat>(0, [this, transfer](const Result<udisk_stat>& found) {
         if (found && S_ISREG(found->st_mode)) {
           transfer->replaced = *found;
         } else if (found && !transfer->error) {
@@ -210,7 +211,7 @@ bool Upload::sendPiece(const TransferPtr& transfer) {
   const std::int64_t offset = transfer->offset;
   transfer->offset += static_cast<std::int64_t>(have);
   mProgress.moved(have);
-  // The file is new and empty over there: pieces of zeros but the last need not
+  // The file on the disk is new and empty: pieces of zeros but the last need not
   // be written.
   const bool hole = !transfer->read && transfer->offset < transfer->size &&
                     data.data()[0] == std::byte{0} &&
@@ -243,10 +244,11 @@ void Upload::advance(const TransferPtr& transfer) {
 void Upload::commit(const TransferPtr& transfer) {
   transfer->renaming = true;
   transfer->file.reset();
-  std::uint32_t mode = transfer->item.mode;
+  std::uint32_t mode = transfer->source.mode;
   if (const auto& replaced = transfer->replaced) {
     mode = replaced->st_mode & 0777U;
-    // Only root may, and only where a disk knows owners: else it belongs to who made it.
+    // Fails unless the host runs as root and the file system keeps owners; then the file belongs
+    // to the user of the host.
     mContext.disk.chown(transfer->temporary, replaced->st_uid, replaced->st_gid,
                         entered<Unit>(0, [](const Status&) {}));
   }
@@ -254,7 +256,7 @@ void Upload::commit(const TransferPtr& transfer) {
                       entered<Unit>(0, [this](const Status& set) {
                         if (!set && !isFatal(set.error())) ++mUnsetModes;
                       }));
-  mContext.disk.rename(transfer->temporary, transfer->item.remotePath,
+  mContext.disk.rename(transfer->temporary, transfer->source.remotePath,
                        entered<Unit>(0, [this, transfer](const Status& renamed) {
                          if (renamed) {
                            std::erase(mOpen, transfer);
@@ -279,7 +281,7 @@ void Upload::abandon(const TransferPtr& transfer) {
       std::erase(mOpen, transfer);
     }
   }
-  fail("send", transfer->item.remotePath, error);
+  fail("send", transfer->source.remotePath, error);
 }
 
 void Upload::removeTemporary(const TransferPtr& transfer) {
@@ -315,7 +317,7 @@ void Upload::conclude() {
   }
   for (const TransferPtr& transfer : mOpen) {
     if (!transfer->made || (transfer->renaming && !transfer->error)) continue;
-    mContext.console.message("an incomplete copy of '" + transfer->item.remotePath +
+    mContext.console.message("an incomplete copy of '" + transfer->source.remotePath +
                              "' may be left on the disk: '" + transfer->temporary + "'");
   }
   if (mUnsetModes > 0) {

@@ -20,7 +20,8 @@ namespace zor::client::cli {
 /// Each file goes to a temporary name beside its own, which it gets when it is complete.
 class Upload final : public TransferRun {
  public:
-  Upload(Context& context, bool recursive) : TransferRun(context, "sent"), mRecursive(recursive) {}
+  Upload(CommandContext& context, bool recursive)
+      : TransferRun(context, "sent"), mRecursive(recursive) {}
 
   /// Sends what the user named, a link's target for a link, as `remotePath`.
   void add(const std::string& localPath, std::string remotePath);
@@ -32,7 +33,7 @@ class Upload final : public TransferRun {
   };
   using Modes = std::vector<Mode>;
 
-  /// A directory over there, whose mode is to be set when the last user is gone.
+  /// A directory on the disk, whose mode is to be set when the last user is gone.
   struct Directory {
     Directory(Mode own, std::shared_ptr<Modes> due, std::shared_ptr<Directory> above)
         : mode(std::move(own)), modes(std::move(due)), parent(std::move(above)) {}
@@ -42,7 +43,7 @@ class Upload final : public TransferRun {
     std::shared_ptr<Directory> parent;
   };
 
-  struct Item {
+  struct Source {
     std::string localPath;
     std::string remotePath;
     std::shared_ptr<LocalDir> dir;  ///< where its last component is; null for what the user named
@@ -52,11 +53,11 @@ class Upload final : public TransferRun {
 
   /// A file on its way.
   struct Transfer {
-    Item item;
+    Source source;
     UniqueFd file;
-    std::string temporary;               ///< its path over there until it is complete
+    std::string temporary;               ///< its path on the disk until it is complete
     bool made = true;                    ///< something may have that path
-    std::optional<udisk_stat> replaced;  ///< what has the item's path
+    std::optional<udisk_stat> replaced;  ///< what has the source's path
     std::int64_t offset = 0;             ///< how far it has been read
     std::int64_t size = 0;               ///< as it was when it was opened
     unsigned inFlight = 0;
@@ -68,9 +69,9 @@ class Upload final : public TransferRun {
 
   bool makeRequest() override;
   void conclude() override;
-  void sort(Item item, const struct stat& status);
+  void classify(Source source, const struct stat& status);
   void makeDirectory();
-  void enter(const Item& item);
+  void enter(const Source& source);
   void setMode();
   void create();
   bool sendPiece(const TransferPtr& transfer);
@@ -83,9 +84,9 @@ class Upload final : public TransferRun {
   void explainFailure();
 
   const bool mRecursive;
-  std::vector<Item> mDirectories;
-  unsigned mEntering = 0;  ///< directories that are being made over there
-  std::deque<Item> mFiles;
+  std::vector<Source> mDirectories;
+  unsigned mEntering = 0;  ///< directories that are being made on the disk
+  std::deque<Source> mFiles;
   std::deque<TransferPtr> mWriting;  ///< created, not yet read to their ends
   std::vector<TransferPtr> mOpen;    ///< have a temporary name, as far as is known
   bool mCleaningUp = false;

@@ -27,7 +27,7 @@ bool differ(const udisk_stat& a, const udisk_stat& b) {
          a.st_ino != b.st_ino;
 }
 
-void printChanges(Context& context, const Listing& before, const Listing& after) {
+void printChanges(CommandContext& context, const Listing& before, const Listing& after) {
   const Entries old = entriesOf(before);
   const Entries now = entriesOf(after);
   const auto print = [&](char kind, std::string_view name) {
@@ -65,11 +65,11 @@ bool pause(EventLoop& loop, std::chrono::milliseconds time) {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (left.count() <= 0) return true;
-    if (!loop.runOne(static_cast<int>(left.count()))) return false;
+    if (!loop.runOne(left)) return false;
   }
 }
 
-bool runWatch(Context& context, const std::string& path) {
+bool runWatch(CommandContext& context, const std::string& path) {
   Result<Listing> known = context.disk.list(path);
   if (!known) return report(context, "watch", path, known.error());
   context.loop.catchSignals();
@@ -93,16 +93,16 @@ bool runWatch(Context& context, const std::string& path) {
 
 }  // namespace
 
-void addWatch(CLI::App& app, Command& chosen) {
+void addWatch(CLI::App& app, Subcommand& chosen) {
   auto path = std::make_shared<std::string>();
   CLI::App* command = app.add_subcommand(
       "watch",
-      "Looks at a directory every second and prints +NAME, -NAME and ~NAME for what was added, "
-      "removed and changed, until it is interrupted. A change is seen by the size and the whole "
-      "seconds of the modification time.");
+      "Prints +NAME, -NAME and ~NAME for each entry of a directory that is added, removed or "
+      "changed, until it is interrupted. It checks the directory every second, and finds changes "
+      "of the size and of the whole seconds of the modification time.");
   command->add_option("DIR", *path, "the directory")->required();
   command->callback([path, &chosen] {
-    chosen.run = [path](Context& context) { return runWatch(context, normalPath(*path)); };
+    chosen.run = [path](CommandContext& context) { return runWatch(context, normalPath(*path)); };
   });
 }
 

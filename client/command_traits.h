@@ -1,4 +1,4 @@
-// What is known of each command that a remote side sends.
+// Properties of each command that a client sends.
 #pragma once
 
 #include <array>
@@ -12,8 +12,8 @@ namespace zor::client {
 struct CommandTraits {
   wire::Command command;
   std::string_view name;
-  /// Whether sending it again, after the host may have served it, leads to the
-  /// same state and a usable answer. Holds for a request alone and for requests
+  /// Whether it is idempotent: sending it again, after the host may have served it, leads to
+  /// the same state and a usable answer. Holds for a request alone and for requests
   /// that are all sent again in their order.
   bool repeatable;
   /// The longest answer that is taken. Hosts keep far below all of these.
@@ -33,7 +33,7 @@ inline constexpr std::array kCommandTraits{
     CommandTraits{wire::Command::kFileFsync, "sync", true},
     CommandTraits{wire::Command::kFileChmod, "permissions", true},
     CommandTraits{wire::Command::kFileChown, "owner", true},
-    CommandTraits{wire::Command::kGetStatvfs, "statistics", true},
+    CommandTraits{wire::Command::kGetStatvfs, "statfs", true},
     CommandTraits{wire::Command::kMakeDir, "make directory", true},
     CommandTraits{wire::Command::kRemoveDir, "remove directory", false},
     CommandTraits{wire::Command::kSetLink, "link", false},

@@ -4,8 +4,8 @@
 // callback runs later as described at `Completion`; without, it waits, and must
 // not be called from a callback. Paths begin with "/", are relative to the
 // disk's root and contain neither zero bytes nor more than kMaxPathLength
-// bytes; others are refused without asking the host. The host says of a failed
-// operation only that it failed.
+// bytes; others are refused without asking the host. A host reports only that
+// an operation failed, and no reason.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +54,7 @@ struct WritePiece {
   wire::Bytes data;  ///< used before the operation returns
 };
 
-/// The answer to "has this directory changed?".
+/// Whether a directory has changed, and its new listing if so.
 struct DirCheck {
   bool changed = false;
   Listing fresh;  ///< empty when unchanged
@@ -91,13 +91,13 @@ class Disk {
   Result<DirCheck> checkDir(std::string_view path, const Listing& known);
 
   /// Up to `size` bytes (the host gives at most kMaxReadSize). Nothing at all
-  /// means the end of the file or a file that cannot be read: the host does not
-  /// tell these apart.
+  /// means the end of the file or a file that cannot be read: the answers are
+  /// the same.
   void read(std::string_view path, std::int64_t offset, std::uint32_t size,
             Callback<FileData> done);
   Result<FileData> read(std::string_view path, std::int64_t offset, std::uint32_t size);
 
-  /// Pieces of several files with one request. Only for hosts that have said
+  /// Pieces of several files with one request. Only for hosts that have announced
   /// that they serve it.
   void readSmallFiles(const std::vector<FilePiece>& files, Callback<FilePieces> done);
   Result<FilePieces> readSmallFiles(const std::vector<FilePiece>& files);
@@ -143,11 +143,11 @@ class Disk {
   void chown(std::string_view path, std::uint32_t uid, std::uint32_t gid, Callback<Unit> done);
   Status chown(std::string_view path, std::uint32_t uid, std::uint32_t gid);
 
-  /// Does nothing over there and is always answered.
+  /// Does nothing on the host and is always answered.
   void flush(std::string_view path, Callback<Unit> done);
   Status flush(std::string_view path);
 
-  /// Makes the host write the file's data to the disk; never fails over there.
+  /// Makes the host write the file's data to the disk; the host never reports a failure.
   void release(std::string_view path, Callback<Unit> done);
   Status release(std::string_view path);
 

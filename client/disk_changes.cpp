@@ -11,7 +11,7 @@ namespace {
 
 /// For records with a `result` field that holds 0 or -1.
 template <class Record>
-Status judgeResult(const Record& echo) {
+Status validateResult(const Record& echo) {
   if (echo.result != 0) return failed("the host could not do it");
   return Unit{};
 }
@@ -34,19 +34,19 @@ void Disk::truncate(std::string_view path, std::uint64_t length, Callback<Unit> 
   wire::TruncateRecord record{};
   record.length = length;
   change(mTransport, Command::kFileTruncate, record, {std::string(path)}, std::move(done),
-         judgeResult<wire::TruncateRecord>);
+         validateResult<wire::TruncateRecord>);
 }
 
 void Disk::fsync(std::string_view path, Callback<Unit> done) {
   change(mTransport, Command::kFileFsync, wire::FsyncRecord{}, {std::string(path)}, std::move(done),
-         judgeResult<wire::FsyncRecord>);
+         validateResult<wire::FsyncRecord>);
 }
 
 void Disk::chmod(std::string_view path, std::uint16_t mode, Callback<Unit> done) {
   wire::ChmodRecord record{};
   record.mode = mode;
   change(mTransport, Command::kFileChmod, record, {std::string(path)}, std::move(done),
-         judgeResult<wire::ChmodRecord>);
+         validateResult<wire::ChmodRecord>);
 }
 
 void Disk::chown(std::string_view path, std::uint32_t uid, std::uint32_t gid, Callback<Unit> done) {
@@ -54,7 +54,7 @@ void Disk::chown(std::string_view path, std::uint32_t uid, std::uint32_t gid, Ca
   record.uid = uid;
   record.gid = gid;
   change(mTransport, Command::kFileChown, record, {std::string(path)}, std::move(done),
-         judgeResult<wire::ChownRecord>);
+         validateResult<wire::ChownRecord>);
 }
 
 void Disk::flush(std::string_view path, Callback<Unit> done) {
@@ -71,28 +71,29 @@ void Disk::makeDir(std::string_view path, std::uint16_t mode, Callback<Unit> don
   wire::MakeDirRecord record{};
   record.mode = static_cast<std::int16_t>(mode);
   change(mTransport, Command::kMakeDir, record, {std::string(path)}, std::move(done),
-         judgeResult<wire::MakeDirRecord>);
+         validateResult<wire::MakeDirRecord>);
 }
 
 void Disk::removeDir(std::string_view path, Callback<Unit> done) {
   change(mTransport, Command::kRemoveDir, wire::RemoveRecord{}, {std::string(path)},
-         std::move(done), judgeResult<wire::RemoveRecord>);
+         std::move(done), validateResult<wire::RemoveRecord>);
 }
 
 void Disk::link(std::string_view existing, std::string_view added, Callback<Unit> done) {
   change(mTransport, Command::kSetLink, wire::TwoPathRecord{},
          {std::string(existing), std::string(added)}, std::move(done),
-         judgeResult<wire::TwoPathRecord>);
+         validateResult<wire::TwoPathRecord>);
 }
 
 void Disk::unlink(std::string_view path, Callback<Unit> done) {
   change(mTransport, Command::kSetUnlink, wire::RemoveRecord{}, {std::string(path)},
-         std::move(done), judgeResult<wire::RemoveRecord>);
+         std::move(done), validateResult<wire::RemoveRecord>);
 }
 
 void Disk::rename(std::string_view from, std::string_view to, Callback<Unit> done) {
   change(mTransport, Command::kSetRename, wire::TwoPathRecord{},
-         {std::string(from), std::string(to)}, std::move(done), judgeResult<wire::TwoPathRecord>);
+         {std::string(from), std::string(to)}, std::move(done),
+         validateResult<wire::TwoPathRecord>);
 }
 
 Status Disk::create(std::string_view path, std::uint32_t mode) {

@@ -13,7 +13,7 @@ using wire::Command;
 namespace {
 
 /// The outcome of a write whose request declared `size` bytes.
-Status judgeWrite(const wire::FileWriteRecord& echo, std::size_t size) {
+Status validateWrite(const wire::FileWriteRecord& echo, std::size_t size) {
   if (echo.file_buf_length == 0) return failed("the write failed");
   if (static_cast<std::size_t>(echo.file_buf_length) != size) return badReply();
   return Unit{};
@@ -40,7 +40,7 @@ void submitWrite(Transport& transport, std::string_view path, wire::FileWriteRec
         if (!decodeEcho(cursor, strings, echo) || !cursor.rest().empty()) {
           return badReply();
         }
-        return judgeWrite(echo, size);
+        return validateWrite(echo, size);
       }));
 }
 

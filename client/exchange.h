@@ -24,7 +24,7 @@ inline Error badReply() {
 
 inline Error failed(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
 
-/// What a host cannot tell from a missing name by itself.
+/// A host answers in the same way when a name is missing.
 inline Error unreadable() {
   return {ErrorKind::kUnreadable, "the disk cannot be read; was it pulled out?"};
 }
@@ -111,16 +111,16 @@ void ask(Transport& transport, wire::Command command, const Record& record, Stri
                    }));
 }
 
-/// The same for answers that are an echo whose outcome `judge(record)` reads.
-template <class Record, class Judge>
+/// The same for answers that are an echo whose outcome `validate(record)` reads.
+template <class Record, class Validate>
 void change(Transport& transport, wire::Command command, const Record& record, Strings strings,
-            Callback<Unit> done, Judge judge) {
+            Callback<Unit> done, Validate validate) {
   ask<Unit>(transport, command, record, std::move(strings), std::move(done),
-            [judge = std::move(judge)](Buffer reply, const Strings& sent) -> Status {
+            [validate = std::move(validate)](Buffer reply, const Strings& sent) -> Status {
               wire::Cursor cursor(reply.bytes());
               Record echo{};
               if (!decodeEcho(cursor, sent, echo) || !cursor.rest().empty()) return badReply();
-              return judge(echo);
+              return validate(echo);
             });
 }
 

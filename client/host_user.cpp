@@ -62,14 +62,15 @@ Result<uid_t> checkHostUser(int socket, std::optional<uid_t> allowed) {
   socklen_t size = sizeof peer;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
     return Error{ErrorKind::kRefused,
-                 std::string("cannot find out who serves there: ") + strerror(errno)};
+                 std::string("cannot find out which user runs the host: ") + strerror(errno)};
   }
   if (peer.uid == ::geteuid() || peer.uid == 0 || peer.uid == allowed) return peer.uid;
   const auto name = nameOf(peer.uid);
   return Error{ErrorKind::kRefused,
-               describeUser(peer.uid) + " serves there, who is neither you nor root; nothing was " +
-                   "sent. If you trust that user with your files, allow it with " +
-                   "--allow-host-user=" + (name ? *name : std::to_string(peer.uid))};
+               "the host runs as " + describeUser(peer.uid) +
+                   ", and that is neither you nor root; nothing was sent. If you trust that user " +
+                   "with your files, allow it with --allow-host-user=" +
+                   (name ? *name : std::to_string(peer.uid))};
 }
 
 std::string whyTurnedAway(uid_t hostUser) {

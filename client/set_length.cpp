@@ -21,7 +21,7 @@ Status grow(Disk& disk, const std::string& path, std::uint64_t length) {
   return disk.write(path, static_cast<std::int64_t>(length - 1), std::move(zero));
 }
 
-/// Of a rename that was lost on the way, the names tell whether it was done.
+/// Queries the names after a rename without an answer, to find out whether it was done.
 Status renameSurely(Disk& disk, const std::string& from, const std::string& to) {
   constexpr int kMaxAttempts = 10;
   for (int attempt = 1;; ++attempt) {
@@ -29,12 +29,12 @@ Status renameSurely(Disk& disk, const std::string& from, const std::string& to) 
     if (status || attempt == kMaxAttempts) return status;
     const ErrorKind kind = status.error().kind;
     if (kind != ErrorKind::kLinkLost && kind != ErrorKind::kUnanswered) return status;
-    const Result<udisk_stat> there = disk.attributes(to);
-    if (!there && there.error().kind != ErrorKind::kFailed) return status;
-    const Result<udisk_stat> here = disk.attributes(from);
-    if (!here && here.error().kind != ErrorKind::kFailed) return status;
-    if (!here && there) return Unit{};
-    if (!here) return status;
+    const Result<udisk_stat> target = disk.attributes(to);
+    if (!target && target.error().kind != ErrorKind::kFailed) return status;
+    const Result<udisk_stat> source = disk.attributes(from);
+    if (!source && source.error().kind != ErrorKind::kFailed) return status;
+    if (!source && target) return Unit{};
+    if (!source) return status;
   }
 }
 

@@ -9,7 +9,7 @@
 #include <map>
 #include <thread>
 
-#include "cli/program.h"
+#include "cli/command_line.h"
 #include "protocol/records.h"
 #include "support/host_packets.h"
 #include "support/temporary_directory.h"
@@ -124,7 +124,7 @@ class DownloadTest : public ::testing::Test {
       Disk disk(link);
       Output out;
       Console console;
-      Context context{disk, link, announcement, loop, out, console};
+      CommandContext context{disk, link, announcement, loop, out, console};
       Download download(context, {.recursive = true, .batches = false});
       download.addContents("/", *LocalDir::open(mDirectory.path().string()));
       ok = download.run();

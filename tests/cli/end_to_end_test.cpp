@@ -219,6 +219,8 @@ TEST_F(EndToEndTest, ChangesFiles) {
       {{"ln", "a/f", "a/b"}, 0, "", ""},
       {{"mv", "a/f", "none", "g"}, 1, "", "must be a directory"},
       {{"mv", "none", "a/f", "/"}, 1, "", "done with 1 of 2 names"},
+      {{"mv", "n\x1bne", "g"}, 1, "", "cannot move '/n\\x1bne': no such file or directory\n"},
+      {{"mv", "f", "none/g"}, 1, "", "the directory '/none' does not exist"},
       {{"chmod", "1751", "f"}, 0, "", ""},
       {{"chown", std::to_string(::getuid()) + ":", "f"}, 2, "", "is not an owner"},
       {{"chown", ":" + std::to_string(::getgid()), "f", "none"}, 1, "", "cannot chown '/none'"},

@@ -1,7 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include "cli/console.h"
 #include "client/remote_path.h"
 #include "support/printable.h"
+#include "support/unique_fd.h"
 
 namespace zor::client::cli {
 namespace {
@@ -25,7 +29,15 @@ TEST(TextTest, NothingActsOnATerminalOrMisleadsItsReader) {
        "a\\xe2\\x80\\xa8"
        "b"},  // begins a line
   };
-  for (const auto& [text, expected] : kCases) EXPECT_EQ(printable(text), expected);
+  const UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(::unlockpt(master.get()), 0);
+  const UniqueFd terminal(::open(::ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  const UniqueFd file(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  for (const auto& [text, expected] : kCases) {
+    EXPECT_EQ(printable(text), expected);
+    EXPECT_EQ(Output(terminal.get()).shown(text), expected);
+    EXPECT_EQ(Output(file.get()).shown(text), text);
+  }
 }
 
 TEST(RemotePathTest, PathsAreMadeNormal) {

@@ -1,4 +1,4 @@
-// Bounding what a walk through the disk's tree holds, whatever the host lists.
+// Bounding what a scan of the disk's tree holds, whatever the host lists.
 #pragma once
 
 #include <atomic>
@@ -21,13 +21,13 @@ inline Error pathTooLong() { return {ErrorKind::kRefused, "the path is too long"
 
 /// A directory that has been listed. The names in it that wait for their turn
 /// share it, instead of having a whole path each.
-class WalkedDirectory {
+class ScannedDirectory {
  public:
-  explicit WalkedDirectory(std::string path) : mPath(std::move(path)) {}
-  ~WalkedDirectory() { sHeld -= mHeld; }
+  explicit ScannedDirectory(std::string path) : mPath(std::move(path)) {}
+  ~ScannedDirectory() { sHeld -= mHeld; }
 
-  WalkedDirectory(const WalkedDirectory&) = delete;
-  WalkedDirectory& operator=(const WalkedDirectory&) = delete;
+  ScannedDirectory(const ScannedDirectory&) = delete;
+  ScannedDirectory& operator=(const ScannedDirectory&) = delete;
 
   const std::string& path() const noexcept { return mPath; }
   std::string pathOf(std::string_view name) const { return joinPath(mPath, name); }
@@ -47,12 +47,12 @@ class WalkedDirectory {
     return Unit{};
   }
 
-  /// Whether so much is waiting in this process that listings ahead of their
-  /// turn should not be asked for.
-  static bool crowded() noexcept { return sHeld >= kMany; }
+  /// Whether so many names are waiting in this process that no directory should be listed
+  /// ahead of its turn.
+  static bool overBudget() noexcept { return sHeld >= kBudget; }
 
  private:
-  static constexpr std::uint64_t kMany = std::uint64_t{64} << 20;
+  static constexpr std::uint64_t kBudget = std::uint64_t{64} << 20;
   static constexpr std::uint64_t kMax = std::uint64_t{256} << 20;
   static inline std::atomic<std::uint64_t> sHeld{0};
 

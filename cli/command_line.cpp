@@ -1,4 +1,4 @@
-#include "cli/program.h"
+#include "cli/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -22,7 +22,7 @@ int endBySignal(int number) {
 
 /// The exit code, or minus the signal that the process is to end by. All that
 /// the command made is gone by then, temporary files included.
-int run(const ConnectionOptions& options, const Command& command) {
+int run(const ConnectionOptions& options, const Subcommand& command) {
   // The loop must outlive the connection, whose thread posts to it.
   EventLoop loop;
   Console console;
@@ -41,7 +41,7 @@ int run(const ConnectionOptions& options, const Command& command) {
     }
     Disk disk((*connection)->link());
     Output out;
-    Context context{disk, (*connection)->link(), announcement, loop, out, console};
+    CommandContext context{disk, (*connection)->link(), announcement, loop, out, console};
     try {
       ok = command.run(context);
       out.flush();
@@ -63,7 +63,7 @@ int runProgram(int argc, char** argv) {
   CLI::App app("Works on a disk that a udisk host serves.", "udisk-remote");
   ConnectionOptions options;
   double timeout = 60;
-  Command command;
+  Subcommand command;
   app.add_option("--socket", options.socketPath, "the host's socket")
       ->required()
       ->type_name("PATH");

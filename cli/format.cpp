@@ -1,4 +1,4 @@
-#include "cli/text.h"
+#include "cli/format.h"
 
 #include <sys/stat.h>
 
