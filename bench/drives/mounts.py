@@ -106,7 +106,7 @@ def require(program):
 
 
 def is_mounted(path):
-    """Without a look at the mount itself, whose other end may be gone."""
+    """Does not touch the mount itself, whose server may be gone."""
     path = os.path.realpath(os.path.dirname(path)) + "/" + os.path.basename(path)
     with open("/proc/self/mounts", encoding="utf-8") as table:
         return any(line.split(" ")[1].replace("\\040", " ") == path for line in table)
@@ -162,7 +162,7 @@ def mount(command, mount_point, **streams):
 
 
 def unmount(mount_point):
-    """Unmounts; something on the machine may be looking at the new mount still."""
+    """Unmounts; another program may still use the new mount."""
     for attempt in range(50):
         done = subprocess.run(["fusermount3", "-u", mount_point], capture_output=True, text=True)
         if done.returncode == 0:

@@ -14,7 +14,7 @@ DIRECTORIES = 20
 FILE_SIZE = 4096
 PAUSE_SECONDS = 2
 
-# In the order of the report: the key, and what it is called there.
+# In the order of the report: the key, and its title.
 WORKS = {
     "tree_write": "write a tree",
     "tree_read": "read a tree",
@@ -59,21 +59,21 @@ class Bench:
         self._scratch = scratch
         os.mkdir(self._mount_point)
 
-    def run(self, drive, delay_ms, tell):
+    def run(self, drive, delay_ms, report):
         """The seconds of each work by its key."""
         times = {}
 
         def record(key, seconds):
             times[key] = seconds
-            tell(WORKS[key], seconds)
+            report(WORKS[key], seconds)
 
         def mounted():
             return drive.mounted(self._served, self._mount_point, self._scratch, delay_ms)
 
         os.mkdir(self._served)
-        here = self._mount_point
-        tree = os.path.join(here, "tree")
-        big = os.path.join(here, "big")
+        mount = self._mount_point
+        tree = os.path.join(mount, "tree")
+        big = os.path.join(mount, "big")
         copy = os.path.join(self._scratch, "copy")
         try:
             with mounted():
@@ -97,7 +97,7 @@ class Bench:
             with mounted():
                 record("big_read", self._time("dd", f"if={big}", "of=/dev/null", "bs=1M"))
         finally:
-            if not is_mounted(here):
+            if not is_mounted(mount):
                 shutil.rmtree(self._served)
                 shutil.rmtree(copy, ignore_errors=True)
         return times
@@ -118,10 +118,10 @@ class Bench:
         """Times of wrong results would mean nothing."""
         compared = 0
         for parent, _, files in os.walk(self._source.tree):
-            there = os.path.join(tree, os.path.relpath(parent, self._source.tree))
-            _, differing, missing = filecmp.cmpfiles(parent, there, files, shallow=False)
+            copy = os.path.join(tree, os.path.relpath(parent, self._source.tree))
+            _, differing, missing = filecmp.cmpfiles(parent, copy, files, shallow=False)
             if differing or missing:
-                raise Failure(f"{there} differs from what was copied: {(differing + missing)[:5]}")
+                raise Failure(f"{copy} differs from what was copied: {(differing + missing)[:5]}")
             compared += len(files)
         if compared != self._source.files:
             raise Failure(f"{compared} files of {self._source.files} were compared")
