@@ -77,7 +77,7 @@ class Soak {
     if (std::exchange(mFound, true)) return;
     mEnding.now = true;
     const std::string all = fs::temp_directory_path() / ("soak-" + std::to_string(mSeed) + ".log");
-    std::printf("\nDIFFERENCE (%s, seed %llu): %s\nwhat led to it, the rest is in %s:\n%s",
+    std::printf("\nDIFFERENCE (%s, seed %llu): %s\nthe last steps; all of them are in %s:\n%s",
                 part.name.c_str(), static_cast<unsigned long long>(mSeed), what.c_str(),
                 all.c_str(), part.journal.text(40).c_str());
     std::ofstream log(all);
