@@ -66,7 +66,7 @@ bench-drives:
 	  --target udisk-host udisk-redir udisk-mount slow-link
 	bench/compare-drives --bin build/release/bin $(DRIVES)
 
-# Lets everything fail that the host relies on, and looks at what becomes of its
+# Lets everything fail that the host relies on, and checks its
 # requests; takes some minutes, and root. `make faults FAULTS='full hanging'` for some.
 faults:
 	@scripts/setup.sh faults
@@ -75,7 +75,7 @@ faults:
 	  --target udisk-host udisk-redir udisk-mount driver_tests failing_allocator
 	faults/faults $(FAULTS)
 
-# Floods, remotes that stand still, killed and stopped ends; with a table of what it cost.
+# Floods, stalled clients, killed and stopped ends; with a table of what it cost.
 overload:
 	@scripts/setup.sh faults
 	cmake --preset release

@@ -1,8 +1,25 @@
 """Results for people and for programs: what the comparisons share."""
 
+import argparse
 import json
 import os
 import platform
+
+SFTP_SERVERS = ("/usr/lib/openssh/sftp-server", "/usr/libexec/openssh/sftp-server",
+                "/usr/lib/ssh/sftp-server")
+
+
+def sftp_server():
+    return next((path for path in SFTP_SERVERS if os.path.exists(path)), None)
+
+
+def some_of(names):
+    """The type of an argument that lists some of these."""
+    def parse(text):
+        if not set(text.split(",")) <= set(names):
+            raise argparse.ArgumentTypeError(f"'{text}' is not a list of {', '.join(names)}")
+        return text.split(",")
+    return parse
 
 
 def machine():

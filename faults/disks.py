@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from served import Host, Remote, Request, eventually, expect
+from served import Host, Client, Request, eventually, expect
 
 SHUTDOWN, WITHOUT_LOG = 0x8004587D, struct.pack("<I", 2)  # the ext4 ioctl
 UNCONFINED = "--sandbox=off"  # what is mounted later is out of a confined host's reach
@@ -60,58 +60,58 @@ def changes(name):
             Request(117, renamed), Request(117, linked)]
 
 
-def saved(remote, name, data):
-    return remote.succeeds(Request(103, name), Request(106, name, data=data), Request(110, name))
+def saved(client, name, data):
+    return client.succeeds(Request(103, name), Request(106, name, data=data), Request(110, name))
 
 
 def full(programs, work):
-    with LoopDisk(work, 4) as disk, Host(programs, disk.path) as host, Remote(host) as remote:
-        safe = next(n for n in range(1000) if not saved(remote, b"/f%d" % n, CHUNK))
+    with LoopDisk(work, 4) as disk, Host(programs, disk.path) as host, Client(host) as client:
+        safe = next(n for n in range(1000) if not saved(client, b"/f%d" % n, CHUNK))
         more = Request(106, b"/f0", data=CHUNK, offset=len(CHUNK))
-        expect(not remote.succeeds(more), "written to a full disk")
-        expect(remote.succeeds(Request(117, b"/f1"), more, Request(110, b"/f0")), "still full")
-        remote.socket.close()
+        expect(not client.succeeds(more), "written to a full disk")
+        expect(client.succeeds(Request(117, b"/f1"), more, Request(110, b"/f0")), "still full")
+        client.socket.close()
         disk.mount_again()
         expect(disk.contents("f0") == CHUNK * 2, "f0 is not what was told")
         for number in range(2, safe):
             expect(disk.contents(f"f{number}") == CHUNK, f"f{number} is not what was told")
-    print(f"  {safe} files of 64 KiB were told to be safe and are; then writes fail until there "
+    print(f"  {safe} files of 64 KiB were confirmed and are safe; then writes fail until there "
           "is space again")
 
 
 def read_only(programs, work):
-    with LoopDisk(work, 8) as disk, Host(programs, disk.path) as host, Remote(host) as remote:
-        expect(saved(remote, b"/old", b"old"), "not writable")
+    with LoopDisk(work, 8) as disk, Host(programs, disk.path) as host, Client(host) as client:
+        expect(saved(client, b"/old", b"old"), "not writable")
         run("mount", "-o", "remount,ro", disk.path)
         refused = changes(b"/old") + changes(b"/new")
-        expect(not any([remote.succeeds(request) for request in refused]), "changed")
-        expect(remote.ask(Request(105, b"/old"))[-3:] == b"old", "cannot be read")
+        expect(not any([client.succeeds(request) for request in refused]), "changed")
+        expect(client.ask(Request(105, b"/old"))[-3:] == b"old", "cannot be read")
         run("mount", "-o", "remount,rw", disk.path)
-        expect(remote.succeeds(*changes(b"/new")), "not writable again")
+        expect(client.succeeds(*changes(b"/new")), "not writable again")
     print(f"  {len(refused)} changes fail; after the remount they succeed")
 
 
 def shutdown(programs, work):
     with LoopDisk(work, 32) as disk, Host(programs, disk.path, UNCONFINED) as host:
-        with Remote(host) as remote, open(f"{disk.path}/root", "wb") as root:
+        with Client(host) as client, open(f"{disk.path}/root", "wb") as root:
             timer = threading.Timer(1, lambda: fcntl.ioctl(root, SHUTDOWN, WITHOUT_LOG))
             timer.start()
-            safe = next(n for n in range(100000) if not saved(remote, b"/g%d" % n, b"%d" % n))
+            safe = next(n for n in range(100000) if not saved(client, b"/g%d" % n, b"%d" % n))
             timer.join()
             after = changes(b"/after")
-            expect(not any([remote.succeeds(request) for request in after]), "a success afterwards")
+            expect(not any([client.succeeds(request) for request in after]), "a success afterwards")
         disk.mount_again()
         for number in range(safe):
             expect(disk.contents(f"g{number}") == b"%d" % number, f"file {number} is lost")
-        with Remote(host) as remote:
-            expect(remote.succeeds(*after), "not served again")
+        with Client(host) as client:
+            expect(client.succeeds(*after), "not served again")
     print(f"  the {safe} files that were told to be safe before the shutdown are; every change "
           "after it fails; mounted again, the disk is served again")
 
 
 def unmounted(programs, work):
-    with LoopDisk(work, 32) as disk, Host(programs, disk.path, UNCONFINED) as host, Remote(host) as remote:
-        expect(saved(remote, b"/file", CHUNK), "not writable")
+    with LoopDisk(work, 32) as disk, Host(programs, disk.path, UNCONFINED) as host, Client(host) as client:
+        expect(saved(client, b"/file", CHUNK), "not writable")
         stop, good, bad = threading.Event(), [], []
         requests = [Request(105, b"/file", size=65536), Request(107, b"/"), Request(103, b"/new"),
                     Request(106, b"/new", data=b"x"), Request(102, b"/file")]
@@ -119,7 +119,7 @@ def unmounted(programs, work):
         def load():
             while not stop.is_set():
                 for request in requests:
-                    (good if remote.succeeds(request) else bad).append(request.cmd)
+                    (good if client.succeeds(request) else bad).append(request.cmd)
 
         def grows(counts):
             before = len(counts)
@@ -152,30 +152,30 @@ def stop(process):
 
 
 def hanging(programs, work):
-    there = f"{work}/disk/there"
-    os.makedirs(there)
+    mount = f"{work}/disk/there"
+    os.makedirs(mount)
     os.makedirs(f"{work}/far")
     with contextlib.ExitStack() as stack:
         far = stack.enter_context(Host(programs, f"{work}/far"))
-        drive = subprocess.Popen([f"{programs}/udisk-mount", "-f", far.socket, there])
+        drive = subprocess.Popen([f"{programs}/udisk-mount", "-f", far.socket, mount])
         stack.callback(drive.wait)
-        stack.callback(run, "fusermount3", "-u", there)
+        stack.callback(run, "fusermount3", "-u", mount)
         stack.callback(drive.send_signal, signal.SIGCONT)
-        expect(eventually(lambda: os.path.ismount(there)), "no drive")
+        expect(eventually(lambda: os.path.ismount(mount)), "no drive")
         host = stack.enter_context(Host(programs, f"{work}/disk"))
         stack.callback(drive.send_signal, signal.SIGCONT)  # before the host is waited for
-        remote = stack.enter_context(Remote(host))
-        expect(saved(remote, b"/there/file", b"x"), "the drive does not work")
+        client = stack.enter_context(Client(host))
+        expect(saved(client, b"/there/file", b"x"), "the drive does not work")
         stop(drive)
-        sent = [remote.send(Request(*r)) for r in ((102, b"/there/a"), (119, b"/"), (103, b"/there/b"))]
-        remote.socket.settimeout(3)
+        sent = [client.send(Request(*r)) for r in ((102, b"/there/a"), (119, b"/"), (103, b"/there/b"))]
+        client.socket.settimeout(3)
         with contextlib.suppress(TimeoutError):
-            raise AssertionError(f"an answer while the disk hangs: {remote.take()}")
+            raise AssertionError(f"an answer while the disk hangs: {client.take()}")
         drive.send_signal(signal.SIGCONT)
-        remote.socket.settimeout(20)
-        expect([remote.take()[0] for _ in sent] == sent, "not answered afterwards")
+        client.socket.settimeout(20)
+        expect([client.take()[0] for _ in sent] == sent, "not answered afterwards")
         stop(drive)
-        remote.send(Request(102, b"/there/c"))
+        client.send(Request(102, b"/there/c"))
         time.sleep(0.5)
         host.may_be_over = True
         host.process.send_signal(signal.SIGTERM)
@@ -192,7 +192,7 @@ SCENARIOS = {"full": full, "read-only": read_only, "shutdown": shutdown, "unmoun
 
 
 def missing():
-    """Why these cannot be run here, or nothing."""
+    """The reason why these cannot run, or nothing."""
     if os.geteuid() != 0:
         return "only root can mount"
     if not os.path.exists("/dev/loop-control"):

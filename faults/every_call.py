@@ -11,7 +11,7 @@ import signal
 import struct
 import subprocess
 
-from served import Host, Remote, Request, eventually, expect
+from served import Host, Client, Request, eventually, expect
 
 # A `close` that is made to fail closes nothing, so that the host could not be right; a `brk` fails
 # by returning the old end, and an error would be taken for an address; the others
@@ -84,8 +84,8 @@ class Sweep:
         self.host = Host(programs, f"{work}/disk", environment={
             "FAILING_ALLOCATOR": f"{work}/control", "LD_PRELOAD": library})
         self.base, self.idle = self.host.descriptors(), self.host.threads()
-        with Remote(self.host) as remote:
-            self.requests = requests(remote.ask(Request(107, b"/fixed/still"))[28:])
+        with Client(self.host) as client:
+            self.requests = requests(client.ask(Request(107, b"/fixed/still"))[28:])
         for _ in range(3):  # the last finds every access time as it stays
             self.disk.lay_out()
             self.expected = self.converse()
@@ -129,22 +129,22 @@ class Sweep:
         with contextlib.ExitStack() as stack:
             if role == "opening":
                 stack.enter_context(fault(self.host.pid, True))
-            remote = stack.enter_context(Remote(self.host, greeted=False))
+            client = stack.enter_context(Client(self.host, greeted=False))
             answers = None
-            if remote.take() and remote.take():
+            if client.take() and client.take():
                 if role in ROLES:
                     stack.enter_context(fault(self.thread(role), False))
-                answers = self.answers(remote)
-            remote.socket.close()
+                answers = self.answers(client)
+            client.socket.close()
         expect(eventually(lambda: self.host.threads() == self.idle), "a thread stays")
         return answers
 
-    def answers(self, remote):
+    def answers(self, client):
         with contextlib.suppress(ConnectionError):
             for request in self.requests + [Request(119, b"/last")] * 2:
-                remote.send(request)
+                client.send(request)
         found = {}
-        while (answer := remote.take()) is not None and answer[0] <= len(self.requests):
+        while (answer := client.take()) is not None and answer[0] <= len(self.requests):
             ident, payload = answer
             expect(ident not in found, f"two answers to request {ident}")
             cmd = self.requests[ident - 1].cmd
@@ -154,10 +154,10 @@ class Sweep:
         found["all"] = answer is not None
         return found
 
-    def judge(self, answers):
+    def classify(self, answers):
         """At most one request is served differently, and then it fails or is not answered."""
         if answers is None:
-            return "the remote was sent away"
+            return "the client was refused"
         different = {i for i in range(1, len(self.requests) + 1)
                      if answers.get(i) != self.expected.get(i)}
         expect(len(different) <= 1 or not answers["all"], f"several differ: {different}")
@@ -175,7 +175,7 @@ class Sweep:
                 "answered as failed" if different & answers.keys() else "not answered")
 
     def is_failure(self, ident, request, answer):
-        if request.cmd == 123:  # some files are there, some are not
+        if request.cmd == 123:  # some files exist, some do not
             return answer[:4] == request.payload[:4] and len(answer) < len(self.expected[ident])
         if bytes(120) in answer:  # an entry whose attributes could not be read
             return request.cmd in (107, 121) and len(answer) == len(self.expected[1])
@@ -184,14 +184,14 @@ class Sweep:
         return answer == request.failure
 
     def fail_each(self, role, *fault):
-        """Until there is no nth to fail; then all must be as it was."""
+        """Until no nth call is left to fail; then all must be as it was."""
         self.happened, nth = True, 0
         while self.happened:
             nth += 1
             self.disk.lay_out()
             try:
                 answers = self.converse(role, functools.partial(*fault, nth))
-                verdict = self.judge(answers) if self.happened else SAME
+                verdict = self.classify(answers) if self.happened else SAME
                 expect("EINTR" not in fault or role == "opening" or verdict == SAME, verdict)
             except (AssertionError, OSError) as problem:
                 raise AssertionError(f"{role}, {fault[1:]} {nth}: {problem}") from problem

@@ -1,5 +1,5 @@
 // Preloaded into a program: lets one allocation fail, and counts what is allocated. Another
-// process tells which one through a file that both map (named by FAILING_ALLOCATOR).
+// process names it through a file that both map (named by FAILING_ALLOCATOR).
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>

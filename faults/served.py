@@ -1,4 +1,4 @@
-"""A running udisk-host, and a remote that speaks to it in packets."""
+"""A running udisk-host, and a client that speaks to it in packets."""
 
 import contextlib
 import os
@@ -11,7 +11,7 @@ import time
 
 # The fields of each command, as struct's letter and a number, a value's name, or a text whose
 # length is meant; and texts. In the answer that says that it failed, what begins with ! is -1,
-# with ? 0, and with + not there.
+# with ? 0, and with + missing.
 FORMS = {
     102: "H:path H:0 path", 103: "I:path I:66 I:420 !i:0 path",
     105: "q:offset i:0 ?I:size I:path I:0 path",
@@ -94,7 +94,7 @@ class Host:
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def threads(self):
-        """All but the one that writes the log, which is always there."""
+        """All but the one that writes the log."""
         found = set()
         for name in os.listdir(f"/proc/{self.pid}/task"):
             with contextlib.suppress(OSError):
@@ -104,7 +104,7 @@ class Host:
         return found
 
 
-class Remote:
+class Client:
     def __init__(self, host, greeted=True):
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.settimeout(20)

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Serves a directory with the host and uses it from the remote side: by commands
+# Serves a directory with the host and uses it as a client: by commands
 # and as a drive.
 # usage: scripts/demo.sh DIRECTORY_OF_THE_PROGRAMS
 set -eu
@@ -16,7 +16,7 @@ finish() {
 }
 trap finish EXIT INT TERM
 
-say() { printf '\n\033[1m# %s\033[0m\n' "$*"; }
+title() { printf '\n\033[1m# %s\033[0m\n' "$*"; }
 remote() {
   printf '$ udisk-remote %s\n' "$*"
   "$bin/udisk-remote" --socket "$work/usb.sock" "$@"
@@ -32,7 +32,7 @@ printf 'grüße\n' >"$disk/Grüße.txt"
 printf 'привет\n' >"$disk/名前/привет.txt"
 : >"$disk/empty"
 
-say "here: the host serves a directory through the driver module"
+title "host: serves a directory through the driver module"
 printf '$ udisk-host serve USB --socket usb.sock\n'
 "$bin/udisk-host" serve "$disk" --socket "$work/usb.sock" 2>"$work/host.log" &
 host=$!
@@ -46,18 +46,18 @@ while [ ! -S "$work/usb.sock" ]; do
   sleep 0.05
 done
 
-say "there: the remote side looks around"
+title "client: lists the disk"
 remote ls -l /
 remote stat /Grüße.txt
 remote cat /名前/привет.txt
 remote df -h
 
-say "there: the whole disk is fetched, and is identical"
+title "client: fetches the whole disk; the copy is identical"
 remote get -r / "$work/fetched"
 diff -r "$disk" "$work/fetched"
 echo "diff: no difference"
 
-say "there: a tree is put on the disk, changed and removed"
+title "client: puts a tree on the disk, changes and removes it"
 remote put -r "$root/protocol" /backup
 remote mv /backup /protocol-backup
 remote ls -R /protocol-backup
@@ -66,7 +66,7 @@ echo "diff: no difference"
 remote rm -r /protocol-backup
 
 if [ -w /dev/fuse ]; then
-  say "there: the disk as a drive for every program"
+  title "client: mounts the disk as a drive for every program"
   mkdir "$work/drive"
   printf '$ udisk-mount usb.sock drive\n'
   "$bin/udisk-mount" "$work/usb.sock" "$work/drive"
@@ -79,8 +79,8 @@ if [ -w /dev/fuse ]; then
   printf '$ fusermount3 -u drive\n'
   fusermount3 -u "$work/drive"
 else
-  say "there is no /dev/fuse here, so the drive is not shown"
+  title "there is no /dev/fuse here, so the drive is left out"
 fi
 
-say "here: what the host logged"
+title "host: its log"
 tail -n 4 "$work/host.log" | sed "s|$work/||g"

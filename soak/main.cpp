@@ -29,7 +29,7 @@ class Soak {
   bool run(std::chrono::seconds time) {
     std::printf("seed %llu, disk faults: %s\n", static_cast<unsigned long long>(mSeed),
                 mRig.hasFaults() ? "yes" : "no, they take root");
-    tellFigures("before");
+    printFigures("before");
     start("library", workWithLibrary);
     for (const std::string name : {"one", "two", "three"}) {
       start("drive " + name, [name](Worker& worker) { workOnDrive(worker, name); });
@@ -41,7 +41,7 @@ class Soak {
     mEnding.now = true;
     for (Part& part : mParts) part.thread.join();
     if (mFound) return false;
-    tellFigures("after");
+    printFigures("after");
     const int code = mRig.unmount();
     if (code == 0 || mRig.state.lost) return true;
     std::printf("the mount ended with exit code %d, although nothing was lost\n", code);
@@ -77,7 +77,7 @@ class Soak {
     if (std::exchange(mFound, true)) return;
     mEnding.now = true;
     const std::string all = fs::temp_directory_path() / ("soak-" + std::to_string(mSeed) + ".log");
-    std::printf("\nDIFFERENCE (%s, seed %llu): %s\nwhat led to it, the rest is in %s:\n%s",
+    std::printf("\nDIFFERENCE (%s, seed %llu): %s\nthe last steps; all of them are in %s:\n%s",
                 part.name.c_str(), static_cast<unsigned long long>(mSeed), what.c_str(),
                 all.c_str(), part.journal.text(40).c_str());
     std::ofstream log(all);
@@ -95,13 +95,13 @@ class Soak {
     Clock::time_point nextLine = Clock::now();
     while (!mEnding.now && Clock::now() < end && interrupted == 0) {
       if (Clock::now() >= nextLine) {
-        tellProgress(end, person);
+        printProgress(end, person);
         nextLine = Clock::now() + std::chrono::seconds(person ? 1 : 60);
       }
       for (Part& part : mParts) expectMoving(part);
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-    tellProgress(end, person);
+    printProgress(end, person);
     if (person) std::printf("\n");
   }
 
@@ -116,7 +116,7 @@ class Soak {
     std::_Exit(1);
   }
 
-  void tellProgress(Clock::time_point end, bool person) {
+  void printProgress(Clock::time_point end, bool person) {
     const auto left = std::chrono::duration_cast<std::chrono::seconds>(end - Clock::now()).count();
     std::string line = std::to_string(std::max<long long>(0, left)) + " s left";
     for (const Part& part : mParts) {
@@ -126,7 +126,7 @@ class Soak {
     std::fflush(stdout);
   }
 
-  void tellFigures(const char* when) const {
+  void printFigures(const char* when) const {
     std::printf("%s: library's host  %s\n%s: drive's host    %s\n%s: mount           %s\n", when,
                 mRig.libraryPart.figures().c_str(), when, mRig.drivePart.figures().c_str(), when,
                 mRig.mountFigures().c_str());

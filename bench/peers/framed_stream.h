@@ -49,7 +49,7 @@ class ByteStream {
   std::size_t mEnd = 0;
 };
 
-/// `Format::kHeadSize` bytes tell `Format::length(head)`, the length of the
+/// `Format::kHeadSize` bytes yield `Format::length(head)`, the length of the
 /// whole frame, and `Format::id(frame)` what it answers.
 template <class Format>
 class FramedStream : public ByteStream {

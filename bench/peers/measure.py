@@ -10,13 +10,13 @@ import sys
 import tempfile
 import time
 
+from tables import sftp_server
+
 from .works import WORKS
 
 KIB, MIB = 1 << 10, 1 << 20
 FILES, FILE_SIZE, MANY, BIG_SIZE = 2000, 4 * KIB, 10_000, 256 * MIB  # as in side.h
 SEEDS = {"udisk": 0, "peer": 1, "posix": 2}  # the MiB of the big file that a side writes
-SFTP_SERVERS = ("/usr/lib/openssh/sftp-server", "/usr/libexec/openssh/sftp-server",
-                "/usr/lib/ssh/sftp-server")
 MEMORY_SECONDS = 0.2
 
 
@@ -61,7 +61,9 @@ class Side:
             elif name == "peer":
                 near, far = socket.socketpair()
                 with far:
-                    self._serve([sftp_server(), "-d", self._disk], far)
+                    self._serve([sftp_server() or sys.exit(
+                        "compare-peers: sftp-server is not there; "
+                        "please run `scripts/setup.sh drives`"), "-d", self._disk], far)
             os.set_inheritable(near.fileno(), True)
             self._client = subprocess.Popen(
                 [os.path.join(options.bin, "udisk_bench_peers"), name, self._disk,
@@ -136,12 +138,6 @@ class Side:
             except subprocess.TimeoutExpired:
                 self.server.kill()
                 self.server.wait()
-
-
-def sftp_server():
-    server = next((path for path in SFTP_SERVERS if os.path.exists(path)), None)
-    return server or sys.exit("compare-peers: sftp-server is not there; "
-                              "please run `scripts/setup.sh drives`")
 
 
 def measure(options):

@@ -1,4 +1,4 @@
-"""What the measurements of the peers say."""
+"""The measurements of the peers as tables."""
 
 from statistics import median
 
