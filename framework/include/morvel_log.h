@@ -15,7 +15,7 @@ enum MorvelLogLevel : int {
   kLogError = 7,
 };
 
-/// Sets the least level that is written. Thread-safe. Initially kLogError.
+/// Sets the lowest level that is written. Thread-safe. Initially kLogError.
 void morvelLogSetLevel(int level) noexcept;
 
 /// Whether a line of `level` would be written; lets callers skip the making
@@ -38,7 +38,7 @@ constexpr const char* sourceBaseName(const char* path) noexcept {
   return base;
 }
 
-/// Whether a line of `level` may be written, as far as the framework library tells.
+/// Whether a line of `level` may be written, as far as the framework library reports it.
 inline bool worthLogging(int level) noexcept {
   return morvelLogEnabled == nullptr || morvelLogEnabled(level);
 }

@@ -39,7 +39,7 @@ struct PacketBuffer {
   }
   PacketBuffer(const PacketBuffer&) = delete;
   PacketBuffer& operator=(const PacketBuffer&) = delete;
-  // A buffer that another framework made may be shorter: the allocator must not be told a size.
+  // A buffer that another framework made may be shorter: the allocator must not get a size.
   static void operator delete(void* memory) noexcept { ::operator delete(memory); }
 
   std::uint8_t* data;

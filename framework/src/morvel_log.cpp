@@ -14,7 +14,7 @@ namespace {
 
 std::atomic<int> gLevel{kLogError};
 
-// Two paths of 4,096 bytes, and what is said of them.
+// Two paths of 4,096 bytes, and the words around them.
 constexpr std::size_t kMaxText = 10'240;
 
 spdlog::level::level_enum spdlogLevel(int level) noexcept {

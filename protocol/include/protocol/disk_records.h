@@ -81,7 +81,7 @@ struct DirEntry {
   std::string_view name;
 };
 
-/// Walks a listing that somebody else made: entries back to back and, behind
+/// Reads a listing that a peer made: entries back to back and, behind
 /// the last one, a single zero byte.
 class ListingReader {
  public:

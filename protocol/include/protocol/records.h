@@ -95,7 +95,7 @@ struct WriteChunk {
 };
 static_assert(wireSize<WriteChunk>() == 12);
 
-/// 107 and 121: the path follows, then the listing (the reply's fresh one, or
+/// 107 and 121: the path follows, then the listing (in the reply the current one, or
 /// in a 121 request the cached one).
 struct DirRecord {
   std::uint64_t opaque;  ///< returned as received

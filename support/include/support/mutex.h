@@ -82,7 +82,7 @@ class Condition {
   }
 
  private:
-  /// The caller's hold on the mutex, lent for the wait.
+  /// The caller's hold on the mutex, handed over for the wait.
   struct Held {
     explicit Held(Mutex& mutex) : lock(mutex.mMutex, std::adopt_lock) {}
     ~Held() { lock.release(); }

@@ -94,7 +94,7 @@ class ListingBuffer {
   std::vector<std::uint32_t> mEntries;  // where they begin; the attributes come first
 };
 
-// A look at an entry is most of what a listing costs, and on a disk that has to
+// The stat of an entry is most of what a listing costs, and on a disk that has to
 // seek for it all that it costs. Many entries are shared with a few threads.
 class EntryLooks {
  public:

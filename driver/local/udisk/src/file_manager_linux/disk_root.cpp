@@ -17,7 +17,7 @@ namespace {
 std::atomic<bool> gComponentWalk{false};
 
 // A rename anywhere on the disk makes the kernel give up on a path with
-// dot-dot; it says "try again", and after this often the peer gets a failure.
+// dot-dot; it returns EAGAIN, and after so many tries the peer gets a failure.
 constexpr int kRaceRetries = 128;
 
 int openResolving(int rootFd, const char* path, int flags, mode_t mode,
@@ -38,7 +38,7 @@ int openBeneath(int rootFd, const char* path, int flags, mode_t mode) noexcept {
   return openResolving(rootFd, path, flags, mode, RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS);
 }
 
-// One call tells both. Where the kernel does not know it, a mount shows only when its
+// One call reports both. Where the kernel does not know it, a mount shows only when its
 // file system is not the one around it.
 bool identify(int fd, MountIdentity& identity) noexcept {
   struct statx all {};

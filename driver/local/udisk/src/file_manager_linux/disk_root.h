@@ -3,7 +3,7 @@
 //
 // Nothing that goes through these types leaves the mount point: not by
 // dot-dot, not by a symbolic link on the disk, not by a magic link, and not in
-// a race with somebody who renames directories meanwhile. The kernel resolves
+// a race with a process that renames directories meanwhile. The kernel resolves
 // every path in one step from the open mount point (openat2); on a kernel
 // without that call the path is walked component by component and symbolic
 // links are refused.
@@ -25,7 +25,7 @@
 
 namespace zor {
 
-/// What tells a mount point's disk from whatever shows there once it is gone, and
+/// Distinguishes a mount point's disk from what shows there once it is gone, and
 /// a file from another one that got its name.
 struct FileIdentity {
   dev_t device = 0;
@@ -36,7 +36,7 @@ struct FileIdentity {
 /// A mount point as it was when it was opened.
 struct MountIdentity {
   FileIdentity file;
-  bool isMountRoot = false;  ///< something is mounted there, as far as the kernel tells
+  bool isMountRoot = false;  ///< something is mounted there, as far as the kernel reports it
 };
 
 /// The descriptor of one operation, or one that is held for several.
@@ -54,8 +54,8 @@ class OpenedFile {
 };
 
 /// The file that operations opened last, of one kind of access, so that a stream
-/// of them opens it once. Each looks at its path all the same: what is open is
-/// used only for the very file that was looked at.
+/// of them opens it once. Each revalidates its path all the same: what is open
+/// is used only for the very file that the path leads to.
 class HeldFile {
  public:
   /// The descriptor for the file that `status` describes, or -1: the operation
@@ -104,7 +104,7 @@ class DiskRoot {
 
   const MountIdentity& identity() const noexcept { return mIdentity; }
   /// Whether the path still leads here, and through no symbolic link. False on a kernel
-  /// that cannot tell.
+  /// that does not report it.
   bool isReachedWithoutLinks() const noexcept;
   int fd() const noexcept { return mFd.get(); }
 

@@ -18,7 +18,7 @@ namespace {
 
 // Opening a FIFO would wait for its other end, and opening a device can do
 // anything, so only what is known to be a regular file is opened. A neighbour may
-// exchange names in between: what was opened is looked at once more before a byte moves,
+// exchange names in between: what was opened is checked once more before a byte moves,
 // and O_NONBLOCK covers the opening.
 constexpr int kNeverBlock = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
@@ -80,7 +80,7 @@ UniqueFd openGuarded(const Location::Entry& entry, int flags, const struct stat&
   return fd;
 }
 
-// One try. ESTALE tells that a neighbour came in between.
+// One try. ESTALE: a neighbour came in between.
 OpenedFile tryRegular(const Location& file, const Location::Entry& entry, int flags,
                       struct stat& status, mode_t mode) {
   const bool there = ::fstatat(entry.dirFd, entry.name, &status, AT_SYMLINK_NOFOLLOW) == 0;

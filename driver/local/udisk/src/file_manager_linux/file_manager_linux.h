@@ -14,7 +14,7 @@
 
 namespace zor {
 
-/// A listing in memory. `entries` comes from the C allocator; whoever filled
+/// A listing in memory. `entries` comes from the C allocator; the owner of
 /// the record frees it with `free`.
 struct _UDISK_DIR_ATTR {  // NOLINT(bugprone-reserved-identifier): the name is the interface's
   std::uint32_t entryCount;
@@ -22,7 +22,7 @@ struct _UDISK_DIR_ATTR {  // NOLINT(bugprone-reserved-identifier): the name is t
   unsigned char* entries;
 };
 
-/// Where file contents are read to: lends the memory once it is known how many
+/// Where file contents are read to: provides the memory once it is known how many
 /// bytes there can be.
 class ReadTarget {
  public:
@@ -33,7 +33,7 @@ class ReadTarget {
   ~ReadTarget() = default;
 };
 
-/// Whether an operation tells the log why it failed.
+/// Whether an operation logs why it failed.
 enum class Failures { kLogged, kSilent };
 
 /// An existing file, opened for the writes of one request. Opening never blocks;
@@ -53,7 +53,7 @@ class FileWriter {
 
 /// Stateless: one short sequence of system calls per method, nothing stays
 /// open, any thread, any number at a time. Results are 0 (or a count) or -1;
-/// errno tells the reason of a -1.
+/// errno holds the reason of a -1.
 ///
 /// Methods with `char*` take complete local paths. Those with a `Location` are
 /// the entry for what a peer named; they do the same, confined to the disk.

@@ -73,14 +73,14 @@ int UDiskOperator::get_statvfs(DecodedRequest<wire::StatvfsRecord>& request) {
                       wire::wireSize<wire::StatvfsRecord>() + path.received.size() + kStatistics);
   answer.add(request.record).addText(path);
   if (mDiskChanged != 0) {
-    // Every record describes the same mount point: one look serves them all.
-    udisk_statvfs fresh{};
-    mFileManager->UdiskGetStatvfs(openDisk(request), &fresh);
+    // Every record describes the same mount point: one query serves them all.
+    udisk_statvfs current{};
+    mFileManager->UdiskGetStatvfs(openDisk(request), &current);
     const MutexLock lock(mMountMutex);
     for (const LabelRecord& record : mStatvfsList) {
       if (!matches(record)) continue;
-      record->statistics = fresh;
-      answer.add(fresh);
+      record->statistics = current;
+      answer.add(current);
     }
     mDiskChanged = 0;
   } else {

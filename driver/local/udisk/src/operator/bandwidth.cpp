@@ -1,4 +1,4 @@
-// The remote side's bandwidth announcements, and the pacing of reads by them.
+// The client's bandwidth announcements, and the pacing of reads by them.
 #include <unistd.h>
 
 #include <algorithm>

@@ -17,12 +17,12 @@ constexpr std::size_t kMaxNameLength = 1024;  // with its terminator
 constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 
 // The part of an entry that takes part in the comparison.
-struct Entry {
+struct ComparedEntry {
   std::string_view name;  // points into the listing
   std::int64_t size;
   std::int64_t mtimeSeconds;
 
-  bool sameContents(const Entry& other) const noexcept {
+  bool sameContents(const ComparedEntry& other) const noexcept {
     return size == other.size && mtimeSeconds == other.mtimeSeconds;
   }
 };
@@ -31,11 +31,11 @@ struct Entry {
 // order of the listing.
 class NameIndex {
  public:
-  explicit NameIndex(const std::vector<Entry>& entries) : mNext(entries.size()) {
+  explicit NameIndex(const std::vector<ComparedEntry>& entries) : mNext(entries.size()) {
     mFirst.reserve(entries.size());
     for (auto at = static_cast<std::uint32_t>(entries.size()); at-- > 0;) {
-      const auto [place, fresh] = mFirst.try_emplace(entries[at].name, at);
-      mNext[at] = fresh ? kNone : place->second;
+      const auto [place, isNew] = mFirst.try_emplace(entries[at].name, at);
+      mNext[at] = isNew ? kNone : place->second;
       place->second = at;
     }
   }
@@ -52,9 +52,9 @@ class NameIndex {
 };
 
 // REQUIRES: `listing` holds `count` well-formed entries.
-std::vector<Entry> entriesOf(const unsigned char* listing, int count) {
+std::vector<ComparedEntry> entriesOf(const unsigned char* listing, int count) {
   constexpr std::size_t kFixed = wire::wireSize<wire::DirEntryRecord>();
-  std::vector<Entry> entries;
+  std::vector<ComparedEntry> entries;
   entries.reserve(static_cast<std::size_t>(count));
   for (const auto* at = reinterpret_cast<const std::byte*>(listing); count > 0; --count) {
     wire::DirEntryRecord record{};
@@ -85,14 +85,14 @@ bool UDiskOperator::compare_cache(int cachedCount, int currentCount, unsigned ch
   if (cachedCount != currentCount) return false;
   if (cachedCount == 0) return true;
   if (cached == nullptr) return false;
-  const std::vector<Entry> old = entriesOf(cached, cachedCount);
-  const std::vector<Entry> now = entriesOf(current, currentCount);
+  const std::vector<ComparedEntry> old = entriesOf(cached, cachedCount);
+  const std::vector<ComparedEntry> now = entriesOf(current, currentCount);
   const NameIndex index(now);
   std::size_t matches = 0;
-  for (const Entry& was : old) {
+  for (const ComparedEntry& was : old) {
     bool found = false;
     for (std::uint32_t at = index.first(was.name); at != kNone; at = index.next(at)) {
-      const Entry& is = now[at];
+      const ComparedEntry& is = now[at];
       if (!is.sameContents(was)) {
         MORVEL_DEBUG(kLogDebug, "not found dirFileName:%s,cacheFileName:%s",
                      LogText(is.name).c_str(), LogText(was.name).c_str());

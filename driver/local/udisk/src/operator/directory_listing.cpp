@@ -68,7 +68,7 @@ int UDiskOperator::check_dir(DecodedRequest<wire::DirRecord>& request) {
   mFileManager->UdiskReadDir(Location(disk, path.text), &listing);
 
   // A cached listing that makes no sense describes no directory: its holder
-  // gets the fresh one.
+  // gets the current one.
   const std::uint16_t count = request.record.entryCount;
   unsigned char* old = nullptr;
   if (holdsEntries(cached, count)) {  // is only read, as the whole request

@@ -13,7 +13,7 @@ namespace zor {
 namespace {
 
 // An open mount point keeps the disk from being unmounted and hides that it is
-// gone: both only for as long as nobody notices.
+// gone, so neither may last.
 constexpr auto kMaxHold = std::chrono::milliseconds(2);
 
 }  // namespace
@@ -94,7 +94,7 @@ DiskRoot UDiskOperator::openMountPoint() {
     }
   }
   if (root.error() != 0 && !std::exchange(mGoneReported, true)) {
-    // Each client has an operator; whoever serves them says it once for all.
+    // Each client has an operator; the host logs the loss once for all of them.
     MORVEL_DEBUG(kLogDebug, "the disk at %s is gone, another file system shows there", mountPoint);
   } else if (root.error() == 0) {
     mGoneReported = false;

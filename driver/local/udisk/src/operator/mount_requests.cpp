@@ -1,4 +1,4 @@
-// Commands 100 (mount), 101 (unmount) and 200 (the remote side's drive).
+// Commands 100 (mount), 101 (unmount) and 200 (the client's drive).
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -49,11 +49,11 @@ int UDiskOperator::small_file_read(const HandlerCall& request) {
   MORVEL_DEBUG(kLogFrequent, "small_file_read num_records %d, \n",
                static_cast<int>(batch.num_records));
 
-  // Every record is looked at before any file is touched. They are read twice
+  // Every record is checked before any file is touched. They are decoded twice
   // rather than kept: a list of them could be larger than the request.
   const std::string mountPoint = this->mountPoint();
   RequestSource* const source = requestSourceOf != nullptr ? requestSourceOf(mDevice) : nullptr;
-  const auto mayEnd = [&](std::uint32_t record) {  // nobody will get the reply
+  const auto mayEnd = [&](std::uint32_t record) {  // the reply would reach nobody
     return mStopServing ||
            (source != nullptr && record % kRecordsPerQuery == 0 && !source->deliversReplies());
   };

@@ -14,7 +14,7 @@ void UDiskOperator::TraceZorDevice(std::string eventName, ZorDevice* device, boo
                                    const std::string& /*extra*/) {
   if (device == nullptr) return;
   // Whatever stands in the way of an event (no descriptor is left for a trace
-  // id, say), the request that it tells of goes on.
+  // id, say), the request that it reports goes on.
   try {
     const std::shared_ptr<ZorDevBase> base = device->GetDevBase();
     if (!base) return;

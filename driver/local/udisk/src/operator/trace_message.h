@@ -1,4 +1,4 @@
-// Where a trace event is emitted, as its text tells it.
+// Where a trace event is emitted, as its text names it.
 #pragma once
 
 #include "morvel_log.h"

@@ -1,4 +1,4 @@
-// The object that serves the remote side of one redirected disk.
+// The object that serves the client of one redirected disk.
 #pragma once
 
 #include <atomic>
@@ -45,7 +45,7 @@ struct udisk_label_statvfs {
 class UdiskOperatorInf : public DriverObj {
  public:
   ~UdiskOperatorInf() override;
-  /// The drive name that the remote side reported; empty before that.
+  /// The drive name that the client reported; empty before that.
   virtual std::string GetRemoteMountPoint() = 0;
   /// Where the disk is mounted here; empty after a reset.
   virtual std::string GetLocalMountPoint() = 0;
@@ -165,7 +165,7 @@ class UDiskOperator : public UdiskOperatorInf {
                      unsigned char* current);
 
  private:
-  friend struct UDiskOperatorPeek;  // tests look at the state that has no accessor
+  friend struct UDiskOperatorPeek;  // tests read the state that has no accessor
 
   struct FreeDeleter {
     void operator()(void* memory) const noexcept;

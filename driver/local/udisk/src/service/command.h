@@ -25,7 +25,7 @@ constexpr int kNoTimeLimit = 0;
 
 struct CommandOptions {
   /// Afterwards the program and all that it started are killed. Without a limit
-  /// an error line says from time to time what is waited for, and the end of the
+  /// an error line reports from time to time what is waited for, and the end of the
   /// program itself ends the waiting.
   int timeoutMs = 30'000;
   int reportMs = 10'000;             ///< how often that line is written

@@ -1,4 +1,4 @@
-// What is mounted where, as the kernel tells it.
+// What is mounted where, as the kernel reports it.
 #pragma once
 
 #include <cstdint>

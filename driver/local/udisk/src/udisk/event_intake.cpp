@@ -1,4 +1,4 @@
-// From whoever brings events to the data-event thread.
+// The intake of events, and the data-event thread that serves them.
 #include <chrono>
 #include <new>
 #include <optional>

@@ -50,7 +50,7 @@ class UDiskDriver : public ZorRawDriver {
   void DataEventHandle();
 
  private:
-  friend struct UDiskDriverPeek;  // tests look at the state that has no accessor
+  friend struct UDiskDriverPeek;  // tests read the state that has no accessor
 
   bool takeQueue(GQueue& taken);
   void awaitRequests() noexcept;
