@@ -3,8 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "driver/recording_device.h"
 #include "driver/wire_text.h"
 #include "zor_packet.h"
+#include "zor_request_source.h"
+#include "zor_wait_listener.h"
 
 namespace zor::test {
 namespace {
@@ -76,6 +79,11 @@ TEST(Packet, ParsingChecksTheHeaderAndLeavesAFailureUnchanged) {
   EXPECT_EQ(packet.GetCmd(), 0x0302);
   EXPECT_EQ(packet.GetRequestId(), 0x07060504U);
   EXPECT_EQ(packet.GetLength(), 16U);
+  const auto bigEndian = adopted("27090064 00000007 00000014 01000000 00000009");
+  std::uint32_t value = 0;
+  EXPECT_EQ(bigEndian->ReadUint32(&value), 0);
+  EXPECT_EQ(bigEndian->GetCmd() * 1000 + bigEndian->GetRequestId() + bigEndian->GetLength() + value,
+            100036U);
 }
 
 TEST(Packet, ACloneIsIndependentAndNeverLongerThanItsSource) {
@@ -93,6 +101,33 @@ TEST(Packet, ACloneIsIndependentAndNeverLongerThanItsSource) {
   EXPECT_EQ(packet->GetPayload(), nullptr);
   EXPECT_EQ(packet->Clone(), nullptr);
   EXPECT_EQ(packet->GetDevId() + packet->GetLength(), 0U);
+}
+
+TEST(Framework, ItsOptionalPartsReachTheirOwnersAsLongAsTheseWant) {
+  struct Owner final : PacketBudget, WaitListener, RequestSource {
+    void ReleasePacket(std::size_t bytes) noexcept override { released += bytes; }
+    void aboutToWait() noexcept override { ++waits; }
+    void poll() noexcept override {}
+    bool await() noexcept override { return false; }
+    std::size_t released = 0;
+    int waits = 0;
+  } owner;
+  auto packet = std::make_unique<ZorPacket>(20);
+  packet->mBuffer->budget = &owner;
+  packet->mBuffer->charge = 7;
+  packet.reset();
+  EXPECT_EQ(owner.released, 7U);
+  for (WaitListener* listener : {static_cast<WaitListener*>(&owner), {}}) {
+    listenForWaits(listener);
+    notifyAboutToWait();
+  }
+  EXPECT_EQ(owner.waits, 1);
+  RecordingDevice device;
+  {
+    const RequestSourceOffer offer(device, owner);
+    EXPECT_EQ(requestSourceOf(&device), &owner);
+  }
+  EXPECT_EQ(requestSourceOf(&device), nullptr);
 }
 
 }  // namespace
