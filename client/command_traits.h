@@ -1,7 +1,6 @@
 // Properties of each command that a client sends.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string_view>
 
@@ -10,8 +9,7 @@
 namespace zor::client {
 
 struct CommandTraits {
-  wire::Command command;
-  std::string_view name;
+  std::string_view name;  ///< empty for a command that no client awaits an answer to
   /// Whether it is idempotent: sending it again, after the host may have served it, leads to
   /// the same state and a usable answer. Holds for a request alone and for requests
   /// that are all sent again in their order.
@@ -22,35 +20,37 @@ struct CommandTraits {
 
 inline constexpr std::uint32_t kMaxListing = std::uint32_t{192} << 20;
 
-inline constexpr std::array kCommandTraits{
-    CommandTraits{wire::Command::kGetFileAttr, "attributes", true},
-    CommandTraits{wire::Command::kFileCreate, "create", true},
-    CommandTraits{wire::Command::kFileRead, "read", true, std::uint32_t{33} << 20},
-    CommandTraits{wire::Command::kFileWrite, "write", true},
-    CommandTraits{wire::Command::kDirRead, "list", true, kMaxListing},
-    CommandTraits{wire::Command::kGetXattr, "extended attribute", true},
-    CommandTraits{wire::Command::kFileTruncate, "truncate", true},
-    CommandTraits{wire::Command::kFileFsync, "sync", true},
-    CommandTraits{wire::Command::kFileChmod, "permissions", true},
-    CommandTraits{wire::Command::kFileChown, "owner", true},
-    CommandTraits{wire::Command::kGetStatvfs, "statfs", true},
-    CommandTraits{wire::Command::kMakeDir, "make directory", true},
-    CommandTraits{wire::Command::kRemoveDir, "remove directory", false},
-    CommandTraits{wire::Command::kSetLink, "link", false},
-    CommandTraits{wire::Command::kSetUnlink, "unlink", false},
-    CommandTraits{wire::Command::kSetRename, "rename", false},
-    CommandTraits{wire::Command::kFileFlush, "flush", true},
-    CommandTraits{wire::Command::kFileRelease, "release", true},
-    CommandTraits{wire::Command::kCheckDir, "check directory", true, kMaxListing},
-    CommandTraits{wire::Command::kSmallFileRead, "read small files", true, std::uint32_t{65} << 20},
-};
-
+// A command of the protocol without a case does not compile.
+// clang-format off
 constexpr CommandTraits traitsOf(wire::Command command) noexcept {
-  for (const CommandTraits& traits : kCommandTraits) {
-    if (traits.command == command) return traits;
+  using enum wire::Command;
+  switch (command) {
+    case kGetFileAttr:   return {"attributes", true};
+    case kFileCreate:    return {"create", true};
+    case kFileRead:      return {"read", true, std::uint32_t{33} << 20};
+    case kFileWrite:     return {"write", true};
+    case kDirRead:       return {"list", true, kMaxListing};
+    case kGetXattr:      return {"extended attribute", true};
+    case kFileTruncate:  return {"truncate", true};
+    case kFileFsync:     return {"sync", true};
+    case kFileChmod:     return {"permissions", true};
+    case kFileChown:     return {"owner", true};
+    case kGetStatvfs:    return {"statfs", true};
+    case kMakeDir:       return {"make directory", true};
+    case kRemoveDir:     return {"remove directory", false};
+    case kSetLink:       return {"link", false};
+    case kSetUnlink:     return {"unlink", false};
+    case kSetRename:     return {"rename", false};
+    case kFileFlush:     return {"flush", true};
+    case kFileRelease:   return {"release", true};
+    case kCheckDir:      return {"check directory", true, kMaxListing};
+    case kSmallFileRead: return {"read small files", true, std::uint32_t{65} << 20};
+    case kMountRemote: case kUmountRemote: case kFileOpen: case kSmallFileNotice:
+    case kMountResponse: case kBandwidth: break;  // never awaited
   }
-  return {command, "unknown", false};
+  return {"", false};
 }
+// clang-format on
 
 constexpr bool isRepeatable(wire::Command command) noexcept { return traitsOf(command).repeatable; }
 

@@ -27,11 +27,15 @@ std::string line(std::string_view name, const CommandCounts& counts) {
 
 }  // namespace
 
-std::size_t MetricsSnapshot::slot(wire::Command command) noexcept {
-  const std::size_t first = wire::code(wire::Command::kMountRemote);
-  const std::size_t code = wire::code(command);
-  return code >= first && code - first < kSlots - 1 ? code - first : kSlots - 1;
-}
+// Every command that is awaited has a slot of its own.
+static_assert([] {
+  for (std::uint16_t code = 0; code < wire::kFirstBusEvent; ++code) {
+    const auto command = static_cast<wire::Command>(code);
+    const bool shared = MetricsSnapshot::slot(command) == MetricsSnapshot::kSlots - 1;
+    if (shared && !traitsOf(command).name.empty()) return false;
+  }
+  return true;
+}());
 
 const CommandCounts& MetricsSnapshot::of(wire::Command command) const noexcept {
   return mCounts[slot(command)];
@@ -76,9 +80,11 @@ MetricsSnapshot Metrics::snapshot() const noexcept {
 
 std::string describe(const MetricsSnapshot& metrics) {
   std::string text;
-  for (const CommandTraits& traits : kCommandTraits) {
-    const CommandCounts& counts = metrics.of(traits.command);
-    if (counts.requests != 0) text += line(traits.name, counts);
+  for (std::uint16_t code = 0; code < wire::kFirstBusEvent; ++code) {
+    const auto command = static_cast<wire::Command>(code);
+    const std::string_view name = traitsOf(command).name;
+    const CommandCounts& counts = metrics.of(command);
+    if (!name.empty() && counts.requests != 0) text += line(name, counts);
   }
   return text + line("total", metrics.total()) +
          "round trips: " + std::to_string(metrics.roundTrips) +

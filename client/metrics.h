@@ -30,11 +30,15 @@ class MetricsSnapshot {
   std::uint64_t roundTrips = 0;
   std::uint64_t reconnects = 0;
 
+  static constexpr std::size_t kSlots = 25;  ///< codes from 100 on; the last is for all others
+  static constexpr std::size_t slot(wire::Command command) noexcept {
+    constexpr std::size_t kFirst = wire::code(wire::Command::kMountRemote);
+    const std::size_t code = wire::code(command);
+    return code >= kFirst && code - kFirst < kSlots - 1 ? code - kFirst : kSlots - 1;
+  }
+
  private:
   friend class Metrics;
-  static constexpr std::size_t kSlots = 25;  ///< codes from 100 on; the last is for all others
-  static std::size_t slot(wire::Command command) noexcept;
-
   std::array<CommandCounts, kSlots> mCounts{};
 };
 
