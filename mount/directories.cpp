@@ -59,9 +59,11 @@ class EntryReply {
     return put(item.name.c_str(), entry, index);
   }
 
-  void reply() {
-    if (fuse_reply_buf(mRequest, mReply.data(), mUsed) != -ENOENT) return;
-    for (const NodeId node : mEntered) mContext.drive().forget(node, 1);
+  int reply() {
+    if (fuse_reply_buf(mRequest, mReply.data(), mUsed) == -ENOENT) {
+      for (const NodeId node : mEntered) mContext.drive().forget(node, 1);
+    }
+    return kReplied;
   }
 
  private:
@@ -96,17 +98,14 @@ class EntryReply {
   std::vector<NodeId> mEntered;  ///< to be forgotten when the kernel does not take the reply
 };
 
-void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                   fuse_file_info* info, bool plus) {
+int readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+                  fuse_file_info* info, bool plus) {
   OpenDirectory& directory = directoryOf(info);
   if (offset == 0) {
     // Also at the first read: the program may have made a file since it opened the directory.
     Drive& drive = contextOf(request).drive();
     const auto current = drive.openDirectory(node);
-    if (!current) {
-      fuse_reply_err(request, current.error().value);
-      return;
-    }
+    if (!current) return current.error().value;
     directory.items = *current;
     const auto [own, above] = drive.dotNumbers(node);
     directory.dots = {own, above};
@@ -118,36 +117,34 @@ void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t 
     if (!(i < kDots ? entries.addDots(i, directory.dots[i]) : entries.addItem(items[i - kDots], i)))
       break;
   }
-  entries.reply();
+  return entries.reply();
 }
 
 }  // namespace
 
-void handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
+int handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   MountContext& context = contextOf(request);
   const auto items = context.drive().openDirectory(node);
-  if (!items) {
-    fuse_reply_err(request, items.error().value);
-    return;
-  }
+  if (!items) return items.error().value;
   OpenDirectory* directory = context.add({*items});
   info->fh = reinterpret_cast<std::uintptr_t>(directory);
   if (fuse_reply_open(request, info) == -ENOENT) context.remove(directory);
+  return kReplied;
 }
 
-void handleReadDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                         fuse_file_info* info) {
-  readDirectory(request, node, size, offset, info, false);
+int handleReadDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+                        fuse_file_info* info) {
+  return readDirectory(request, node, size, offset, info, false);
 }
 
-void handleReadDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                             fuse_file_info* info) {
-  readDirectory(request, node, size, offset, info, true);
+int handleReadDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+                            fuse_file_info* info) {
+  return readDirectory(request, node, size, offset, info, true);
 }
 
-void handleReleaseDirectory(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
+int handleReleaseDirectory(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
   contextOf(request).remove(&directoryOf(info));
-  fuse_reply_err(request, 0);
+  return 0;
 }
 
 }  // namespace zor::client::mount

@@ -56,24 +56,19 @@ fuse_entry_param toEntry(const NodeEntry& entry, const OwnershipOverride& shown)
   return result;
 }
 
-void replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry) {
-  if (!entry) {
-    fuse_reply_err(request, entry.error().value);
-    return;
-  }
+int replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry) {
+  if (!entry) return entry.error().value;
   MountContext& context = contextOf(request);
   const fuse_entry_param reply = toEntry(*entry, context.ownership());
   if (fuse_reply_entry(request, &reply) == -ENOENT && entry->node != 0) {
     context.drive().forget(entry->node, 1);
   }
+  return kReplied;
 }
 
-void handleLookup(fuse_req_t request, fuse_ino_t directory, const char* name) {
-  if (isTooLong(name)) {
-    fuse_reply_err(request, ENAMETOOLONG);
-    return;
-  }
-  replyEntry(request, contextOf(request).drive().lookup(directory, name));
+int handleLookup(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  if (isTooLong(name)) return ENAMETOOLONG;
+  return replyEntry(request, contextOf(request).drive().lookup(directory, name));
 }
 
 void handleForget(fuse_req_t request, fuse_ino_t node, std::uint64_t references) {
@@ -89,114 +84,84 @@ void handleForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* n
 
 namespace {
 
-void replyAttributes(fuse_req_t request, fuse_ino_t node, bool asOfNow) {
+int replyAttributes(fuse_req_t request, fuse_ino_t node, bool asOfNow) {
   MountContext& context = contextOf(request);
   const auto found = context.drive().attributes(node, asOfNow);
-  if (!found) {
-    fuse_reply_err(request, found.error().value);
-    return;
-  }
+  if (!found) return found.error().value;
   const struct stat reply = toStat(found->attributes, node, context.ownership());
   fuse_reply_attr(request, &reply, toSeconds(found->validFor));
+  return kReplied;
 }
 
 }  // namespace
 
 // With an open file, the kernel itself asks for the length before it reads. A program's
 // question is about the file as it is on the disk.
-void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
-  replyAttributes(request, node, info == nullptr);
+int handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
+  return replyAttributes(request, node, info == nullptr);
 }
 
-void handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
-                         fuse_file_info*) {
+int handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                        fuse_file_info*) {
   const auto done = change(contextOf(request), node, *wanted, which);
-  if (done) {
-    replyAttributes(request, node, false);
-  } else {
-    fuse_reply_err(request, done.error().value);
-  }
+  return done ? replyAttributes(request, node, false) : done.error().value;
 }
 
 // EINVAL would mean that it is no link.
-void handleReadLink(fuse_req_t request, fuse_ino_t) { fuse_reply_err(request, EOPNOTSUPP); }
+int handleReadLink(fuse_req_t, fuse_ino_t) { return EOPNOTSUPP; }
 
-void handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
-                    dev_t) {
-  if (!S_ISREG(mode)) {
-    fuse_reply_err(request, EPERM);
-    return;
-  }
-  if (isTooLong(name)) {
-    fuse_reply_err(request, ENAMETOOLONG);
-    return;
-  }
+int handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode, dev_t) {
+  if (!S_ISREG(mode)) return EPERM;
+  if (isTooLong(name)) return ENAMETOOLONG;
   Drive& drive = contextOf(request).drive();
   const auto created = drive.create(directory, name, mode, O_CREAT | O_EXCL | O_WRONLY);
-  if (!created) {
-    fuse_reply_err(request, created.error().value);
-    return;
-  }
+  if (!created) return created.error().value;
   const auto made = drive.flush(*created->open.file);
   drive.release(*created->open.file);
   if (!made) {
     drive.forget(created->entry.node, 1);
-    fuse_reply_err(request, made.error().value);
-    return;
+    return made.error().value;
   }
-  replyEntry(request, created->entry);
+  return replyEntry(request, created->entry);
 }
 
-void handleMakeDirectory(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode) {
-  if (isTooLong(name)) {
-    fuse_reply_err(request, ENAMETOOLONG);
-    return;
-  }
-  replyEntry(request, contextOf(request).drive().makeDirectory(directory, name, mode));
+int handleMakeDirectory(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode) {
+  if (isTooLong(name)) return ENAMETOOLONG;
+  return replyEntry(request, contextOf(request).drive().makeDirectory(directory, name, mode));
 }
 
-void handleUnlink(fuse_req_t request, fuse_ino_t directory, const char* name) {
-  replyStatus(request, contextOf(request).drive().unlink(directory, name));
+int handleUnlink(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  return statusOf(contextOf(request).drive().unlink(directory, name));
 }
 
-void handleRemoveDirectory(fuse_req_t request, fuse_ino_t directory, const char* name) {
-  replyStatus(request, contextOf(request).drive().removeDirectory(directory, name));
+int handleRemoveDirectory(fuse_req_t request, fuse_ino_t directory, const char* name) {
+  return statusOf(contextOf(request).drive().removeDirectory(directory, name));
 }
 
-void handleSymlink(fuse_req_t request, const char*, fuse_ino_t, const char*) {
-  fuse_reply_err(request, EPERM);
+int handleSymlink(fuse_req_t, const char*, fuse_ino_t, const char*) { return EPERM; }
+
+int handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
+                 const char* newName, unsigned flags) {
+  if (isTooLong(newName)) return ENAMETOOLONG;
+  return statusOf(contextOf(request).drive().rename(from, name, to, newName, flags));
 }
 
-void handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
-                  const char* newName, unsigned flags) {
-  if (isTooLong(newName)) {
-    fuse_reply_err(request, ENAMETOOLONG);
-    return;
-  }
-  replyStatus(request, contextOf(request).drive().rename(from, name, to, newName, flags));
-}
-
-void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name) {
-  if (isTooLong(name)) {
-    fuse_reply_err(request, ENAMETOOLONG);
-    return;
-  }
+int handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name) {
+  if (isTooLong(name)) return ENAMETOOLONG;
   MountContext& context = contextOf(request);
   const auto linked = context.drive().link(node, directory, name);
   // The kernel cached the attributes under the old name, and would keep them over changes
   // that are made under the new one.
   if (linked) context.invalidateAttributes(node);
-  replyEntry(request, linked);
+  return replyEntry(request, linked);
 }
 
-void handleStatfs(fuse_req_t request, fuse_ino_t) {
+int handleStatfs(fuse_req_t request, fuse_ino_t) {
   const auto found = contextOf(request).drive().statistics();
-  if (!found) {
-    fuse_reply_err(request, found.error().value);
-    return;
-  }
+  if (!found) return found.error().value;
   const struct statvfs reply = toStatvfs(*found);
   fuse_reply_statfs(request, &reply);
+  return kReplied;
 }
 
 }  // namespace zor::client::mount

@@ -10,20 +10,21 @@ namespace {
 // so that a program's own request finds a free one.
 constexpr unsigned kMaxBackground = 32;
 
-/// A handler that lets no exception into libfuse.
+/// A handler with its reply; no exception reaches libfuse.
 template <auto kHandler>
 struct Guarded;
 
-template <class... Arguments, void (*kHandler)(fuse_req_t, Arguments...)>
+template <class... Arguments, int (*kHandler)(fuse_req_t, Arguments...)>
 struct Guarded<kHandler> {
   static void call(fuse_req_t request, Arguments... arguments) noexcept {
+    int error = EIO;
     try {
-      kHandler(request, arguments...);
+      error = kHandler(request, arguments...);
     } catch (const std::bad_alloc&) {
-      fuse_reply_err(request, ENOMEM);
+      error = ENOMEM;
     } catch (...) {
-      fuse_reply_err(request, EIO);
     }
+    if (error != kReplied) fuse_reply_err(request, error);
   }
 };
 

@@ -1,7 +1,8 @@
 // The kernel's requests as calls of the drive.
 //
-// They run on libfuse's threads, many at a time. Each replies exactly once, and
-// as the last thing that it does.
+// They run on libfuse's threads, many at a time. A handler returns an error number, or 0
+// for success without data, which `operations()` sends as the reply. A handler that has
+// replied itself returns kReplied.
 #pragma once
 
 #include <array>
@@ -60,44 +61,46 @@ class MountContext {
 /// For sessions whose user data is a MountContext.
 fuse_lowlevel_ops operations();
 
+inline constexpr int kReplied = -1;
+
 // names.cpp
-void handleLookup(fuse_req_t request, fuse_ino_t directory, const char* name);
+int handleLookup(fuse_req_t request, fuse_ino_t directory, const char* name);
 void handleForget(fuse_req_t request, fuse_ino_t node, std::uint64_t references);
 void handleForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* nodes);
-void handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
-void handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
-                         fuse_file_info* info);
-void handleReadLink(fuse_req_t request, fuse_ino_t node);
-void handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
-                    dev_t device);
-void handleMakeDirectory(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode);
-void handleUnlink(fuse_req_t request, fuse_ino_t directory, const char* name);
-void handleRemoveDirectory(fuse_req_t request, fuse_ino_t directory, const char* name);
-void handleSymlink(fuse_req_t request, const char* target, fuse_ino_t directory, const char* name);
-void handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
-                  const char* newName, unsigned flags);
-void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name);
-void handleStatfs(fuse_req_t request, fuse_ino_t node);
+int handleGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                        fuse_file_info* info);
+int handleReadLink(fuse_req_t request, fuse_ino_t node);
+int handleMakeNode(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
+                   dev_t device);
+int handleMakeDirectory(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode);
+int handleUnlink(fuse_req_t request, fuse_ino_t directory, const char* name);
+int handleRemoveDirectory(fuse_req_t request, fuse_ino_t directory, const char* name);
+int handleSymlink(fuse_req_t request, const char* target, fuse_ino_t directory, const char* name);
+int handleRename(fuse_req_t request, fuse_ino_t from, const char* name, fuse_ino_t to,
+                 const char* newName, unsigned flags);
+int handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const char* name);
+int handleStatfs(fuse_req_t request, fuse_ino_t node);
 
 // files.cpp
-void handleCreate(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
-                  fuse_file_info* info);
-void handleOpen(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
-void handleRead(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                fuse_file_info* info);
-void handleWrite(fuse_req_t request, fuse_ino_t node, const char* data, std::size_t size,
-                 off_t offset, fuse_file_info* info);
-void handleFlush(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
-void handleSync(fuse_req_t request, fuse_ino_t node, int dataOnly, fuse_file_info* info);
-void handleRelease(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleCreate(fuse_req_t request, fuse_ino_t directory, const char* name, mode_t mode,
+                 fuse_file_info* info);
+int handleOpen(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleRead(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+               fuse_file_info* info);
+int handleWrite(fuse_req_t request, fuse_ino_t node, const char* data, std::size_t size,
+                off_t offset, fuse_file_info* info);
+int handleFlush(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleSync(fuse_req_t request, fuse_ino_t node, int dataOnly, fuse_file_info* info);
+int handleRelease(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
 
 // directories.cpp
-void handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
-void handleReadDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                         fuse_file_info* info);
-void handleReadDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
-                             fuse_file_info* info);
-void handleReleaseDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleOpenDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
+int handleReadDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+                        fuse_file_info* info);
+int handleReadDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset,
+                            fuse_file_info* info);
+int handleReleaseDirectory(fuse_req_t request, fuse_ino_t node, fuse_file_info* info);
 
 // Shared by the handlers.
 
@@ -108,13 +111,13 @@ inline MountContext& contextOf(fuse_req_t request) {
 inline bool isTooLong(std::string_view name) { return name.size() > 255; }
 
 template <class T>
-void replyStatus(fuse_req_t request, const Outcome<T>& outcome) {
-  fuse_reply_err(request, outcome ? 0 : outcome.error().value);
+int statusOf(const Outcome<T>& outcome) {
+  return outcome ? 0 : outcome.error().value;
 }
 
 fuse_entry_param toEntry(const NodeEntry& entry, const OwnershipOverride& shown);
 
 /// Gives the entry's reference back when the kernel does not take it.
-void replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry);
+int replyEntry(fuse_req_t request, const Outcome<NodeEntry>& entry);
 
 }  // namespace zor::client::mount

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 
 #include "soak.h"

@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -79,15 +78,15 @@ class LibraryWork {
   bool held() const { return mWorker.rig.state.heldSince(mMark); }
   void log(const std::string& what) { mWorker.journal.add(what); }
 
-  /// A callback whose outcome is looked at once the whole burst is answered, by
-  /// `check(value, strict)`, which tells what is wrong.
+  /// A callback whose outcome is checked once the whole burst is answered, by
+  /// `check(value)`, which returns a complaint or nothing.
   template <class T, class Check>
   Callback<T> expecting(const std::string& path, const std::string& what, Check check) {
     log(what + " " + path);
     ++mUnanswered;
     return [this, path, what, check](Result<T> result) {
       auto kept = std::make_shared<Result<T>>(std::move(result));
-      const std::lock_guard lock(mMutex);
+      const MutexLock lock(mMutex);
       mArrived.push_back([this, path, what, check, kept] {
         if (*kept) {
           const std::string wrong = check(**kept);
@@ -98,7 +97,7 @@ class LibraryWork {
           mDoubtful.insert(path);
         }
       });
-      if (--mUnanswered == 0) mAnswered.notify_one();
+      if (--mUnanswered == 0) mAnswered.notifyOne();
     };
   }
   Callback<Unit> succeeding(const std::string& path, const std::string& what) {
@@ -122,10 +121,12 @@ class LibraryWork {
       }
       mVersions[path].push_back(mFiles[path]);
     }
-    std::unique_lock lock(mMutex);
-    mAnswered.wait(lock, [this] { return mUnanswered == 0; });
-    const std::vector<std::function<void()>> arrived = std::exchange(mArrived, {});
-    lock.unlock();
+    std::vector<std::function<void()>> arrived;
+    {
+      const MutexLock lock(mMutex);
+      while (mUnanswered != 0) mAnswered.wait(mMutex);
+      arrived.swap(mArrived);
+    }
     mDoubtful.clear();
     for (const auto& check : arrived) check();
     for (const auto& [path, versions] : mVersions) settle(path, versions);
@@ -408,7 +409,8 @@ class LibraryWork {
       const bool dropped = command == wire::Command::kFileOpen;
       if (losses != mLosses || (!reply && reply.error().kind == ErrorKind::kLinkLost)) continue;
       if (reply.ok() == dropped) throw Difference(dropped ? "104 was answered" : "101 was not");
-      if (!dropped && mDisk.attributes("/").ok() && losses == mLosses) throw Difference("101 took nothing away");
+      if (!dropped && mDisk.attributes("/").ok() && losses == mLosses)
+        throw Difference("101 took nothing away");
     }
     // Whatever of it was repeated: only a driver of its own knows the disk again.
     mWorker.rig.libraryPart.relay().cut();
@@ -432,9 +434,9 @@ class LibraryWork {
   std::map<std::string, Versions> mVersions;
   std::set<std::string> mDoubtful;  ///< a request for them was refused
   std::atomic<std::size_t> mUnanswered{0};
-  std::mutex mMutex;
-  std::condition_variable mAnswered;
-  std::vector<std::function<void()>> mArrived;
+  Mutex mMutex;
+  Condition mAnswered;
+  std::vector<std::function<void()>> mArrived GUARDED_BY(mMutex);
 };
 
 }  // namespace

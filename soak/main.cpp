@@ -73,7 +73,7 @@ class Soak {
   }
 
   void found(const Part& part, const std::string& what) {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (std::exchange(mFound, true)) return;
     mEnding.now = true;
     const std::string all = fs::temp_directory_path() / ("soak-" + std::to_string(mSeed) + ".log");
@@ -135,8 +135,8 @@ class Soak {
   DiskRig mRig;
   const std::uint64_t mSeed;
   Ending mEnding;
-  std::mutex mMutex;
-  bool mFound = false;
+  Mutex mMutex;
+  bool mFound GUARDED_BY(mMutex) = false;
   std::list<Part> mParts;
 };
 

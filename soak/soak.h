@@ -1,5 +1,4 @@
-// What the workers of a soak share: its clock, its disk, and how they tell a
-// difference.
+// Shared by the workers of a soak: its clock, its disk, and differences.
 #pragma once
 
 #include <algorithm>
@@ -7,13 +6,14 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <random>
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+
+#include "support/mutex.h"
 
 namespace zor::soak {
 
@@ -26,30 +26,30 @@ struct Difference : std::runtime_error {
 class Journal {
  public:
   void add(std::string step) {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mSteps.push_back(std::to_string(++mCount) + ". " + std::move(step));
-    if (mSteps.size() > kKept) mSteps.pop_front();
+    if (mSteps.size() > kMaxSteps) mSteps.pop_front();
   }
   /// The last ones.
-  std::string text(std::size_t most = kKept) const {
-    const std::lock_guard lock(mMutex);
+  std::string text(std::size_t count = kMaxSteps) const {
+    const MutexLock lock(mMutex);
     std::string all;
-    for (std::size_t i = mSteps.size() - std::min(mSteps.size(), most); i < mSteps.size(); ++i) {
+    for (std::size_t i = mSteps.size() - std::min(mSteps.size(), count); i < mSteps.size(); ++i) {
       all += "  " + mSteps[i] + "\n";
     }
     return all;
   }
   std::uint64_t count() const {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     return mCount;
   }
 
  private:
-  static constexpr std::size_t kKept = 20000;
+  static constexpr std::size_t kMaxSteps = 20000;
 
-  mutable std::mutex mMutex;
-  std::deque<std::string> mSteps;
-  std::uint64_t mCount = 0;
+  mutable Mutex mMutex;
+  std::deque<std::string> mSteps GUARDED_BY(mMutex);
+  std::uint64_t mCount GUARDED_BY(mMutex) = 0;
 };
 
 /// One worker's dice: the same steps for the same seed, whatever others do.
