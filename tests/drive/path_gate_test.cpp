@@ -52,7 +52,7 @@ TEST_F(PathGateTest, ARenameWaitsForLeasesAndOthersWaitForIt) {
     mNames.move(kRootNode, "d", kRootNode, "e");
     renamed = true;
   });
-  while (mGate.isOpen()) {
+  while (mGate.isOpen() && !renamed) {
     lock.unlock();
     std::this_thread::yield();
     lock.lock();

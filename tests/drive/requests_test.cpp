@@ -59,6 +59,39 @@ TEST_F(RequestsTest, WhileADirectoryIsRenamedNothingIsAskedForByItsOldName) {
   EXPECT_EQ(readFile(mDisk / "new/written").substr(0, 2 << 20), std::string(2 << 20, 'w'));
 }
 
+TEST_F(RequestsTest, ABatchOfSmallFilesIsSentBeforeItsDirectoryIsRenamed) {
+  fs::create_directory(mDisk / "old");
+  for (const char* name : {"a", "b", "c"}) writeFile(mDisk / ("old/" + std::string(name)), "text");
+  connect();
+  const NodeId directory = node("old");
+  ASSERT_TRUE(mDrive->openDirectory(directory));
+  std::promise<void> begun;
+  std::promise<void> sent;
+  mHost->refuses = [&](Command command, const std::string&) {
+    if (command == Command::kSmallFileRead) {
+      begun.set_value();
+      sent.get_future().wait();  // the path is in the request, which is not on the link
+    }
+    return false;
+  };
+  OpenFile& first = open(node("a", directory), O_RDONLY);
+  OpenFile& second = open(node("b", directory), O_RDONLY);
+  EXPECT_EQ(read(first), "text");
+  auto reading = std::async(std::launch::async, [&] { return read(second); });
+  begun.get_future().wait();
+  auto renaming = std::async(std::launch::async, [&] {
+    return mDrive->rename(kRootNode, "old", kRootNode, "new", 0).ok();
+  });
+  EXPECT_EQ(renaming.wait_for(100ms), std::future_status::timeout);
+  EXPECT_EQ(mHost->count(Command::kSetRename), 0);
+  sent.set_value();
+  EXPECT_EQ(reading.get(), "text");
+  EXPECT_TRUE(renaming.get());
+  EXPECT_EQ(mDrive->counters().smallFileHits, 1U);
+  mDrive->release(first);
+  mDrive->release(second);
+}
+
 TEST_F(RequestsTest, ACreationThatIsNotWaitedForIsReportedByTheCloseAndAtTheEnd) {
   connect();
   OpenFile& first = create("first");
