@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "client/presence.h"
+#include "drive/data/losses.h"
 #include "drive/data/small_files.h"
 #include "drive/data/write_back.h"
-#include "drive/drive_statistics.h"
-#include "drive/losses.h"
+#include "drive/drive_counters.h"
 #include "drive/open_file.h"
-#include "drive/outcome.h"
 #include "drive/requests/counting_transport.h"
+#include "drive/requests/outcome.h"
 
 namespace zor::client {
 
@@ -90,7 +90,7 @@ class Drive {
   /// `asOfNow`: what was written is sent, and the host reports the result. Otherwise the
   /// attributes of a dirty file may be derived from what was written.
   Outcome<NodeAttributes> attributes(NodeId node, bool asOfNow = true);
-  Outcome<udisk_statvfs> statistics();
+  Outcome<udisk_statvfs> statfs();
 
   // Directories (drive_listing.cpp).
   Outcome<DirectorySnapshot> openDirectory(NodeId directory);

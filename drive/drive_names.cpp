@@ -175,7 +175,7 @@ Outcome<NodeAttributes> Drive::attributes(NodeId id, bool asOfNow) {
   }
 }
 
-Outcome<udisk_statvfs> Drive::statistics() {
+Outcome<udisk_statvfs> Drive::statfs() {
   const MutexLock lock(mMutex);
   for (bool again = false;; again = true) {
     CompoundRequest request(mHost);

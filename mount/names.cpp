@@ -190,7 +190,7 @@ void handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const
 }
 
 void handleStatfs(fuse_req_t request, fuse_ino_t) {
-  const auto found = contextOf(request).drive().statistics();
+  const auto found = contextOf(request).drive().statfs();
   if (!found) {
     fuse_reply_err(request, found.error().value);
     return;

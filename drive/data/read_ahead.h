@@ -8,7 +8,7 @@
 #include "client/disk.h"
 #include "drive/data/read_counters.h"
 #include "drive/data/read_window.h"
-#include "drive/outcome.h"
+#include "drive/requests/outcome.h"
 
 namespace zor::client {
 

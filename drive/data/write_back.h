@@ -5,11 +5,11 @@
 #include <optional>
 #include <string>
 
+#include "drive/data/losses.h"
 #include "drive/data/read_window.h"
 #include "drive/data/write_buffer.h"
-#include "drive/losses.h"
-#include "drive/outcome.h"
 #include "drive/requests/compound_request.h"
+#include "drive/requests/outcome.h"
 
 namespace zor::client {
 

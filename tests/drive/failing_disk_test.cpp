@@ -36,11 +36,11 @@ TEST_F(FailingDisk, IsAnErrorAndNeverADiskWithoutFiles) {
   EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", 0)), EIO);
   EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", RENAME_NOREPLACE)), EIO);
   EXPECT_EQ(errnoOf(mDrive->setMode(f, 0600)), EIO);
-  EXPECT_EQ(errnoOf(mDrive->statistics()), EIO);
+  EXPECT_EQ(errnoOf(mDrive->statfs()), EIO);
   EXPECT_EQ(read(file), "errno 5");
   fs::rename(mDisk.beside("pulled"), mDisk.root());
   // All of it is there again, under the same nodes.
-  EXPECT_EQ(errnoOf(mDrive->statistics()), 0);
+  EXPECT_EQ(errnoOf(mDrive->statfs()), 0);
   EXPECT_EQ(node("f", d), f);
   EXPECT_EQ(node("e", d), e);
   EXPECT_EQ(read(file), "text");
