@@ -52,9 +52,15 @@ Reader::Reader(ReadResources& shared, NodeId node)
       mAhead(std::make_shared<Requests>(shared, node), shared.window, shared.counters) {}
 
 bool Reader::prefetch(const Node& node, std::int64_t offset, std::int64_t length) {
-  const bool begins = !std::exchange(mBegun, true) && offset == 0;
+  if (mBegun) return false;
+  HostAccess& host = mShared.host;
+  if (!host.gate.isOpen()) {
+    host.gate.waitUntilOpen();
+    return true;
+  }
+  mBegun = true;
   const Entry& entry = node.entry();
-  if (!begins || mShared.smallFiles == nullptr || length > kMaxSmallFile || node.open->dirty ||
+  if (offset != 0 || mShared.smallFiles == nullptr || length > kMaxSmallFile || node.open->dirty ||
       entry.silly) {
     return false;
   }
@@ -68,9 +74,8 @@ bool Reader::prefetch(const Node& node, std::int64_t offset, std::int64_t length
   const NodeId directory = node.parent->id;
   const std::string name = node.name();
   const udisk_stat attributes = entry.attributes;
-  HostAccess& host = mShared.host;
   std::optional<PathLease> path = host.gate.lease(directory);
-  if (!path) return true;
+  if (!path) return false;
   host.mutex.assertHeld();
   host.mutex.unlock();
   auto small = mShared.smallFiles->get(directory, std::move(*path), listing, name, attributes);

@@ -24,8 +24,8 @@ class Reader {
  public:
   Reader(ReadResources& shared, NodeId node);
 
-  /// To be called before each read, with what is known of the file. True when it has waited
-  /// for a batch of small files, and the file may be another by now.
+  /// To be called before each read, with what is known of the file. True when it has waited,
+  /// for a batch of small files or a rename, and the file may be another by now.
   bool prefetch(const Node& node, std::int64_t offset, std::int64_t length);
 
   /// Less than `size` bytes, or EIO, when the file is not what it seems to be: see ReadAhead.
