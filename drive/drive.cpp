@@ -1,298 +1,182 @@
-// What the drive's operations share: the tree, its freshness, and learning
-// from answers.
+// What the drive's operations share, and what it does by itself.
 #include "drive/drive.h"
 
-#include <sys/stat.h>
-#include <sys/statvfs.h>
+#include <malloc.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <utility>
 
 #include "client/remote_path.h"
-#include "drive/open_file.h"
 
 namespace zor::client {
 
 namespace {
 
-constexpr std::string_view kHiddenPrefix = ".udisk-removed-";
+/// Hosts hand paths to their system, which takes this much behind the first "/".
+constexpr std::size_t kMaxPath = 4095;
+
+constexpr std::chrono::milliseconds kUndoAgainAfter{500};
+
+/// Dropped names and nodes, some hundred bytes each, for which it is worth to ask the
+/// allocator for the memory, which it would keep for this process else.
+constexpr std::uint64_t kWorthTrimming = 10000;
 
 }  // namespace
 
-/// Lets the drive wait for answers that it does not take itself.
-class Drive::Counting final : public Transport {
- public:
-  explicit Counting(Drive& drive) : mDrive(drive) {}
-
-  void submit(OutgoingRequest request, Completion done) override {
-    mDrive.mTransport.submit(std::move(request), counted(std::move(done)));
-  }
-  void submitFenced(OutgoingRequest request, Completion done, OutgoingRequest fence) override {
-    mDrive.mTransport.submitFenced(std::move(request), counted(std::move(done)), std::move(fence));
-  }
-  void post(std::function<void()> task) override { mDrive.mTransport.post(std::move(task)); }
-
- private:
-  Completion counted(Completion done) {
-    const std::lock_guard lock(mDrive.mMutex);
-    ++mDrive.mOutstanding;
-    return [&drive = mDrive, done = std::move(done)](Result<ReplyPayload> reply) {
-      done(std::move(reply));
-      const std::lock_guard guard(drive.mMutex);
-      if (--drive.mOutstanding == 0) drive.mSettled.notify_all();
-    };
-  }
-
-  Drive& mDrive;
-};
-
 Drive::Drive(Transport& transport, DriveOptions options)
-    : mDisk(transport),
+    : mOptions(std::move(options)),
       mTransport(transport),
-      mOptions(std::move(options)),
-      mTree(mOptions.lastingInodes),
-      mHiddenNames(std::uint64_t{std::random_device()()} << 32),
-      mCounting(std::make_unique<Counting>(*this)),
-      mBatchDisk(*mCounting),
-      mSmallFiles(mBatchDisk, mReadWindow, mReadCounters),
-      mFlusher([this] { flushLoop(); }) {}
+      mNames({mOptions.attributeTimeout, mOptions.lastingInodes, mOptions.now}),
+      mSillyNames(std::uint64_t{std::random_device()()} << 32),
+      mReading{mHost, mWriteBack, mReadWindow, mReadCounters,
+               mOptions.smallFiles ? &mSmallFiles : nullptr},
+      mBackground([this] { backgroundLoop(); }) {}
 
 Drive::~Drive() {
   {
-    Lock lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
-    mGathered.notify_all();
-    mOpenFiles.clear();
-    mSettled.wait(lock, [this] { return mOutstanding == 0; });
+    mWork.notifyAll();
   }
-  mFlusher.join();
-}
-
-Drive::Lock Drive::lockNames() {
-  Lock lock(mMutex);
-  waitForNames(lock);
-  return lock;
-}
-
-/// Starts what waited for the names.
-void Drive::endRenaming() {
-  mRenaming = false;
-  const std::vector<std::function<void()>> reads = std::exchange(mDeferred, {});
-  for (const auto& start : reads) start();
-  mSettled.notify_all();
-}
-
-/// To be called between a wait for an answer and the use of a path.
-void Drive::waitForNames(Lock& lock) {
-  mSettled.wait(lock, [this] { return !mRenaming; });
+  mBackground.join();
+  {
+    const MutexLock lock(mMutex);
+    mOpenFiles.clear();
+  }
+  mTransport.drain();
 }
 
 Outcome<Node*> Drive::directoryNode(NodeId id) {
-  Node* node = mTree.find(id);
-  if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
+  Node* node = mNames.find(id);
+  if (node == nullptr || !mNames.has(*node)) return Errno{ESTALE};
   if (!node->directory) return Errno{ENOTDIR};
   return node;
 }
 
-bool Drive::isFresh(const Directory& directory) const {
-  return directory.complete && Clock::now() - directory.confirmed < directory.lifetime;
-}
-
-bool Drive::isFresh(const Node& directory, const Entry& entry) const {
-  return validity(directory, entry).count() > 0;
-}
-
-/// Whether only a question about this very file can tell its attributes.
-bool Drive::isDoubtful(const Entry& entry) const {
-  if (entry.stale) return true;
-  // Another name of the file may have been used to change it.
-  return !isDirectory(entry.attributes) && entry.attributes.st_nlink > 1 &&
-         entry.linkEpoch != mLinkEpoch;
-}
-
-std::chrono::nanoseconds Drive::validity(const Node& directory, const Entry& entry) const {
-  if (entry.attributes.st_nlink <= 1 && entry.node != nullptr && entry.node->file &&
-      entry.node->file->ahead) {
-    return std::chrono::milliseconds(1);  // nobody knows better than we do
-  }
-  if (isDoubtful(entry)) return {};
-  const Directory& known = *directory.directory;
-  Clock::time_point until = entry.confirmed + mOptions.attributeTimeout;
-  if (known.complete) until = std::max(until, known.confirmed + known.lifetime);
-  if (entry.node != nullptr && entry.node->directory) {
-    until = std::max(until, entry.node->directory->selfConfirmed + mOptions.attributeTimeout);
-  }
-  return until - Clock::now();
-}
-
-std::chrono::nanoseconds Drive::kernelValidity(const Node& directory, const Entry& entry) const {
-  // The kernel does not know that two of its files are one. And of what is on its
-  // way to the host, the host will tell what came of it.
-  if (!isDirectory(entry.attributes) && entry.attributes.st_nlink > 1) return {};
-  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead) return {};
-  return std::max(std::chrono::nanoseconds(0), validity(directory, entry));
-}
-
-/// How many names of the same file were removed, but are still open. Those that
-/// the host has removed as well are no longer in the tree.
-std::uint64_t Drive::hiddenNames(const Entry& entry) const {
-  if (entry.attributes.st_nlink <= 1) return 1;
-  std::uint64_t count = 0;
-  for (const auto& [directory, name] : mHiddenPlaces) {
-    const Entry* hidden = findHidden(directory, name);
-    if (hidden != nullptr && hidden->attributes.st_ino == entry.attributes.st_ino) ++count;
-  }
-  return count;
-}
-
-const Entry* Drive::findHidden(NodeId directory, const std::string& name) const {
-  const Node* node = mTree.find(directory);
-  if (node == nullptr || !node->directory) return nullptr;
-  const auto at = node->directory->entries.find(name);
-  return at != node->directory->entries.end() && at->second.hidden ? &at->second : nullptr;
-}
-
-udisk_stat Drive::visible(const Entry& entry) const {
-  udisk_stat attributes = entry.attributes;
-  attributes.st_nlink = std::max<std::uint64_t>(attributes.st_nlink, 1);
-  if (attributes.st_nlink > 1 || entry.hidden) {
-    attributes.st_nlink -= std::min<std::uint64_t>(attributes.st_nlink, hiddenNames(entry));
-  }
-  if (entry.node != nullptr && entry.node->file && entry.node->file->lateMode) {
-    attributes.st_mode = (attributes.st_mode & S_IFMT) | *entry.node->file->lateMode;
-  }
-  // What was written under one of several names is known from the host, once it was asked.
-  if (entry.node != nullptr && entry.node->file && entry.node->file->ahead &&
-      (entry.attributes.st_nlink <= 1 || isDoubtful(entry))) {
-    const FileState& file = *entry.node->file;
-    attributes.st_size = std::max(attributes.st_size, file.end);
-    attributes.st_mtim = file.lastWrite;
-    attributes.st_ctim = file.lastWrite;
-  }
-  return attributes;
-}
-
 NodeEntry Drive::enterLocked(Node& directory, Entries::value_type& place) {
-  Node& node = mTree.nodeAt(directory, place);
+  Node& node = mNames.nodeAt(directory, place);
   ++node.references;
-  return {node.id, visible(place.second), kernelValidity(directory, place.second),
-          mAnyCase == true};
+  return {node.id, mNames.shown(place.second), mNames.kernelValidity(directory, place.second),
+          mNames.ignoresCase()};
 }
 
-/// Of a name that was just made.
+/// Of a name that was just created.
 Outcome<NodeEntry> Drive::enterByName(NodeId directory, const std::string& name) {
   const Outcome<Node*> parent = directoryNode(directory);
   if (!parent) return parent.error();
-  const auto at = (*parent)->directory->entries.find(name);
-  if (at == (*parent)->directory->entries.end()) return Errno{EIO};
-  return enterLocked(**parent, *at);
+  Entries::value_type* place = mNames.findPlace(directory, name);
+  if (place == nullptr) return Errno{EIO};
+  return enterLocked(**parent, *place);
 }
 
-void Drive::learn(NodeId directory, const std::string& name, const Result<udisk_stat>& result,
-                  std::uint64_t epoch) {
-  Node* parent = mTree.find(directory);
-  if (parent == nullptr || !parent->directory) return;
-  Entries& entries = parent->directory->entries;
-  if (!result) {
-    // Gone, or the disk fails: whoever needs it next finds out which.
-    const auto refused = entries.find(name);
-    if (result.error().kind == ErrorKind::kFailed && refused != entries.end()) {
-      refused->second.stale = true;
-    }
-    return;
-  }
-  auto at = entries.find(name);
-  if (at != entries.end() && ((((at->second.attributes.st_mode ^ result->st_mode) & S_IFMT) != 0 &&
-                               at->second.attributes.st_mode != 0) ||
-                              !mTree.fits(at->second, *result))) {
-    mTree.remove(*parent, name);
-    at = entries.end();
-  }
-  if (at == entries.end()) {
-    at = entries.emplace(name, Entry{}).first;
-    parent->directory->snapshot = nullptr;
-  }
-  Entry& entry = at->second;
-  // A reader only changes the access time, and goes on walking.
-  if (stampOf(entry.attributes) != stampOf(*result) ||
-      entry.attributes.st_mode != result->st_mode) {
-    parent->directory->snapshot = nullptr;
-  }
-  entry.attributes = *result;
-  entry.confirmed = Clock::now();
-  entry.stale = false;
-  entry.unreadable = false;
-  entry.linkEpoch = epoch;
-  if (entry.node == nullptr) return;
-  if (entry.node->directory) {
-    entry.node->directory->self = *result;
-    entry.node->directory->selfConfirmed = entry.confirmed;
-  }
-  if (FileState* file = entry.node->file.get();
-      file != nullptr && file->gather.empty() && file->inFlight == 0) {
-    file->end = 0;
-    file->ahead = false;
-  }
-}
-
-void Drive::learnSelf(NodeId directory, const Result<udisk_stat>& result) {
-  Node* node = mTree.find(directory);
-  if (node == nullptr || !node->directory || !result || !isDirectory(*result)) return;
-  node->directory->self = *result;
-  node->directory->selfConfirmed = Clock::now();
-  if (node->place != nullptr) {
-    Entry& own = node->place->second;
-    if (own.attributes != *result && node->parent != nullptr) {
-      node->parent->directory->snapshot = nullptr;
-    }
-    own.attributes = *result;
-    own.confirmed = node->directory->selfConfirmed;
-    own.stale = false;
-  }
-}
-
-void Drive::Burst::queryFile(const std::string& path, NodeId directory, const std::string& name) {
-  add<udisk_stat>([&](auto done) { mDrive.mDisk.attributes(path, std::move(done)); },
-                  [&drive = mDrive, directory, name, epoch = mDrive.mLinkEpoch](auto& result) {
-                    drive.learn(directory, name, result, epoch);
-                  });
-}
-
-void Drive::Burst::queryDirectory(NodeId directory) {
-  const Node* node = mDrive.mTree.find(directory);
-  const std::optional<std::string> path = node == nullptr ? std::nullopt : mDrive.mTree.path(*node);
-  if (!path) return;
-  add<udisk_stat>(
-      [&](auto done) { mDrive.mDisk.attributes(*path, std::move(done)); },
-      [&drive = mDrive, directory](auto& result) { drive.learnSelf(directory, result); });
+bool Drive::isPathTooLong(NodeId directory, std::string_view name) {
+  const Node* node = mNames.find(directory);
+  const std::optional<std::string> path = node == nullptr ? std::nullopt : mNames.path(*node);
+  return path && joinPath(*path, name).size() > 1 + kMaxPath;
 }
 
 void Drive::report(const std::string& sentence) const {
   if (mOptions.report) mOptions.report(sentence);
 }
 
-std::string Drive::hiddenName() {
-  std::array<char, 17> digits{};
-  std::snprintf(digits.data(), digits.size(), "%016llx",
-                static_cast<unsigned long long>(++mHiddenNames));
-  return std::string(kHiddenPrefix) + digits.data();
+void Drive::forget(NodeId id, std::uint64_t references) {
+  const MutexLock lock(mMutex);
+  Node* node = mNames.find(id);
+  if (node == nullptr) return;
+  node->references -= std::min(node->references, references);
+  mNames.releaseIfUnused(node);
+}
+
+void Drive::dropUnused(Clock::time_point now) {
+  {
+    const MutexLock lock(mMutex);
+    mNames.dropUnused(now);
+    if (mNames.dropped() - mTrimmed < kWorthTrimming) return;
+    mTrimmed = mNames.dropped();
+  }
+  ::malloc_trim(0);
+}
+
+void Drive::backgroundLoop() {
+  const MutexLock lock(mMutex);
+  Clock::time_point dropAt = mNames.now() + kMaxListingAge;
+  while (!mStop) {
+    reportLosses();
+    const Clock::time_point now = mNames.now();
+    if (now >= dropAt) {
+      mMutex.unlock();
+      dropUnused(now);
+      mMutex.lock();
+      dropAt = now + kMaxListingAge;
+    }
+    Clock::time_point next = std::min(dropAt, mWriteBack.sendDue(now));
+    if (!mUnfinished.empty()) {
+      if (now >= mUndoAt) {
+        undoUnfinished();
+        mUndoAt = mNames.now() + kUndoAgainAfter;
+        continue;
+      }
+      next = std::min(next, mUndoAt);
+    }
+    if (!mStop && mLosses.allReported()) mWork.waitFor(mMutex, next - now);
+  }
+}
+
+void Drive::reportLosses() {
+  const std::vector<std::string> fresh = mLosses.takeUnreported();
+  if (fresh.empty() || !mOptions.lost) return;
+  mMutex.unlock();
+  for (const std::string& path : fresh) mOptions.lost(path);
+  mMutex.lock();
+}
+
+std::vector<std::string> Drive::lost() {
+  const MutexLock lock(mMutex);
+  return mLosses.paths();
+}
+
+std::vector<std::string> Drive::finish() {
+  const MutexLock lock(mMutex);
+  undoUnfinished();
+  for (const Unfinished& one : mUnfinished) {
+    report("'" + one.name + "' could not be replaced; it is called '" + one.silly +
+           "' on the disk");
+  }
+  std::vector<NodeId> open;
+  std::vector<std::pair<NodeId, std::string>> silly;
+  mNames.forEachOpen([&, this](Node& node) {
+    mMutex.assertHeld();
+    open.push_back(node.id);
+    if (node.place != nullptr && node.entry().silly &&
+        !isUnfinished(node.parent->id, node.name())) {
+      silly.emplace_back(node.parent->id, node.name());
+    }
+  });
+  for (const NodeId id : open) {
+    static_cast<void>(mWriteBack.flush(id, true));
+    setDeferredMode(id);
+  }
+  for (const auto& [directory, name] : silly) {
+    static_cast<void>(removeName(directory, name, false));
+  }
+  return mLosses.paths();
 }
 
 DriveCounters Drive::counters() {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   DriveCounters counters = mCounters;
-  counters.knownNames = mTree.size();
-  counters.pendingBytes = mBytesInFlight;
+  counters.knownNames = mNames.size();
+  counters.failedWrites = mLosses.failedWrites();
+  counters.pendingBytes = mWriteBack.bytesInFlight();
   counters.smallFileHits = mReadCounters.smallFileHits;
   counters.smallFileBatches = mReadCounters.smallFileBatches;
   counters.smallFilesWasted = mReadCounters.smallFilesWasted;
   counters.readAheadBytes = mReadCounters.readAheadHits;
   counters.readAheadWasted = mReadCounters.readAheadWasted;
-  mTree.forEachOpen([&](const Node& node) {
-    counters.pendingBytes += node.file->gather.size();
-    if (!node.file->gather.empty() || node.file->inFlight > 0) ++counters.pendingFiles;
+  mNames.forEachOpen([&](const Node& node) {
+    counters.pendingBytes += stateOf(node)->buffer.size();
+    if (node.open->isUnacknowledged()) ++counters.pendingFiles;
   });
   return counters;
 }

@@ -1,12 +1,10 @@
 // Changes of attributes.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <limits>
 #include <utility>
 
-#include "client/remote_path.h"
-#include "client/set_length.h"
+#include "drive/data/identity.h"
 #include "drive/drive.h"
 
 namespace zor::client {
@@ -22,142 +20,151 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
   if (length > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
     return Errno{EFBIG};
   }
-  Lock lock = lockNames();
-  const Outcome<Unit> settled = settle(lock, id, false);
-  if (!settled) return settled.error();
-  waitForNames(lock);
-  Node* node = mTree.find(id);
-  if (node != nullptr && !isIdentified(*node)) {
-    const std::string present = node->place->first;
-    if (look(lock, node->parent->id, present).isUnknown()) return Errno{EIO};
-    waitForNames(lock);
-    node = mTree.find(id);
+  const MutexLock lock(mMutex);
+  mGate.waitUntilOpen();
+  const Outcome<Unit> flushed = mWriteBack.flush(id, false);
+  if (!flushed) return flushed.error();
+  mGate.waitUntilOpen();
+  Node* node = mNames.find(id);
+  if (node != nullptr && !isIdentified(mNames, *node)) {
+    const NodeId directory = node->parent->id;
+    if (revalidate(directory, std::string(node->name())).isUnknown()) return Errno{EIO};
+    mGate.waitUntilOpen();
+    node = mNames.find(id);
   }
-  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
-  if (!path) return Errno{ESTALE};
+  if (node == nullptr || !mNames.has(*node)) return Errno{ESTALE};
   if (node->directory) return Errno{EISDIR};
-  const NodeId directory = node->parent->id;
-  const std::string name = node->place->first;
   const Attempt attempt{{}, 0, length, lengthOf(*node)};
-  node->place->second.stale = true;
-  ++mLinkEpoch;
+  node->entry().stale = true;
+  mNames.invalidateLinks();
   Status status = Unit{};
   if (length <= kTruncateLimit) {
-    Burst burst(*this);
-    burst.add<Unit>([&](auto done) { mDisk.truncate(*path, length, std::move(done)); },
-                    [&status](Status& answer) { status = answer; });
-    burst.queryFile(*path, directory, name);
-    burst.wait(lock);
+    CompoundRequest request(mHost);
+    const PathLease* at = request.at(id);
+    request.add<Unit>([&](auto done) { mDisk.truncate(*at, length, std::move(done)); },
+                      [&status](Status& answer) { status = answer; });
+    request.queryFile(node->parent->id, node->name());
+    request.wait();
+    if (status) return Unit{};
   } else {
-    // This may give the file another name for a moment.
-    mRenaming = true;
-    node->place->second.changing = true;
-    ++node->references;
-    lock.unlock();
-    status = zor::client::setLength(mDisk, *path, length);
-    lock.lock();
-    --node->references;
-    ++mLinkEpoch;
-    if (node->place != nullptr) node->place->second.changing = false;
-    mTree.releaseIfUnused(node);
-    endRenaming();
+    status = setLongLength(id, length);
+    if (status) {
+      // A reply about the size that was queried before may still be on its way into the
+      // tree; this one comes behind it.
+      mGate.waitUntilOpen();
+      node = mNames.find(id);
+      if (node == nullptr || node->place == nullptr) return Errno{EIO};
+      const NodeId directory = node->parent->id;
+      return revalidate(directory, std::string(node->name())).isPresent() ? Outcome<Unit>(Unit{})
+                                                                          : Errno{EIO};
+    }
   }
-  if (!status && length > kTruncateLimit) report(*path + ": " + status.error().message);
-  if (!status && status.error().kind == ErrorKind::kFailed) {
-    return Errno{refusal(lock, EPERM, attempt)};
-  }
-  if (!status) return Errno{EIO};
-  // An answer about the size that was asked for before may still be on its way
-  // into the tree; this one comes behind it.
-  if (length > kTruncateLimit && !look(lock, directory, name).isPresent()) return Errno{EIO};
-  return Unit{};
+  if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  return Errno{refusal(EPERM, attempt)};
+}
+
+/// This may give the file another name for a moment.
+Status Drive::setLongLength(NodeId id, std::uint64_t length) {
+  const Rename rename(mGate);
+  const std::optional<PathLease> at = rename.lease(id);
+  if (!at) return Error{ErrorKind::kFailed, "the file is gone"};
+  Node* node = mNames.find(id);
+  node->entry().pending = true;
+  ++node->references;
+  mMutex.unlock();
+  Status status = mDisk.setLength(*at, length);
+  mMutex.lock();
+  --node->references;
+  mNames.invalidateLinks();
+  if (node->place != nullptr) node->entry().pending = false;
+  mNames.releaseIfUnused(node);
+  if (!status) report(at->path() + ": " + status.error().message);
+  return status;
 }
 
 /// For changes that a disk without permissions refuses.
-template <class Start>
-Outcome<Unit> Drive::changeInode(NodeId id, Start start) {
-  Lock lock = lockNames();
-  const Node* node = mTree.find(id);
-  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
-  if (!path) return Errno{ESTALE};
+Outcome<Unit> Drive::changeInode(NodeId id, const Change& change) {
+  CompoundRequest request(mHost);
+  const PathLease* at = request.at(id);
+  if (at == nullptr) return Errno{ESTALE};
+  const Node& node = *mNames.find(id);
   Status status = Unit{};
-  ++mLinkEpoch;
-  Burst burst(*this);
-  burst.add<Unit>([&](auto done) { start(*path, std::move(done)); },
-                  [&status](Status& answer) { status = answer; });
-  if (node->parent != nullptr) {
-    burst.queryFile(*path, node->parent->id, node->place->first);
+  mNames.invalidateLinks();
+  request.add<Unit>([&](auto done) { change(*at, std::move(done)); },
+                    [&status](Status& answer) { status = answer; });
+  if (node.parent != nullptr) {
+    request.queryFile(node.parent->id, node.name());
   } else {
-    burst.queryDirectory(id);
+    request.queryDirectory(id);
   }
-  burst.wait(lock);
+  request.wait();
   if (status) return Unit{};
   if (status.error().kind != ErrorKind::kFailed) return Errno{EIO};
   if (mOptions.quiet) return Unit{};
-  return Errno{refusal(lock, EPERM)};
+  return Errno{refusal(EPERM)};
 }
 
-Outcome<Unit> Drive::setMode(NodeId node, std::uint32_t mode) {
+Outcome<Unit> Drive::setMode(NodeId id, std::uint32_t mode) {
+  const MutexLock lock(mMutex);
   const std::uint32_t wanted = mode & 07777U;
-  std::uint32_t now = wanted;
-  {
-    const Lock lock(mMutex);
-    if (const Node* file = mTree.find(node);
-        file != nullptr && file->file && file->file->handles > 0) {
-      now |= kOpenMode;
-    }
+  const auto openState = [this, id]() -> OpenState* {
+    mMutex.assertHeld();
+    Node* node = mNames.find(id);
+    return node != nullptr && node->open && node->open->handles > 0 ? node->open.get() : nullptr;
+  };
+  for (;;) {
+    const std::uint32_t now = openState() != nullptr ? wanted | kOpenMode : wanted;
+    Outcome<Unit> done = changeInode(id, [this, now](const PathLease& at, auto answered) {
+      mDisk.chmod(at, static_cast<std::uint16_t>(now), std::move(answered));
+    });
+    if (!done) return done;
+    OpenState* open = openState();
+    if (open != nullptr) open->deferredMode = now == wanted ? std::nullopt : std::optional(wanted);
+    if (open != nullptr || now == wanted) return done;
+    // It was closed meanwhile.
   }
-  const Outcome<Unit> done = changeInode(node, [&](const std::string& path, auto answered) {
-    mDisk.chmod(path, static_cast<std::uint16_t>(now), std::move(answered));
-  });
-  if (!done) return done;
-  Lock lock(mMutex);
-  Node* file = mTree.find(node);
-  if (file != nullptr && file->file && file->file->handles > 0) {
-    file->file->lateMode = now == wanted ? std::nullopt : std::optional(wanted);
-    return done;
-  }
-  lock.unlock();
-  return now == wanted ? done : setMode(node, mode);  // it was closed meanwhile
 }
 
 /// When nobody has the file open any more, or will not for long.
-void Drive::setLateMode(Lock& lock, NodeId id) {
-  waitForNames(lock);
-  Node* node = mTree.find(id);
-  if (node == nullptr || !node->file || !node->file->lateMode) return;
-  if (!mTree.has(*node)) return;  // under a hidden name, too: the file may have another one
-  const std::uint32_t mode = *std::exchange(node->file->lateMode, std::nullopt);
-  giveMode(lock, node->parent->id, node->place->first, mode);
+void Drive::setDeferredMode(NodeId id) {
+  mGate.waitUntilOpen();
+  Node* node = mNames.find(id);
+  if (node == nullptr || !node->open || !node->open->deferredMode) return;
+  if (!mNames.has(*node)) return;  // under a silly name, too: the file may have another one
+  const std::uint32_t mode = *std::exchange(node->open->deferredMode, std::nullopt);
+  const NodeId directory = node->parent->id;
+  setModeLater(directory, std::string(node->name()), mode);
 }
 
-/// Disks without permissions refuse it.
-void Drive::giveMode(Lock& lock, NodeId directory, const std::string& name, std::uint32_t mode) {
-  const std::string path = joinPath(*mTree.path(*mTree.find(directory)), name);
-  ++mLinkEpoch;
-  Burst burst(*this);
-  burst.add<Unit>(
+/// Of what was created with other permissions. Disks without permissions refuse it.
+void Drive::setModeLater(NodeId directory, const std::string& name, std::uint32_t mode) {
+  CompoundRequest request(mHost);
+  const PathLease* at = request.at(directory, name);
+  if (at == nullptr) return;
+  mNames.invalidateLinks();
+  request.add<Unit>(
       [&](auto done) {
-        mDisk.chmod(path, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
+        mDisk.chmod(*at, static_cast<std::uint16_t>(mode & 07777U), std::move(done));
       },
       [](auto&) {});
-  burst.queryFile(path, directory, name);
-  burst.wait(lock);
+  request.queryFile(directory, name);
+  request.wait();
 }
 
 Outcome<Unit> Drive::setOwner(NodeId node, std::uint32_t uid, std::uint32_t gid) {
-  return changeInode(node, [&](const std::string& path, auto done) {
-    mDisk.chown(path, uid, gid, std::move(done));
+  const MutexLock lock(mMutex);
+  return changeInode(node, [this, uid, gid](const PathLease& at, auto done) {
+    mDisk.chown(at, uid, gid, std::move(done));
   });
 }
 
 Outcome<Unit> Drive::setTimes(NodeId id, bool now) {
   if (mOptions.quiet) return Unit{};
-  Lock lock(mMutex);
-  const Node* node = mTree.find(id);
-  if (now && node != nullptr && node->file) {
-    const FileState& file = *node->file;
-    if (file.ahead || Clock::now() - file.created < kJustNow) return Unit{};
+  const MutexLock lock(mMutex);
+  const Node* node = mNames.find(id);
+  if (now && node != nullptr && node->open &&
+      (node->open->dirty || mNames.now() - node->open->created < kJustNow)) {
+    return Unit{};
   }
   return Errno{EPERM};
 }

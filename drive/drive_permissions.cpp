@@ -18,47 +18,46 @@ void Drive::knowWritable(const udisk_stat& attributes) {
   mWritable.insert(rightsOf(attributes));
 }
 
-/// The host opens a file for every request, as a user who is not known here. Whether it
-/// may write is asked for once for each kind of file: programs such as shells look at
-/// the result of open, and not at the one of close.
-Outcome<Unit> Drive::askToWrite(Lock& lock, NodeId id) {
-  const Node* node = mTree.find(id);
-  const Entry& entry = node->place->second;
-  const NodeId directory = node->parent->id;
-  const std::string name = node->place->first;
-  const Rights rights = rightsOf(entry.attributes);
-  const bool ours = node->file && (node->file->young || node->file->lateMode);
+/// The host opens a file for every request, as a user who is not known here. Whether it may
+/// write is asked once for each kind of file: programs such as shells check the result of
+/// open, and not the one of close.
+Outcome<Unit> Drive::checkWritable(NodeId id) {
+  CompoundRequest request(mHost);
+  const PathLease* at = request.at(id);
+  if (at == nullptr) return Errno{ESTALE};
+  const Node* node = mNames.find(id);
+  const Rights rights = rightsOf(node->entry().attributes);
+  const bool ours = node->open && (!stateOf(*node)->creation.none() || node->open->deferredMode);
   if (ours || mWritable.contains(rights)) return Unit{};
-  const std::string path = *mTree.path(*node);
   // Of what the protocol has, only this opens a file for writing and changes nothing.
-  const Result<Unit> opened = ask<Unit>(
-      lock, [&](auto done) { mDisk.fsync(path, std::move(done)); }, [](auto&) {});
+  const Status opened = request.get<Unit>([&](auto done) { mDisk.fsync(*at, std::move(done)); });
   if (!opened && opened.error().kind != ErrorKind::kFailed) return Errno{EIO};
+  mGate.waitUntilOpen();
+  node = mNames.find(id);
+  if (node == nullptr || !mNames.has(*node)) return Errno{ESTALE};
   if (!opened) {
-    const Presence seen = look(lock, directory, name);
+    const NodeId directory = node->parent->id;
+    const Presence seen = revalidate(directory, std::string(node->name()));
     if (!seen.isPresent()) return Errno{seen.isAbsent() ? ESTALE : EIO};
-    return Errno{refusal(lock, EACCES) == EROFS ? EROFS : EACCES};
+    return Errno{refusal(EACCES) == EROFS ? EROFS : EACCES};
   }
-  waitForNames(lock);
-  node = mTree.find(id);
-  if (node == nullptr || !mTree.has(*node)) return Errno{ESTALE};
-  if (rightsOf(node->place->second.attributes) == rights)
-    knowWritable(node->place->second.attributes);
+  if (rightsOf(node->entry().attributes) == rights) knowWritable(node->entry().attributes);
   return Unit{};
 }
 
 /// A file that nobody may read is read by root alone.
-Outcome<Unit> Drive::askToRead(Lock& lock, NodeId id) {
-  const Node& node = *mTree.find(id);
-  const udisk_stat& attributes = node.place->second.attributes;
+Outcome<Unit> Drive::checkReadable(NodeId id) {
+  CompoundRequest request(mHost);
+  const PathLease* at = request.at(id);
+  if (at == nullptr) return Errno{ESTALE};
+  const udisk_stat& attributes = mNames.find(id)->entry().attributes;
   if ((attributes.st_mode & kReadMode) != 0 || attributes.st_size == 0) return Unit{};
-  const std::string path = *mTree.path(node);
-  const Result<FileData> read = ask<FileData>(
-      lock, [&](auto done) { mDisk.read(path, 0, 1, std::move(done)); }, [](auto&) {});
+  const Result<FileData> read =
+      request.get<FileData>([&](auto done) { mDisk.read(*at, 0, 1, std::move(done)); });
   if (!read && read.error().kind != ErrorKind::kFailed) return Errno{EIO};
-  waitForNames(lock);
-  const Node* still = mTree.find(id);
-  if (still == nullptr || !mTree.has(*still)) return Errno{ESTALE};
+  mGate.waitUntilOpen();
+  const Node* node = mNames.find(id);
+  if (node == nullptr || !mNames.has(*node)) return Errno{ESTALE};
   return read && !read->bytes().empty() ? Outcome<Unit>(Unit{}) : Errno{EACCES};
 }
 

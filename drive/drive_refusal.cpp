@@ -2,15 +2,11 @@
 #include <sys/statvfs.h>
 
 #include "client/disk_identity.h"
-#include "client/remote_path.h"
 #include "drive/drive.h"
 
 namespace zor::client {
 
 namespace {
-
-/// Hosts hand paths to their system, which takes this much behind the first "/".
-constexpr std::size_t kMaxPath = 4095;
 
 constexpr std::uint64_t kMaxOnFat = 0xffffffff;
 
@@ -34,9 +30,11 @@ bool isTooLarge(const udisk_statvfs& space, const Attempt& attempt) {
 }  // namespace
 
 /// The likeliest reason.
-int Drive::refusal(Lock& lock, int otherwise, const Attempt& attempt) {
-  const Result<udisk_statvfs> space = ask<udisk_statvfs>(
-      lock, [&](auto done) { mDisk.statfs("/", std::move(done)); }, [](auto&) {});
+int Drive::refusal(int otherwise, const Attempt& attempt, const Rename* rename) {
+  CompoundRequest request(mHost, rename);
+  const PathLease* root = request.at(kRootNode);
+  const auto space =
+      request.get<udisk_statvfs>([&](auto done) { mDisk.statfs(*root, std::move(done)); });
   if (!space) return EIO;
   if ((space->f_flag & ST_RDONLY) != 0) return EROFS;
   if (space->f_namemax != 0 && attempt.name.size() > space->f_namemax) return ENAMETOOLONG;
@@ -45,15 +43,9 @@ int Drive::refusal(Lock& lock, int otherwise, const Attempt& attempt) {
   return otherwise;
 }
 
-bool Drive::isPathTooLong(NodeId directory, std::string_view name) const {
-  const Node* node = mTree.find(directory);
-  const std::optional<std::string> path = node == nullptr ? std::nullopt : mTree.path(*node);
-  return path && joinPath(*path, name).size() > 1 + kMaxPath;
-}
-
 /// Whether a file is on another file system than a directory, as far as is known.
-bool Drive::isElsewhere(const udisk_stat& file, NodeId directory) const {
-  const Node* node = mTree.find(directory);
+bool Drive::isElsewhere(const udisk_stat& file, NodeId directory) {
+  const Node* node = mNames.find(directory);
   if (node == nullptr || !node->directory || node->directory->self.st_mode == 0) return false;
   return node->directory->self.st_dev != file.st_dev;
 }

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "drive/outcome.h"
+#include "drive/requests/outcome.h"
 #include "protocol/disk_records.h"
 
 namespace zor::client::mount {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "drive/drive_statistics.h"
+#include "drive/drive_counters.h"
 
 namespace zor::client::mount {
 

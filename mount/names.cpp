@@ -157,7 +157,7 @@ int handleLink(fuse_req_t request, fuse_ino_t node, fuse_ino_t directory, const 
 }
 
 int handleStatfs(fuse_req_t request, fuse_ino_t) {
-  const auto found = contextOf(request).drive().statistics();
+  const auto found = contextOf(request).drive().statfs();
   if (!found) return found.error().value;
   const struct statvfs reply = toStatvfs(*found);
   fuse_reply_statfs(request, &reply);

@@ -1,71 +1,19 @@
 // The drive over a real link to a real host, without the kernel.
-#include "drive/drive.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <optional>
+#include "scripted_host.h"
 
-#include "client/durable_link.h"
-#include "support/served_disk.h"
-
-namespace zor::client {
+namespace zor::client::test {
 namespace {
 
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using test::readFile;
-using test::writeFile;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class DriveTest : public ::testing::Test {
+class DriveTest : public ScriptedDrive {
  protected:
-  void connect(std::chrono::milliseconds timeout = 20s,
-               std::chrono::milliseconds attributeTimeout = 60s) {
-    DurableLinkOptions options;
-    options.connection.socketPath = mDisk.socket();
-    options.timeout = timeout;
-    auto link = DurableLink::open(std::move(options));
-    ASSERT_TRUE(link) << link.error().message;
-    mLink = std::move(*link);
-    mDrive.emplace(*mLink, DriveOptions{.attributeTimeout = attributeTimeout});
-  }
-  ~DriveTest() override {
-    mDrive.reset();
-    mLink.reset();
-  }
-
-  static int errnoOf(const Outcome<Unit>& outcome) { return outcome ? 0 : outcome.error().value; }
   std::uint64_t requests() { return mLink->metrics().snapshot().total().requests; }
-  NodeId node(const std::string& name, NodeId directory = kRootNode) {
-    const auto entry = mDrive->lookup(directory, name);
-    EXPECT_TRUE(entry) << name;
-    return entry ? entry->node : 0;
-  }
-  OpenFile& open(NodeId node, int flags) { return *mDrive->open(node, flags)->file; }
-  OpenFile& create(const std::string& name, NodeId directory = kRootNode) {
-    const auto made = mDrive->create(directory, name, 0644, O_CREAT | O_RDWR);
-    EXPECT_TRUE(made) << name;
-    return *made->open.file;
-  }
-  int write(OpenFile& file, std::int64_t offset, std::string_view text) {
-    return errnoOf(mDrive->write(file, offset, std::as_bytes(std::span(text))));
-  }
-  std::string read(OpenFile& file, std::int64_t offset = 0, std::uint32_t size = 1 << 20) {
-    const auto parts = mDrive->read(file, offset, size);
-    if (!parts) return "errno " + std::to_string(parts.error().value);
-    std::string text;
-    for (const ReadPart& part : *parts) {
-      text.append(reinterpret_cast<const char*>(part.bytes.data()), part.bytes.size());
-    }
-    return text;
-  }
-
-  zor::test::ServedDisk mDisk;
-  std::unique_ptr<DurableLink> mLink;
-  std::optional<Drive> mDrive;
 };
 
 TEST_F(DriveTest, OneListingTellsAllOfADirectoryAndOwnChangesKeepItTrue) {
@@ -78,9 +26,9 @@ TEST_F(DriveTest, OneListingTellsAllOfADirectoryAndOwnChangesKeepItTrue) {
   EXPECT_EQ(requests() - before, 3U);  // two asked whether the disk takes "FILE0" for "file0"
 
   OpenFile& file = create("new");
-  EXPECT_EQ(write(file, 0, "12345"), 0);
+  EXPECT_EQ(write(file, "12345"), 0);
   EXPECT_EQ(mDrive->attributes(node("new"))->attributes.st_size, 5);
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  EXPECT_EQ(flush(file), 0);
   mDrive->release(file);
   EXPECT_EQ(errnoOf(mDrive->unlink(kRootNode, "file7")), 0);
   EXPECT_EQ(errnoOf(mDrive->rename(kRootNode, "file8", kRootNode, "file9", 0)), 0);
@@ -100,7 +48,7 @@ TEST_F(DriveTest, AnUnchangedDirectoryIsCheckedAndAChangedOneFollowed) {
   writeFile(mDisk / "old", "text");
   const timespec past[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
   ::utimensat(AT_FDCWD, (mDisk / "old").c_str(), past, 0);
-  connect(20s, 0ms);
+  connectUncached();
   EXPECT_EQ((*mDrive->openDirectory(kRootNode))->size(), 1U);
   EXPECT_EQ((*mDrive->openDirectory(kRootNode))->size(), 1U);
   EXPECT_EQ(mDrive->counters().dirUnchanged, 1U);
@@ -133,13 +81,13 @@ TEST_F(DriveTest, OpenFilesSurviveNewNamesAndNone) {
   connect();
   OpenFile& old = open(node("b"), O_RDWR);
   OpenFile& file = create("a");
-  EXPECT_EQ(write(file, 0, "first "), 0);
+  EXPECT_EQ(write(file, "first "), 0);
   EXPECT_EQ(errnoOf(mDrive->rename(kRootNode, "a", kRootNode, "b", 0)), 0);
-  EXPECT_EQ(write(file, 6, "second"), 0);
+  EXPECT_EQ(write(file, "second", 6), 0);
   EXPECT_EQ(read(old), "replaced");
   EXPECT_EQ(read(file), "first second");
   EXPECT_EQ(errnoOf(mDrive->unlink(kRootNode, "b")), 0);
-  EXPECT_EQ(write(file, 12, " third"), 0);
+  EXPECT_EQ(write(file, " third", 12), 0);
   EXPECT_EQ(read(file), "first second third");
   EXPECT_THAT(**mDrive->openDirectory(kRootNode), IsEmpty());
   mDrive->release(file);
@@ -151,11 +99,11 @@ TEST_F(DriveTest, ALostWriteIsToldByTheFileAndAtTheEnd) {
   connect();
   OpenFile& file = create("lost");
   OpenFile& other = open(node("lost"), O_RDWR);
-  EXPECT_EQ(write(file, 0, "text"), 0);
+  EXPECT_EQ(write(file, "text"), 0);
   fs::remove(mDisk / "lost");
   EXPECT_EQ(errnoOf(mDrive->sync(file)), EIO);
-  EXPECT_EQ(errnoOf(mDrive->flush(other)), EIO);
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  EXPECT_EQ(flush(other), EIO);
+  EXPECT_EQ(flush(file), 0);
   mDrive->release(file);
   mDrive->release(other);
   EXPECT_THAT(mDrive->finish(), ElementsAre("/lost"));
@@ -170,9 +118,9 @@ TEST_F(DriveTest, ManyWritesTravelTogetherAndAllArrive) {
     const int at = (i * 7919 % 4000) * 10;
     const std::string text = std::to_string(1000000000 + i);
     expected.replace(static_cast<std::size_t>(at), 10, text);
-    ASSERT_EQ(write(file, at, text), 0);
+    ASSERT_EQ(write(file, text, at), 0);
   }
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  EXPECT_EQ(flush(file), 0);
   EXPECT_LE(requests() - before, 20U);
   mDrive->release(file);
   std::string found = readFile(mDisk / "many");
@@ -183,10 +131,10 @@ TEST_F(DriveTest, ManyWritesTravelTogetherAndAllArrive) {
 TEST_F(DriveTest, AHostThatComesBackFindsEveryWriteAndEveryQuestionWaiting) {
   connect();
   fs::create_directory(mDisk / "d");
-  OpenFile& file = create("f", node("d"));
+  OpenFile& file = create("f", 0644, node("d"));
   const std::string block(100000, 'x');
   for (int i = 0; i < 40; ++i) {
-    ASSERT_EQ(write(file, i * 100000, block), 0);
+    ASSERT_EQ(write(file, block, i * 100000), 0);
     if (i % 10 == 5) {
       mDisk.stop(SIGKILL);
       mDisk.serve();
@@ -199,7 +147,7 @@ TEST_F(DriveTest, AHostThatComesBackFindsEveryWriteAndEveryQuestionWaiting) {
   });
   EXPECT_EQ(errnoOf(mDrive->rename(kRootNode, "d", kRootNode, "e", 0)), 0);
   back.join();
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  EXPECT_EQ(flush(file), 0);
   mDrive->release(file);
   EXPECT_EQ(fs::file_size(mDisk / "e/f"), 4000000U);
   EXPECT_THAT(mDrive->finish(), IsEmpty());
@@ -217,20 +165,20 @@ TEST_F(DriveTest, ASmallFileThatShrankOverThereIsReadAsItIsNow) {
 
 TEST_F(DriveTest, AHostThatIsGoneForGoodIsAnErrorWithinTheTimeLimit) {
   writeFile(mDisk / "f", "text");
-  connect(300ms, 0ms);
+  connectUncached(300ms);
   OpenFile& file = open(node("f"), O_RDWR);
   mDisk.signal(SIGSTOP);
-  EXPECT_EQ(write(file, 0, "TEXT"), 0);
+  EXPECT_EQ(write(file, "TEXT"), 0);
   EXPECT_EQ(errnoOf(mDrive->sync(file)), EIO);
   EXPECT_FALSE(mDrive->lookup(kRootNode, "f"));
   mDisk.signal(SIGCONT);
   EXPECT_TRUE(zor::test::eventually([&] { return mDrive->lookup(kRootNode, "f").ok(); }));
-  EXPECT_EQ(write(file, 0, "more"), 0);
-  EXPECT_EQ(errnoOf(mDrive->flush(file)), 0);
+  EXPECT_EQ(write(file, "more"), 0);
+  EXPECT_EQ(flush(file), 0);
   mDrive->release(file);
   EXPECT_EQ(readFile(mDisk / "f"), "more");
   EXPECT_THAT(mDrive->finish(), ElementsAre("/f"));
 }
 
 }  // namespace
-}  // namespace zor::client
+}  // namespace zor::client::test

@@ -3,16 +3,14 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include "altered_disk.h"
+#include "scripted_host.h"
 
 namespace zor::client::test {
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::UnorderedElementsAre;
-using wire::Command;
 
-class DriveErrors : public AlteredDisk {
+class DriveErrors : public ScriptedDrive {
  protected:
   std::vector<std::string> all() {
     std::vector<std::string> names;
@@ -24,20 +22,20 @@ class DriveErrors : public AlteredDisk {
 };
 
 TEST_F(DriveErrors, BackslashesMakeNothingElsewhereAndLeaveNothingBehind) {
-  connect();
+  connectUncached();
   const auto made = mDrive->makeDirectory(kRootNode, "a\\b", 0755);
   ASSERT_TRUE(made);
   ASSERT_TRUE(mDrive->makeDirectory(made->node, "inside", 0755));
   const auto file = mDrive->create(made->node, "f", 0640, O_CREAT | O_WRONLY);
   ASSERT_TRUE(file);
   EXPECT_EQ(write(*file->open.file, "text"), 0);
-  EXPECT_EQ(errnoOf(mDrive->flush(*file->open.file)), 0);
+  EXPECT_EQ(flush(*file->open.file), 0);
   mDrive->release(*file->open.file);
   EXPECT_EQ(lookup("inside", made->node), 0);
   EXPECT_EQ(readFile(mDisk / "a\\b/f"), "text");
   EXPECT_THAT(all(), UnorderedElementsAre("a\\b", "a\\b/inside", "a\\b/f"));
   // As on a disk that does not take such names.
-  mTransport->refuses = [](Command command, const std::string&) {
+  mHost->refuses = [](Command command, const std::string&) {
     return command == Command::kSetRename;
   };
   EXPECT_EQ(errnoOf(mDrive->makeDirectory(kRootNode, "c\\d", 0755)), EACCES);
@@ -86,12 +84,12 @@ TEST_F(DriveErrors, AWriteThatFailsIsToldByTheSpaceThatItNeeded) {
         {"the byte behind it", 2 << 20, kLimit - 2, 2, EFBIG},
         {"a hole takes space", 1000, kLimit - 2, 1, ENOSPC}}},
   };
-  connect();
+  connectUncached();
   udisk_statvfs told{};
-  mTransport->refuses = [](Command command, const std::string&) {
+  mHost->refuses = [](Command command, const std::string&) {
     return command == Command::kFileWrite;
   };
-  mTransport->alters = [&](Command command, const std::string&, Buffer& reply) {
+  mHost->alters = [&](Command command, const std::string&, Buffer& reply) {
     if (command != Command::kGetStatvfs) return;
     reply.resize(reply.size() - wire::wireSize<udisk_statvfs>());
     reply.append(wire::encoded(told));
@@ -102,14 +100,14 @@ TEST_F(DriveErrors, AWriteThatFailsIsToldByTheSpaceThatItNeeded) {
       writeFile(mDisk / "f", "");
       OpenFile& file = *mDrive->open(node("f"), O_RDWR)->file;
       EXPECT_EQ(write(file, std::string(one.bytes, 'x'), one.offset), 0);
-      EXPECT_EQ(errnoOf(mDrive->flush(file)), one.error) << one.what;
+      EXPECT_EQ(flush(file), one.error) << one.what;
       mDrive->release(file);
     }
   }
 }
 
 TEST_F(DriveErrors, NamesAndFileSystemsThatDoNotFitAreToldAsSuch) {
-  connect();
+  connectUncached();
   const std::string name(250, 'n');
   NodeId directory = kRootNode;
   int failed = 0;
@@ -125,11 +123,11 @@ TEST_F(DriveErrors, NamesAndFileSystemsThatDoNotFitAreToldAsSuch) {
   writeFile(mDisk / "f", "");
   const NodeId f = node("f");
   const NodeId below = node("below");
-  mTransport->refuses = [](Command command, const std::string&) {
+  mHost->refuses = [](Command command, const std::string&) {
     return command == Command::kSetRename || command == Command::kSetLink ||
            command == Command::kMakeDir;
   };
-  mTransport->alters = [](Command command, const std::string& names, Buffer& reply) {
+  mHost->alters = [](Command command, const std::string& names, Buffer& reply) {
     if (command == Command::kGetStatvfs) reply.data()[reply.size() - 32] = std::byte{143};
     if (command == Command::kGetFileAttr && names.ends_with("/below")) {
       reply.data()[4 + 6] ^= std::byte{1};

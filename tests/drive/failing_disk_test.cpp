@@ -2,21 +2,18 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "altered_disk.h"
+#include "scripted_host.h"
 
 namespace zor::client::test {
 namespace {
 
-namespace fs = std::filesystem;
-using wire::Command;
-
-using FailingDisk = AlteredDisk;
+using FailingDisk = ScriptedDrive;
 
 TEST_F(FailingDisk, IsAnErrorAndNeverADiskWithoutFiles) {
   fs::create_directories(mDisk / "d/e");
   writeFile(mDisk / "d/f", "text");
   writeFile(mDisk / "d/e/g", "text");
-  connect();
+  connectUncached();
   const NodeId d = node("d");
   const NodeId e = node("e", d);
   const NodeId f = node("f", d);
@@ -39,11 +36,11 @@ TEST_F(FailingDisk, IsAnErrorAndNeverADiskWithoutFiles) {
   EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", 0)), EIO);
   EXPECT_EQ(errnoOf(mDrive->rename(e, "g", e, "h", RENAME_NOREPLACE)), EIO);
   EXPECT_EQ(errnoOf(mDrive->setMode(f, 0600)), EIO);
-  EXPECT_EQ(errnoOf(mDrive->statistics()), EIO);
+  EXPECT_EQ(errnoOf(mDrive->statfs()), EIO);
   EXPECT_EQ(read(file), "errno 5");
   fs::rename(mDisk.beside("pulled"), mDisk.root());
   // All of it is there again, under the same nodes.
-  EXPECT_EQ(errnoOf(mDrive->statistics()), 0);
+  EXPECT_EQ(errnoOf(mDrive->statfs()), 0);
   EXPECT_EQ(node("f", d), f);
   EXPECT_EQ(node("e", d), e);
   EXPECT_EQ(read(file), "text");
@@ -61,10 +58,10 @@ TEST_F(FailingDisk, IsAnErrorAndNeverADiskWithoutFiles) {
 
 TEST_F(FailingDisk, AFileThatCannotBeReadIsNotGoneWhileItIsListed) {
   for (const char* name : {"bad", "good", "gone"}) writeFile(mDisk / name, "text");
-  connect();
+  connectUncached();
   const NodeId bad = node("bad");
   const NodeId gone = node("gone");
-  mTransport->refuses = [](Command command, const std::string& names) {
+  mHost->refuses = [](Command command, const std::string& names) {
     return command == Command::kGetFileAttr && names.ends_with("/bad");
   };
   fs::remove(mDisk / "gone");
@@ -73,7 +70,7 @@ TEST_F(FailingDisk, AFileThatCannotBeReadIsNotGoneWhileItIsListed) {
   EXPECT_NE(errnoOf(mDrive->attributes(bad)), ESTALE);
   EXPECT_EQ(errnoOf(mDrive->attributes(gone)), ESTALE);
   // Nor when the directory cannot be listed any more.
-  mTransport->refuses = [](Command command, const std::string& names) {
+  mHost->refuses = [](Command command, const std::string& names) {
     return (command == Command::kGetFileAttr && !names.ends_with('/')) ||
            command == Command::kDirRead || command == Command::kCheckDir;
   };
@@ -87,15 +84,15 @@ TEST_F(FailingDisk, PermissionsAreToldAsTheReasonWhereTheyAre) {
   for (const char* name : {"unreadable", "closed/f"}) writeFile(mDisk / name, "text");
   fs::permissions(mDisk / "unreadable", fs::perms(0200));
   fs::permissions(mDisk / "closed", fs::perms(0600));
-  connect();
+  connectUncached();
   const NodeId closed = node("closed");
   const NodeId file = node("unreadable");
-  mTransport->refuses = [](Command command, const std::string& names) {
+  mHost->refuses = [](Command command, const std::string& names) {
     return (command == Command::kGetFileAttr && names.find("/closed/") != names.npos) ||
            command == Command::kFileRead || command == Command::kCheckDir;
   };
   // The host of this test may be root's, whose listing has the attributes.
-  mTransport->alters = [](Command command, const std::string& names, Buffer& reply) {
+  mHost->alters = [](Command command, const std::string& names, Buffer& reply) {
     if (command != Command::kDirRead || !names.ends_with("/closed")) return;
     constexpr std::size_t kAttributes = wire::wireSize<udisk_stat>();
     const std::string text(reinterpret_cast<const char*>(reply.data()), reply.size());

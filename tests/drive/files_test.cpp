@@ -6,41 +6,32 @@
 #include <fstream>
 #include <future>
 
-#include "watched_drive.h"
+#include "scripted_host.h"
 
-namespace zor::client {
+namespace zor::client::test {
 namespace {
 
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using test::readFile;
-using test::writeFile;
-using wire::Command;
-
-using FilesTest = test::WatchedDrive;
+using FilesTest = ScriptedDrive;
 
 TEST_F(FilesTest, ALostWriteIsToldAtEveryCloseUntilAProgramWasTold) {
   for (const char* name : {"synced", "written"}) {
     writeFile(mDisk / name, "");
     connect();
-    OpenFile* opened = nullptr;
-    OpenFile* other = nullptr;
-    ASSERT_EQ(open(name, O_RDWR, &opened), 0);
-    ASSERT_EQ(open(name, O_RDWR, &other), 0);
-    OpenFile& file = *opened;
-    EXPECT_EQ(write(file, 0, "text"), 0);
+    OpenFile& file = open(node(name), O_RDWR);
+    OpenFile& other = open(node(name), O_RDWR);
+    EXPECT_EQ(write(file, "text"), 0);
     fs::remove(mDisk / name);
     EXPECT_EQ(flush(file), EIO);
     EXPECT_EQ(flush(file), EIO) << "the first may have been the one of a child process";
     if (name == std::string("synced")) {
       EXPECT_FALSE(mDrive->sync(file));
     } else {
-      EXPECT_EQ(write(file, 0, "again"), EIO);
+      EXPECT_EQ(write(file, "again"), EIO);
     }
     EXPECT_EQ(flush(file), 0);
-    EXPECT_EQ(flush(*other), EIO) << "it has its own error";
+    EXPECT_EQ(flush(other), EIO) << "it has its own error";
     mDrive->release(file);
-    mDrive->release(*other);
+    mDrive->release(other);
   }
 }
 
@@ -50,9 +41,9 @@ TEST_F(FilesTest, AFileThatLostDataIsNamedAtOnceAndOnce) {
   OpenFile& file = create("lost");
   EXPECT_EQ(flush(file), 0);
   fs::remove(mDisk / "lost");
-  EXPECT_EQ(write(file, 0, "text"), 0);
+  EXPECT_EQ(write(file, "text"), 0);
   EXPECT_FALSE(mDrive->sync(file));
-  write(file, 0, "again");
+  write(file, "again");
   static_cast<void>(mDrive->sync(file));
   std::future<std::string> name = named.get_future();
   ASSERT_EQ(name.wait_for(20s), std::future_status::ready);
@@ -67,15 +58,14 @@ TEST_F(FilesTest, AnAppendGoesBehindWhatOthersAppendedBeforeTheFileWasOpened) {
   std::string expected;
   for (int i = 0; i < 3; ++i) {
     std::ofstream(mDisk / "log", std::ios::app) << "other\n";
-    OpenFile* file = nullptr;
-    ASSERT_EQ(open("log", O_WRONLY | O_APPEND, &file), 0);
+    OpenFile& file = open(node("log"), O_WRONLY | O_APPEND);
     for (const char* line : {"one\n", "two\n"}) {
-      mRequests->forget();
-      EXPECT_TRUE(mDrive->write(*file, 0, std::as_bytes(std::span(std::string_view(line))), true));
-      EXPECT_EQ(mRequests->count(Command::kGetFileAttr, "/log"), line[0] == 'o' ? 1 : 0);
+      mHost->forget();
+      EXPECT_TRUE(mDrive->write(file, 0, std::as_bytes(std::span(std::string_view(line))), true));
+      EXPECT_EQ(mHost->count(Command::kGetFileAttr, "/log"), line[0] == 'o' ? 1 : 0);
     }
-    EXPECT_EQ(flush(*file), 0);
-    mDrive->release(*file);
+    EXPECT_EQ(flush(file), 0);
+    mDrive->release(file);
     expected += "other\none\ntwo\n";
   }
   EXPECT_EQ(readFile(mDisk / "log"), expected);
@@ -100,7 +90,7 @@ TEST_F(FilesTest, AYoungFileIsToldAsItIs) {
   };
   OpenFile& file = create("young", 0640);
   EXPECT_TRUE(isToldOf("young"));
-  EXPECT_EQ(write(file, 0, "text"), 0);
+  EXPECT_EQ(write(file, "text"), 0);
   EXPECT_TRUE(isToldOf("young")) << "as it will be after the close";
   EXPECT_EQ(flush(file), 0);
   EXPECT_TRUE(isToldOf("young"));
@@ -114,10 +104,10 @@ TEST_F(FilesTest, ALengthThatTheKernelNeedsIsToldWithoutWaiting) {
   connect();
   OpenFile& file = create("file");
   EXPECT_EQ(flush(file), 0);
-  EXPECT_EQ(write(file, 0, "text"), 0);
-  mRequests->forget();
+  EXPECT_EQ(write(file, "text"), 0);
+  mHost->forget();
   EXPECT_EQ(mDrive->attributes(node("file"), false)->attributes.st_size, 4);
-  EXPECT_EQ(mRequests->count(Command::kGetFileAttr), 0);
+  EXPECT_EQ(mHost->count(Command::kGetFileAttr), 0);
   mDrive->release(file);
 }
 
@@ -135,8 +125,7 @@ TEST_F(FilesTest, WhatWasRemovedCanBeAskedAboutAndHasNoLinks) {
     return told ? std::to_string(told->attributes.st_nlink)
                 : "errno " + std::to_string(told.error().value);
   };
-  OpenFile* file = nullptr;
-  ASSERT_EQ(open("open", O_RDONLY, &file), 0);
+  OpenFile& file = open(opened, O_RDONLY);
   EXPECT_TRUE(mDrive->unlink(kRootNode, "open"));
   EXPECT_TRUE(mDrive->unlink(kRootNode, "two"));
   EXPECT_TRUE(mDrive->rename(kRootNode, "replacing", kRootNode, "replaced", 0));
@@ -146,7 +135,7 @@ TEST_F(FilesTest, WhatWasRemovedCanBeAskedAboutAndHasNoLinks) {
   EXPECT_EQ(links(replaced), "0");
   EXPECT_EQ(links(directory), "0");
   EXPECT_EQ(links(node("replaced")), "1");
-  mDrive->release(*file);
+  mDrive->release(file);
   EXPECT_EQ(links(opened), "0");
 }
 
@@ -158,10 +147,10 @@ TEST_F(FilesTest, OtherSpellingsAreFollowedWhereTheDiskTakesThem) {
     // Plays a disk that takes both for one file.
     if (anyCase) fs::create_hard_link(mDisk / "notes", mDisk / "NOTES");
     EXPECT_EQ(node("missing"), 0U);
-    mRequests->forget();
+    mHost->forget();
     EXPECT_EQ(node("Other"), anyCase ? node("other") : 0U);
     EXPECT_EQ(node("still missing"), 0U);
-    EXPECT_EQ(mRequests->countNaming("/"), 0);
+    EXPECT_EQ(mHost->countNaming("/"), 0);
     if (!anyCase) continue;
     mDrive->release(*mDrive->create(kRootNode, "OTHER", 0644, O_CREAT | O_RDWR)->open.file);
     EXPECT_EQ((*mDrive->openDirectory(kRootNode))->size(), 2U);
@@ -179,17 +168,17 @@ TEST_F(FilesTest, WhatTheHostCannotWriteIsRefusedWhenItIsOpened) {
     fs::permissions(mDisk / name, fs::perms(name[0] < 'c' ? 0644 : 0444));
   }
   connect();
-  mRequests->forget();
-  EXPECT_EQ(open("a", O_WRONLY), 0);
-  EXPECT_EQ(open("b", O_RDWR), 0);
-  EXPECT_EQ(mRequests->count(Command::kFileFsync), 1) << "once for files of a kind";
-  mRequests->fail(Command::kFileFsync);  // which is how the host is asked
-  EXPECT_EQ(open("c", O_WRONLY), EACCES);
-  EXPECT_EQ(open("c", O_RDONLY), 0);
+  mHost->forget();
+  EXPECT_EQ(tryOpen("a", O_WRONLY), 0);
+  EXPECT_EQ(tryOpen("b", O_RDWR), 0);
+  EXPECT_EQ(mHost->count(Command::kFileFsync), 1) << "once for files of a kind";
+  mHost->refuse(Command::kFileFsync);  // which is how the host is asked
+  EXPECT_EQ(tryOpen("c", O_WRONLY), EACCES);
+  EXPECT_EQ(tryOpen("c", O_RDONLY), 0);
   EXPECT_EQ(mDrive->create(kRootNode, "c", 0644, O_CREAT | O_WRONLY).error().value, EACCES);
-  EXPECT_EQ(open("b", O_WRONLY), 0);
-  mRequests->fail({});
-  EXPECT_EQ(open("c", O_WRONLY), 0);
+  EXPECT_EQ(tryOpen("b", O_WRONLY), 0);
+  mHost->refuse(Command{});
+  EXPECT_EQ(tryOpen("c", O_WRONLY), 0);
   mDrive->forget(node("d"), 1);
 }
 
@@ -204,7 +193,7 @@ TEST_F(FilesTest, EverybodyMayWriteToWhatWasMadeSo) {
 TEST_F(FilesTest, ADirectoryThatTakesNoMoreFilesRefusesThemAtOnce) {
   connect();
   mDrive->release(create("first"));
-  mRequests->fail(Command::kFileCreate);
+  mHost->refuse(Command::kFileCreate);
   // Nothing tells that this one will be refused, so the close does.
   const auto second = mDrive->create(kRootNode, "second", 0644, O_CREAT | O_WRONLY);
   ASSERT_TRUE(second);
@@ -233,4 +222,4 @@ TEST_F(FilesTest, WhatIsNotUsedAnyMoreIsForgottenAndLearntAgain) {
 }
 
 }  // namespace
-}  // namespace zor::client
+}  // namespace zor::client::test

@@ -2,17 +2,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "altered_disk.h"
-#include "client/disk_identity.h"
+#include "scripted_host.h"
 
 namespace zor::client::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-class ReplacedFile : public AlteredDisk {
+class ReplacedFile : public ScriptedDrive {
  protected:
-  OpenFile& open(const std::string& name) {
+  OpenFile& openNew(const std::string& name) {
     writeFile(mDisk / name, "mine");
     return *mDrive->open(node(name), O_RDWR)->file;
   }
@@ -23,8 +20,8 @@ class ReplacedFile : public AlteredDisk {
 };
 
 TEST_F(ReplacedFile, IsNeitherReadNorWrittenUnderItsName) {
-  connect();
-  OpenFile& reader = open("read");
+  connectUncached();
+  OpenFile& reader = openNew("read");
   EXPECT_EQ(read(reader), "mine");
   replace("read");
   EXPECT_EQ(read(reader), "errno 116");
@@ -32,7 +29,7 @@ TEST_F(ReplacedFile, IsNeitherReadNorWrittenUnderItsName) {
   mDrive->release(reader);
 
   // Once it is known, nothing goes there any more.
-  OpenFile& writer = open("known");
+  OpenFile& writer = openNew("known");
   EXPECT_EQ(write(writer, "MINE"), 0);
   EXPECT_EQ(errnoOf(mDrive->flush(writer)), 0);
   replace("known");
@@ -42,7 +39,7 @@ TEST_F(ReplacedFile, IsNeitherReadNorWrittenUnderItsName) {
   EXPECT_EQ(readFile(mDisk / "known"), "other text");
   mDrive->release(writer);
 
-  OpenFile& cut = open("cut");
+  OpenFile& cut = openNew("cut");
   const NodeId old = node("cut");
   replace("cut");
   EXPECT_EQ(errnoOf(mDrive->setLength(old, 2)), ESTALE);
@@ -50,7 +47,7 @@ TEST_F(ReplacedFile, IsNeitherReadNorWrittenUnderItsName) {
   mDrive->release(cut);
 
   // What was on its way is told.
-  OpenFile& late = open("late");
+  OpenFile& late = openNew("late");
   OpenFile& second = *mDrive->open(node("late"), O_RDWR)->file;
   EXPECT_EQ(write(late, "MINE"), 0);
   replace("late");
@@ -62,57 +59,16 @@ TEST_F(ReplacedFile, IsNeitherReadNorWrittenUnderItsName) {
   EXPECT_THAT(mDrive->finish(), ::testing::ElementsAre("/late"));
 }
 
-TEST_F(ReplacedFile, IsNotOneThatOnlyGotAnotherNumber) {
-  udisk_stat before{};
-  before.st_mode = S_IFREG | 0644;
-  before.st_ino = 7;
-  before.st_mtim.tv_sec = 90;
-  udisk_stat after = before;
-  after.st_ino = 8;
-  udisk_stat changed = after;
-  changed.st_size = 9;
-  changed.st_mtim.tv_sec = 88;  // rounded
-  udisk_stat older = after;
-  older.st_mtim.tv_sec = 80;
-  struct {
-    bool lasting;
-    const udisk_stat& now;
-    bool fits;
-  } const cases[] = {{true, before, true},
-                     {true, after, false},
-                     {false, after, true},
-                     {false, changed, true},
-                     {false, older, false}};
-  for (const auto& one : cases) {
-    NodeTree tree(one.lasting);
-    Entries::value_type& place = *tree.root().directory->entries.emplace("f", Entry{}).first;
-    place.second.attributes = before;
-    Node& node = tree.nodeAt(tree.root(), place);
-    EXPECT_TRUE(tree.fits(place.second, one.now)) << "a file that is not open";
-    node.file = std::make_unique<FileState>();
-    EXPECT_EQ(tree.fits(place.second, one.now), one.fits) << &one - cases;
-  }
-  udisk_statvfs fuse{};
-  fuse.f_files = 9;
-  fuse.f_bfree = fuse.f_ffree = 5;
-  fuse.f_namemax = 255;
-  EXPECT_TRUE(makesUpInodes(fuse));
-  fuse.f_ffree = 6;
-  EXPECT_FALSE(makesUpInodes(fuse));
-}
-
 TEST_F(ReplacedFile, HasMadeUpNumbersForItsOtherSpellings) {
   for (const bool same : {false, true}) {
     writeFile(mDisk / "notes", "text");
-    mAttributeTimeout = std::chrono::seconds(60);
-    mLastingInodes = false;
-    connect();
+    connect({.attributeTimeout = 60s, .lastingInodes = false});
     const NodeId notes = node("notes");
     udisk_stat told = mDrive->attributes(notes)->attributes;
     ++told.st_ino;
     if (!same) ++told.st_size;
-    mTransport->alters = [told](wire::Command command, const std::string& names, Buffer& reply) {
-      if (command != wire::Command::kGetFileAttr || !names.ends_with("/NOTES")) return;
+    mHost->alters = [told](Command command, const std::string& names, Buffer& reply) {
+      if (command != Command::kGetFileAttr || !names.ends_with("/NOTES")) return;
       reply.data()[2] = std::byte{wire::wireSize<udisk_stat>()};
       reply.append(wire::encoded(told));
     };

@@ -2,14 +2,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "altered_disk.h"
+#include "scripted_host.h"
 
 namespace zor::client::test {
 namespace {
 
-using namespace std::chrono_literals;
-namespace fs = std::filesystem;
-using wire::Command;
 using zor::test::eventually;
 
 struct Death {
@@ -19,7 +16,7 @@ struct Death {
   bool returns;     ///< and is there again at once, or after the time limit
 };
 
-class ReplacedTarget : public AlteredDisk, public ::testing::WithParamInterface<Death> {
+class ReplacedTarget : public ScriptedDrive, public ::testing::WithParamInterface<Death> {
  protected:
   std::string under(const std::string& name) { return readFile(mDisk / name); }
   bool onlyHas(const std::vector<std::string>& names) {
@@ -38,11 +35,11 @@ TEST_P(ReplacedTarget, IsThereBeforeAndAfterWhateverBecomesOfTheHost) {
   const Death& death = GetParam();
   writeFile(mDisk / "a", "new");
   writeFile(mDisk / "b", "old");
-  connect(death.returns ? 20s : 300ms);
+  connectUncached(death.returns ? 20s : 300ms);
   ASSERT_NE(node("a"), 0U);
   OpenFile& old = *mDrive->open(node("b"), O_RDWR)->file;
   int seen = 0;
-  mTransport->refuses = [&](Command command, const std::string&) {
+  mHost->refuses = [&](Command command, const std::string&) {
     if (command == death.command && ++seen == death.number) {
       mDisk.stop(SIGKILL);
       if (death.returns) mDisk.serve();

@@ -1,11 +1,11 @@
-#include "drive/small_files.h"
+#include "drive/data/small_files.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
 
 #include "client/remote_path.h"
-#include "drive/small_files_state.h"
+#include "drive/data/small_files_state.h"
 
 namespace zor::client {
 
@@ -31,24 +31,25 @@ bool isSmallFile(const udisk_stat& attributes) {
          attributes.st_size <= kMaxSmallFile;
 }
 
-std::shared_ptr<const SmallFile> SmallFiles::State::get(const std::string& dirPath,
+std::shared_ptr<const SmallFile> SmallFiles::State::get(NodeId id, PathLease leased,
                                                         const DirectorySnapshot& listing,
                                                         std::string_view name,
                                                         const udisk_stat& now) {
+  std::optional<PathLease> path(std::move(leased));
   if (!isSmallFile(now) || name.empty()) return nullptr;
   BatchPtr demanded;
   BatchPtr following;
-  std::unique_lock lock(mMutex);
+  MutexLock lock(mMutex);
   const auto time = ReadWindow::Clock::now();
   while (!mBatches.empty() && time - mBatches.front()->made > kLifetime) {
     dropBatch(mBatches.front());
   }
-  Directory& directory = directoryAt(dirPath, time);
+  Directory& directory = directoryAt(id, time);
   Place place = take(directory, name, now);
   if (!place.batch) {
     bool unproven = false;
     if (startsBatch(directory, listing, name, unproven)) {
-      demanded = makeBatch(directory, dirPath, listing, name, &now);
+      demanded = makeBatch(directory, id, *path, listing, name, &now);
     }
     if (demanded) {
       demanded->unproven = unproven;
@@ -56,21 +57,20 @@ std::shared_ptr<const SmallFile> SmallFiles::State::get(const std::string& dirPa
       place = take(directory, name, now);
     }
   }
-  directory.walk.moveTo(name);
+  directory.scan.moveTo(name);
   if (!place.batch) return nullptr;
   Batch& batch = *place.batch;
-  if (!batch.continued && 2 * batch.used >= batch.items.size() && directory.walking) {
-    following = makeBatch(directory, dirPath, listing, {}, nullptr);
+  if (!batch.continued && 2 * batch.used >= batch.items.size() && directory.scanned) {
+    following = makeBatch(directory, id, *path, listing, {}, nullptr);
     batch.continued = following != nullptr;
   }
-  if (demanded || following) {
-    lock.unlock();
-    start(demanded);
-    start(following);
-    lock.lock();
-  }
+  lock.unlock();
+  start(demanded, *path);
+  start(following, *path);
+  path.reset();
+  lock.lock();
   ++batch.waiting;
-  batch.arrival.wait(lock, [&] { return batch.arrived; });
+  while (!batch.arrived) batch.arrival.wait(mMutex);
   --batch.waiting;
   const wire::Bytes contents = place.item().contents;
   if (contents.empty()) return nullptr;
@@ -85,9 +85,8 @@ std::shared_ptr<const SmallFile> SmallFiles::State::get(const std::string& dirPa
   return std::make_shared<const SmallFile>(SmallFile{std::move(copy), copied});
 }
 
-SmallFiles::State::Directory& SmallFiles::State::directoryAt(const std::string& path,
-                                                             ReadWindow::Time time) {
-  auto found = mDirectories.find(path);
+SmallFiles::State::Directory& SmallFiles::State::directoryAt(NodeId id, ReadWindow::Time time) {
+  auto found = mDirectories.find(id);
   if (found != mDirectories.end() && time - found->second.lastUse > kLifetime) {
     mDirectories.erase(found);  // its batches are older still
     found = mDirectories.end();
@@ -99,7 +98,7 @@ SmallFiles::State::Directory& SmallFiles::State::directoryAt(const std::string& 
           [](const auto& a, const auto& b) { return a.second.lastUse < b.second.lastUse; });
       forgetDirectory(oldest);
     }
-    found = mDirectories.try_emplace(path, mOrder).first;
+    found = mDirectories.try_emplace(id, mOrder).first;
   }
   found->second.lastUse = time;
   return found->second;
@@ -132,7 +131,7 @@ SmallFiles::State::Place SmallFiles::State::take(Directory& directory, std::stri
 bool SmallFiles::State::startsBatch(Directory& directory, const DirectorySnapshot& listing,
                                     std::string_view name, bool& unproven) {
   if (directory.stopped) return false;
-  if (!directory.walk.begun()) {
+  if (!directory.scan.begun()) {
     if (mConfidence < kConfident) return false;
     if (mUnproven >= kMaxUnproven) {
       mConfidence = 0;  // one file of each directory is no walk
@@ -140,35 +139,37 @@ bool SmallFiles::State::startsBatch(Directory& directory, const DirectorySnapsho
     }
     directory.nextFiles = kMaxBatchFiles;
     unproven = true;
-  } else if (!directory.walk.follows(listing, name)) {
-    if (directory.walking && ++directory.strays > directory.used / 2 + kToleratedStrays) {
+  } else if (!directory.scan.follows(listing, name)) {
+    if (directory.scanned && ++directory.strays > directory.used / 2 + kToleratedStrays) {
       stop(directory);
     }
     return false;
   }
-  mOrder = directory.walk.order();
-  directory.walking = true;
+  mOrder = directory.scan.order();
+  directory.scanned = true;
   return true;
 }
 
 void SmallFiles::State::stop(Directory& directory) {
   directory.stopped = true;
-  directory.walking = false;
+  directory.scanned = false;
   mConfidence = 0;
 }
 
-SmallFiles::SmallFiles(Disk& disk, ReadWindow& window, ReadCounters& counters)
+SmallFiles::SmallFiles(DiskRequests& disk, ReadWindow& window, ReadCounters& counters)
     : mState(std::make_shared<State>(disk, window, counters)) {}
 
 SmallFiles::~SmallFiles() { mState->clear(); }
 
-std::shared_ptr<const SmallFile> SmallFiles::get(const std::string& dirPath,
+std::shared_ptr<const SmallFile> SmallFiles::get(NodeId directory, PathLease path,
                                                  const DirectorySnapshot& listing,
                                                  std::string_view name, const udisk_stat& now) {
-  return mState->get(dirPath, listing, name, now);
+  return mState->get(directory, std::move(path), listing, name, now);
 }
 
-void SmallFiles::forget(std::string_view path) { mState->forget(path); }
+void SmallFiles::forget(NodeId directory, std::string_view name) {
+  mState->forget(directory, name);
+}
 
 void SmallFiles::clear() { mState->clear(); }
 

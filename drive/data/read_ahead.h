@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "client/disk.h"
-#include "drive/outcome.h"
-#include "drive/read_counters.h"
-#include "drive/read_window.h"
+#include "drive/data/read_counters.h"
+#include "drive/data/read_window.h"
+#include "drive/requests/outcome.h"
 
 namespace zor::client {
 

@@ -8,19 +8,19 @@
 #include <string_view>
 #include <vector>
 
-#include "drive/directory_snapshot.h"
+#include "drive/metadata/directory_snapshot.h"
 
 namespace zor::client {
 
-/// Programs walk in the order of the listing, or sort by inode number first.
-enum class WalkOrder { kByName, kByInode };
+/// Programs go in the order of the listing, or sort by inode number first.
+enum class ScanOrder { kByName, kByInode };
 
 /// Where one program is in one directory. Not thread-safe.
-class DirectoryWalk {
+class DirectoryScan {
  public:
-  explicit DirectoryWalk(WalkOrder order) : mOrder(order) {}
+  explicit DirectoryScan(ScanOrder order) : mOrder(order) {}
 
-  WalkOrder order() const noexcept { return mOrder; }
+  ScanOrder order() const noexcept { return mOrder; }
   bool begun() const noexcept { return !mLast.empty(); }
 
   /// Whether `name` is near behind the file that was read before it, in the
@@ -29,7 +29,7 @@ class DirectoryWalk {
 
   void moveTo(std::string_view name) { mLast = name; }
 
-  /// The positions in this walk's order: of a name, and what stands there.
+  /// The positions in this scan's order: of a name, and what stands there.
   std::optional<std::size_t> find(const DirectorySnapshot& listing, std::string_view name);
   const DirectoryItem& at(const DirectorySnapshot& listing, std::size_t position);
 
@@ -38,7 +38,7 @@ class DirectoryWalk {
   bool near(const DirectorySnapshot& listing, std::string_view name);
   void sortByInode(const DirectorySnapshot& listing);
 
-  WalkOrder mOrder;
+  ScanOrder mOrder;
   std::string mLast;
   DirectorySnapshot mSorted;              ///< what the two below belong to
   std::vector<std::uint32_t> mSequence;   ///< position by inode -> by name

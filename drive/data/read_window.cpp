@@ -1,4 +1,4 @@
-#include "drive/read_window.h"
+#include "drive/data/read_window.h"
 
 #include <algorithm>
 #include <bit>
@@ -24,24 +24,24 @@ double inSeconds(ReadWindow::Clock::duration time) {
 }  // namespace
 
 std::uint32_t ReadWindow::chunkSize() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mChunk;
 }
 
 std::uint32_t ReadWindow::batchSize() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (mRateBytes <= 0) return kUnknownRateBatch;
   const double fitting = mRateBytes * kBatchSeconds / std::max(mRateSeconds, 1e-9);
   return static_cast<std::uint32_t>(std::clamp<double>(fitting, kMinChunk, kMaxBatch));
 }
 
 std::uint64_t ReadWindow::inFlight() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mInFlight;
 }
 
 std::uint64_t ReadWindow::size() const {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return static_cast<std::uint64_t>(mWindow);
 }
 
@@ -52,12 +52,12 @@ ReadWindow::Ticket ReadWindow::beginLocked(std::uint32_t bytes, Time now) {
 }
 
 ReadWindow::Ticket ReadWindow::begin(std::uint32_t bytes, Time now) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return beginLocked(bytes, now);
 }
 
 std::optional<ReadWindow::Ticket> ReadWindow::tryBegin(std::uint32_t bytes, Time now) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (mDraining && now - mDrainUntil >= Duration::zero()) mDraining = false;
   if (mInFlight != 0) {
     if (mDraining) return std::nullopt;
@@ -73,7 +73,7 @@ std::optional<ReadWindow::Ticket> ReadWindow::tryBegin(std::uint32_t bytes, Time
 }
 
 void ReadWindow::finished(const Ticket& ticket, std::uint64_t received, Time now) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mInFlight -= ticket.bytes;
   if (ticket.alone) mDraining = false;
   if (received >= ticket.bytes / 2) {

@@ -5,13 +5,14 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
+
+#include "support/mutex.h"
 
 namespace zor::client {
 
 /// Keeps a link full and its queue short: the host serves strictly in order, so
-/// whatever is in flight delays the next look at a directory. The window grows
+/// whatever is in flight delays the next query of a directory. The window grows
 /// while bulk reads take about as long as the quickest ones lately, and shrinks
 /// when they take longer, for then they wait for each other.
 ///
@@ -78,7 +79,7 @@ class ReadWindow {
   void pace(const Ticket& ticket, Duration latency, Time now);
   void clampWindow();
 
-  mutable std::mutex mMutex;
+  mutable Mutex mMutex;
   std::uint32_t mChunk = kFirstChunk;
   double mWindow = kFirstChunk;
   std::uint64_t mInFlight = 0;

@@ -2,19 +2,17 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <list>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "drive/directory_walk.h"
-#include "drive/small_files.h"
+#include "drive/data/directory_scan.h"
+#include "drive/data/small_files.h"
+#include "support/mutex.h"
 
 namespace zor::client {
 
@@ -26,12 +24,13 @@ bool isSmallFile(const udisk_stat& attributes);
 /// Shared with the answers that are under way.
 class SmallFiles::State : public std::enable_shared_from_this<State> {
  public:
-  State(Disk& disk, ReadWindow& window, ReadCounters& counters)
+  State(DiskRequests& disk, ReadWindow& window, ReadCounters& counters)
       : mDisk(disk), mWindow(window), mCounters(counters) {}
 
-  std::shared_ptr<const SmallFile> get(const std::string& dirPath, const DirectorySnapshot& listing,
-                                       std::string_view name, const udisk_stat& now);
-  void forget(std::string_view path);
+  std::shared_ptr<const SmallFile> get(NodeId directory, PathLease path,
+                                       const DirectorySnapshot& listing, std::string_view name,
+                                       const udisk_stat& now);
+  void forget(NodeId directory, std::string_view name);
   void clear();
 
  private:
@@ -46,12 +45,12 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
   using Held = std::shared_ptr<std::atomic<std::uint64_t>>;
 
   struct Batch {
-    Batch(std::string path, Held counter) : directory(std::move(path)), held(std::move(counter)) {}
+    Batch(NodeId id, Held counter) : directory(id), held(std::move(counter)) {}
     ~Batch() { held->fetch_sub(bytes, std::memory_order_relaxed); }
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
-    const std::string directory;
+    const NodeId directory;
     const Held held;
     std::vector<Item> items;  ///< the contents are set once, on arrival
     std::uint64_t bytes = 0;
@@ -62,7 +61,7 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
         false;  ///< fetched at the first read in a directory, and not known to be useful
     bool arrived = false;
     int waiting = 0;
-    std::condition_variable arrival;
+    Condition arrival;
     ReadWindow::Ticket ticket;
     ReadWindow::Time made;
     FilePieces answer;
@@ -76,12 +75,12 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
   };
 
   struct Directory {
-    explicit Directory(WalkOrder order) : walk(order) {}
-    DirectoryWalk walk;
+    explicit Directory(ScanOrder order) : scan(order) {}
+    DirectoryScan scan;
     std::unordered_map<std::string, Place> cached;  ///< by name
     std::string reached;                            ///< the last file that a batch looked at
     std::size_t nextFiles = kFirstBatchFiles;
-    bool walking = false;
+    bool scanned = false;
     bool stopped = false;  ///< batches were of no use here
     std::size_t fetched = 0;
     std::size_t used = 0;
@@ -89,14 +88,14 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
     ReadWindow::Time lastUse;
   };
 
-  using Directories = std::map<std::string, Directory, std::less<>>;
+  using Directories = std::unordered_map<NodeId, Directory>;
 
   // With mMutex held.
-  Directory& directoryAt(const std::string& path, ReadWindow::Time time);
+  Directory& directoryAt(NodeId id, ReadWindow::Time time);
   Place take(Directory& directory, std::string_view name, const udisk_stat& now);
   bool startsBatch(Directory& directory, const DirectorySnapshot& listing, std::string_view name,
                    bool& unproven);
-  BatchPtr makeBatch(Directory& directory, const std::string& path,
+  BatchPtr makeBatch(Directory& directory, NodeId id, const PathLease& path,
                      const DirectorySnapshot& listing, std::string_view asked,
                      const udisk_stat* now);
   void retire(const BatchPtr& batch);
@@ -105,18 +104,18 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
   void forgetDirectory(Directories::iterator directory);
 
   // Without it.
-  void start(const BatchPtr& batch);
+  void start(const BatchPtr& batch, const PathLease& path);
   void arrived(const BatchPtr& batch, Result<FilePieces> answer);
 
-  Disk& mDisk;
+  DiskRequests& mDisk;
   ReadWindow& mWindow;
   ReadCounters& mCounters;
   const Held mHeld = std::make_shared<std::atomic<std::uint64_t>>(0);
 
-  std::mutex mMutex;
+  Mutex mMutex;
   Directories mDirectories;
   std::list<BatchPtr> mBatches;  ///< with something cached, the oldest first
-  WalkOrder mOrder = WalkOrder::kByName;
+  ScanOrder mOrder = ScanOrder::kByName;
   int mConfidence = 0;  ///< files used since a batch was wasted, up to a bound
   int mUnproven = 0;    ///< batches
 };

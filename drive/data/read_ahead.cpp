@@ -1,11 +1,11 @@
-#include "drive/read_ahead.h"
+#include "drive/data/read_ahead.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <limits>
 #include <map>
-#include <mutex>
 #include <optional>
+
+#include "support/mutex.h"
 
 namespace zor::client {
 
@@ -39,7 +39,7 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
     std::optional<FileData> data;  ///< nothing when there was no answer
     std::uint64_t consumed = 0;
     int waiting = 0;
-    std::condition_variable arrival;
+    Condition arrival;
 
     std::uint64_t end() const { return offset + size; }
     wire::Bytes bytes() const {
@@ -49,15 +49,14 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
   };
   using ChunkPtr = std::shared_ptr<Chunk>;
   using Chunks = std::vector<ChunkPtr>;
-  enum class Gathered { kDone, kStale, kFailed };
+  enum class Collected { kDone, kStale, kFailed };
 
   // With mMutex held.
   void follow(std::uint64_t begin, std::uint64_t end);
   Chunks cover(std::uint64_t begin, std::uint64_t end, Chunks& starting);
   ChunkPtr demand(std::uint64_t begin, std::uint64_t end, Chunks& starting);
   void planAhead(Chunks& starting);
-  Gathered gather(std::unique_lock<std::mutex>& lock, const Chunks& chunks, std::uint64_t& at,
-                  std::uint64_t end, ReadParts& parts);
+  Collected collect(const Chunks& chunks, std::uint64_t& at, std::uint64_t end, ReadParts& parts);
   void consume(const ChunkPtr& chunk, std::uint64_t count);
   void dropChunks(std::uint64_t until);
 
@@ -69,7 +68,7 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
   ReadWindow& mWindow;
   ReadCounters& mCounters;
 
-  std::mutex mMutex;
+  Mutex mMutex;
   std::map<std::uint64_t, ChunkPtr> mAhead;  ///< by offset; they do not overlap
   std::uint64_t mFileSize = 0;
   std::uint64_t mNext = 0;  ///< the furthest that the present run of reads has come
@@ -84,7 +83,7 @@ Outcome<ReadParts> ReadAhead::State::read(std::uint64_t begin, std::uint64_t end
   ReadParts parts;
   std::uint64_t at = begin;
   Chunks starting;
-  std::unique_lock lock(mMutex);
+  MutexLock lock(mMutex);
   mFileSize = fileSize;
   follow(begin, end);
   Chunks chunks = cover(begin, end, starting);
@@ -93,9 +92,9 @@ Outcome<ReadParts> ReadAhead::State::read(std::uint64_t begin, std::uint64_t end
     lock.unlock();
     start(starting);
     lock.lock();
-    const Gathered gathered = gather(lock, chunks, at, end, parts);
-    if (gathered == Gathered::kFailed) return Errno{EIO};
-    if (gathered == Gathered::kDone) break;
+    const Collected collected = collect(chunks, at, end, parts);
+    if (collected == Collected::kFailed) return Errno{EIO};
+    if (collected == Collected::kDone) break;
     // What was read ahead may be old news. It is asked for again, once, since
     // a read of its own is never stale.
     dropChunks(std::numeric_limits<std::uint64_t>::max());
@@ -178,12 +177,11 @@ void ReadAhead::State::planAhead(Chunks& starting) {
   }
 }
 
-ReadAhead::State::Gathered ReadAhead::State::gather(std::unique_lock<std::mutex>& lock,
-                                                    const Chunks& chunks, std::uint64_t& at,
-                                                    std::uint64_t end, ReadParts& parts) {
+ReadAhead::State::Collected ReadAhead::State::collect(const Chunks& chunks, std::uint64_t& at,
+                                                      std::uint64_t end, ReadParts& parts) {
   for (const ChunkPtr& chunk : chunks) {
     ++chunk->waiting;
-    chunk->arrival.wait(lock, [&] { return chunk->arrived; });
+    while (!chunk->arrived) chunk->arrival.wait(mMutex);
     --chunk->waiting;
     const std::uint64_t wanted = std::min(end, chunk->end()) - at;
     const std::uint64_t skipped = at - chunk->offset;
@@ -196,10 +194,10 @@ ReadAhead::State::Gathered ReadAhead::State::gather(std::unique_lock<std::mutex>
       if (chunk->ahead) consume(chunk, count);
     }
     if (count == wanted) continue;
-    if (chunk->ahead) return Gathered::kStale;
-    return chunk->data ? Gathered::kDone : Gathered::kFailed;
+    if (chunk->ahead) return Collected::kStale;
+    return chunk->data ? Collected::kDone : Collected::kFailed;
   }
-  return Gathered::kDone;
+  return Collected::kDone;
 }
 
 void ReadAhead::State::consume(const ChunkPtr& chunk, std::uint64_t count) {
@@ -220,7 +218,7 @@ void ReadAhead::State::dropChunks(std::uint64_t until) {
 }
 
 void ReadAhead::State::drop() {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   dropChunks(std::numeric_limits<std::uint64_t>::max());
   mRun = 0;
   mAdvances = 0;  // answers under way start nothing more
@@ -239,10 +237,10 @@ void ReadAhead::State::arrived(const ChunkPtr& chunk, Result<FileData> answer) {
   mWindow.finished(chunk->ticket, answer ? answer->bytes().size() : 0);
   Chunks starting;
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (answer) chunk->data.emplace(std::move(*answer));
     chunk->arrived = true;
-    if (chunk->waiting > 0) chunk->arrival.notify_all();
+    if (chunk->waiting > 0) chunk->arrival.notifyAll();
     if (chunk->bytes().size() == chunk->size) {
       planAhead(starting);
     } else {

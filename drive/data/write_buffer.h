@@ -1,4 +1,4 @@
-// Written data of one file on its way to the host.
+// The dirty ranges of one file.
 #pragma once
 
 #include <cstddef>
@@ -6,16 +6,15 @@
 #include <vector>
 
 #include "client/buffer.h"
-#include "client/disk.h"
+#include "drive/requests/disk_requests.h"
 
 namespace zor::client {
 
-/// Gathers writes, in order, until they are worth a request. Not thread-safe.
-class WriteGather {
+/// Collects writes, in order, until they are worth a request. Not thread-safe.
+class WriteBuffer {
  public:
-  /// Where `size` bytes at `offset` of the file are to be put; they count as
-  /// written. Throws std::bad_alloc.
-  std::byte* add(std::int64_t offset, std::size_t size);
+  /// Throws std::bad_alloc, and is unchanged then.
+  void add(std::int64_t offset, wire::Bytes data);
 
   bool empty() const noexcept { return mPieces.empty(); }
   std::size_t size() const noexcept { return mUsed; }
@@ -26,8 +25,9 @@ class WriteGather {
   /// of large pieces or one beyond `limit` bytes.
   bool accepts(std::int64_t offset, std::size_t size, std::size_t limit) const noexcept;
 
-  /// Starts writing all of it into `path` with one request.
-  void submit(Disk& disk, const std::string& path, Callback<Unit> done);
+  /// Starts writing all of it with one request, and is empty then.
+  void submit(DiskRequests& disk, const PathLease& at, Callback<Unit> done);
+  void clear();
 
  private:
   struct Piece {

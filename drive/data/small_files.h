@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
-#include "client/disk.h"
-#include "drive/directory_snapshot.h"
-#include "drive/read_counters.h"
-#include "drive/read_window.h"
+#include "drive/data/read_counters.h"
+#include "drive/data/read_window.h"
+#include "drive/metadata/directory_snapshot.h"
+#include "drive/requests/disk_requests.h"
 
 namespace zor::client {
 
@@ -31,7 +31,7 @@ inline constexpr std::int64_t kMaxSmallFile = 64 << 10;
 /// this object need not.
 class SmallFiles {
  public:
-  SmallFiles(Disk& disk, ReadWindow& window, ReadCounters& counters);
+  SmallFiles(DiskRequests& disk, ReadWindow& window, ReadCounters& counters);
 
   /// Forgets what is in flight. No `get` may be waiting.
   ~SmallFiles();
@@ -39,16 +39,17 @@ class SmallFiles {
   SmallFiles(const SmallFiles&) = delete;
   SmallFiles& operator=(const SmallFiles&) = delete;
 
-  /// The contents of `name` in the directory `dirPath` (a normal path), or
-  /// nothing: the file is to be read in the ordinary way. May wait for an
-  /// answer. To be called once for each opening of a file, when a program begins to
-  /// read it at its start. `now` are the attributes as they are known now, which
-  /// the listing may not show yet.
-  std::shared_ptr<const SmallFile> get(const std::string& dirPath, const DirectorySnapshot& listing,
-                                       std::string_view name, const udisk_stat& now);
+  /// The contents of `name` in a directory, or nothing: the file is to be read in the
+  /// ordinary way. `path` is the directory's; it is given back when the requests have been
+  /// handed over, before this waits for a reply. To be called once for each opening of a
+  /// file, when a program begins to read it at its start. `now` are the attributes as they
+  /// are known now, which the listing may not show yet.
+  std::shared_ptr<const SmallFile> get(NodeId directory, PathLease path,
+                                       const DirectorySnapshot& listing, std::string_view name,
+                                       const udisk_stat& now);
 
-  /// Drops what is known of a file or directory and of everything below it.
-  void forget(std::string_view path);
+  /// Drops what was fetched of a file.
+  void forget(NodeId directory, std::string_view name);
 
   void clear();
 

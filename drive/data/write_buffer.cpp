@@ -1,4 +1,4 @@
-#include "drive/write_gather.h"
+#include "drive/data/write_buffer.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,7 +16,8 @@ constexpr std::size_t kLargePiece = std::size_t{64} << 10;
 
 }  // namespace
 
-std::byte* WriteGather::add(std::int64_t offset, std::size_t size) {
+void WriteBuffer::add(std::int64_t offset, wire::Bytes data) {
+  const std::size_t size = data.size();
   if (mData.size() - mUsed < size) {
     mData.resize(std::max({kFirstRoom, mData.size() * 2, mUsed + size}));
   }
@@ -26,12 +27,17 @@ std::byte* WriteGather::add(std::int64_t offset, std::size_t size) {
   } else {
     mPieces.push_back({offset, size});
   }
-  std::byte* at = mData.data() + mUsed;
+  std::memcpy(mData.data() + mUsed, data.data(), size);
   mUsed += size;
-  return at;
 }
 
-std::uint64_t WriteGather::end() const noexcept {
+void WriteBuffer::clear() {
+  mPieces.clear();
+  mData = Buffer();
+  mUsed = 0;
+}
+
+std::uint64_t WriteBuffer::end() const noexcept {
   std::uint64_t end = 0;
   for (const Piece& piece : mPieces) {
     end = std::max(end, static_cast<std::uint64_t>(piece.offset) + piece.size);
@@ -39,7 +45,7 @@ std::uint64_t WriteGather::end() const noexcept {
   return end;
 }
 
-bool WriteGather::accepts(std::int64_t offset, std::size_t size, std::size_t limit) const noexcept {
+bool WriteBuffer::accepts(std::int64_t offset, std::size_t size, std::size_t limit) const noexcept {
   if (mPieces.empty()) return true;
   if (size > limit - std::min(limit, mUsed)) return false;
   const Piece& last = mPieces.back();
@@ -49,21 +55,21 @@ bool WriteGather::accepts(std::int64_t offset, std::size_t size, std::size_t lim
   return mPieces.size() < kMaxPieces && size < kLargePiece && mPieces.front().size < kLargePiece;
 }
 
-void WriteGather::submit(Disk& disk, const std::string& path, Callback<Unit> done) {
+void WriteBuffer::submit(DiskRequests& disk, const PathLease& at, Callback<Unit> done) {
   const std::vector<Piece> pieces = std::exchange(mPieces, {});
   Buffer data = std::exchange(mData, Buffer());
   data.resize(std::exchange(mUsed, 0));
   if (pieces.size() == 1) {
-    return disk.write(path, pieces.front().offset, std::move(data), std::move(done));
+    return disk.write(at, pieces.front().offset, std::move(data), std::move(done));
   }
   std::vector<WritePiece> parts;
   parts.reserve(pieces.size());
-  std::size_t at = 0;
+  std::size_t begin = 0;
   for (const Piece& piece : pieces) {
-    parts.push_back({piece.offset, data.bytes().subspan(at, piece.size)});
-    at += piece.size;
+    parts.push_back({piece.offset, data.bytes().subspan(begin, piece.size)});
+    begin += piece.size;
   }
-  disk.writeBatch(path, parts, std::move(done));
+  disk.writeBatch(at, parts, std::move(done));
 }
 
 }  // namespace zor::client

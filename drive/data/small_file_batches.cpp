@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "client/remote_path.h"
-#include "drive/small_files_state.h"
+#include "drive/data/small_files_state.h"
 
 namespace zor::client {
 
@@ -17,8 +17,8 @@ constexpr std::size_t kToleratedUnused = 32;
 /// From `asked` on, whose attributes are `now`, or else from where the last
 /// batch ended. Nothing when that would not be worth a batch, or when the link
 /// is busy and nobody waits.
-SmallFiles::State::BatchPtr SmallFiles::State::makeBatch(Directory& directory,
-                                                         const std::string& path,
+SmallFiles::State::BatchPtr SmallFiles::State::makeBatch(Directory& directory, NodeId id,
+                                                         const PathLease& path,
                                                          const DirectorySnapshot& listing,
                                                          std::string_view asked,
                                                          const udisk_stat* now) {
@@ -26,9 +26,9 @@ SmallFiles::State::BatchPtr SmallFiles::State::makeBatch(Directory& directory,
     stop(directory);
     return nullptr;
   }
-  const auto from = directory.walk.find(listing, now ? asked : directory.reached);
+  const auto from = directory.scan.find(listing, now ? asked : directory.reached);
   if (!from) return nullptr;
-  auto batch = std::make_shared<Batch>(path, mHeld);
+  auto batch = std::make_shared<Batch>(id, mHeld);
   const std::uint64_t limit = mWindow.batchSize();
   std::uint64_t bytes = 0;
   std::uint64_t cost = 0;
@@ -36,10 +36,11 @@ SmallFiles::State::BatchPtr SmallFiles::State::makeBatch(Directory& directory,
   std::string reached = directory.reached;
   for (std::size_t i = *from + (now ? 0 : 1);
        i < listing->size() && batch->items.size() < directory.nextFiles; ++i) {
-    const DirectoryItem& item = directory.walk.at(listing, i);
+    const DirectoryItem& item = directory.scan.at(listing, i);
     const udisk_stat& expected = now && i == *from ? *now : item.attributes;
     if (isSmallFile(expected) && directory.cached.count(item.name) == 0) {
-      FilePiece piece{joinPath(path, item.name), 0, static_cast<std::uint32_t>(expected.st_size)};
+      FilePiece piece{joinPath(path.path(), item.name), 0,
+                      static_cast<std::uint32_t>(expected.st_size)};
       bytes += piece.size;
       cost += batchCost(piece);
       if (!batch->items.empty() && (bytes > limit || cost > kMaxBatchSize)) break;
@@ -95,15 +96,14 @@ void SmallFiles::State::dropBatch(BatchPtr batch) {
   retire(batch);
 }
 
-void SmallFiles::State::start(const BatchPtr& batch) {
+void SmallFiles::State::start(const BatchPtr& batch, const PathLease& path) {
   if (!batch) return;
-  std::vector<FilePiece> pieces;
-  pieces.reserve(batch->items.size());
+  std::vector<SmallFileRequest> files;
+  files.reserve(batch->items.size());
   for (const Item& item : batch->items) {
-    pieces.push_back({joinPath(batch->directory, item.name), 0,
-                      static_cast<std::uint32_t>(item.expected.st_size)});
+    files.push_back({item.name, static_cast<std::uint32_t>(item.expected.st_size)});
   }
-  mDisk.readSmallFiles(pieces, [self = shared_from_this(), batch](Result<FilePieces> answer) {
+  mDisk.readSmallFiles(path, files, [self = shared_from_this(), batch](Result<FilePieces> answer) {
     self->arrived(batch, std::move(answer));
   });
 }
@@ -111,7 +111,7 @@ void SmallFiles::State::start(const BatchPtr& batch) {
 void SmallFiles::State::arrived(const BatchPtr& batch, Result<FilePieces> answer) {
   const bool complete = answer && answer->pieces.size() == batch->items.size();
   mWindow.finished(batch->ticket, complete ? answer->storage.size() : 0);
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (complete) {
     batch->answer = std::move(*answer);
     for (std::size_t i = 0; i < batch->items.size(); ++i) {
@@ -126,7 +126,7 @@ void SmallFiles::State::arrived(const BatchPtr& batch, Result<FilePieces> answer
     dropBatch(batch);
   }
   batch->arrived = true;
-  if (batch->waiting > 0) batch->arrival.notify_all();
+  if (batch->waiting > 0) batch->arrival.notifyAll();
 }
 
 void SmallFiles::State::forgetDirectory(Directories::iterator directory) {
@@ -136,32 +136,22 @@ void SmallFiles::State::forgetDirectory(Directories::iterator directory) {
   mDirectories.erase(directory);
 }
 
-void SmallFiles::State::forget(std::string_view path) {
-  const std::lock_guard lock(mMutex);
-  const auto parent = mDirectories.find(parentPath(path));
-  if (parent != mDirectories.end()) {
-    auto& cached = parent->second.cached;
-    if (const auto found = cached.find(std::string(baseName(path))); found != cached.end()) {
-      const BatchPtr batch = found->second.batch;
-      found->second.item().cached = false;
-      cached.erase(found);
-      ReadCounters::add(mCounters.smallFilesWasted, 1);
-      if (--batch->cached == 0) retire(batch);
-    }
-  }
-  // "/a-b" comes between "/a" and "/a/b".
-  for (auto at = mDirectories.lower_bound(path);
-       at != mDirectories.end() && at->first.starts_with(path);) {
-    const auto here = at++;
-    const std::string& found = here->first;
-    if (path == "/" || found.size() == path.size() || found[path.size()] == '/') {
-      forgetDirectory(here);
-    }
-  }
+void SmallFiles::State::forget(NodeId id, std::string_view name) {
+  const MutexLock lock(mMutex);
+  const auto directory = mDirectories.find(id);
+  if (directory == mDirectories.end()) return;
+  auto& cached = directory->second.cached;
+  const auto found = cached.find(std::string(name));
+  if (found == cached.end()) return;
+  const BatchPtr batch = found->second.batch;
+  found->second.item().cached = false;
+  cached.erase(found);
+  ReadCounters::add(mCounters.smallFilesWasted, 1);
+  if (--batch->cached == 0) retire(batch);
 }
 
 void SmallFiles::State::clear() {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   while (!mBatches.empty()) dropBatch(mBatches.front());
   mDirectories.clear();
 }
