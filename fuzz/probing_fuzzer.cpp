@@ -2,7 +2,7 @@
 // included; and what the mounting programs are told then.
 #include "fuzzed_disk.h"
 #include "host/local_disk.h"
-#include "host/text.h"
+#include "support/printable.h"
 #include "service/command.h"
 #include "service/udisk_service.h"
 
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const host::Partition& part : found.partitions) {
     for (const std::string& text : {part.device, part.label, part.type}) {
       EXPECT_LT(text.size(), 32U);
-      for (const char byte : host::printable(text)) EXPECT_TRUE(byte < 0 || byte >= ' ');
+      for (const char byte : printable(text)) EXPECT_TRUE(byte < 0 || byte >= ' ');
     }
   }
   if (!fuzz::kIsolated) return 0;

@@ -4,7 +4,7 @@
 
 #include "client/packet.h"
 #include "fuzzed_disk.h"
-#include "host/connection.h"
+#include "host/client_connection.h"
 #include "host/device_parameters.h"
 
 namespace zor::fuzz {
@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto params = toJson(host::makeParameters(disk.disk, "", false));
     host::ServedDirectory served(disk.disk);
     host::SharedBudget budget;
-    host::Connection connection(UniqueFd(ends[1]), {::getpid(), ::geteuid()}, module, served,
+    host::ClientConnection connection(UniqueFd(ends[1]), {::getpid(), ::geteuid()}, module, served,
                                 std::make_shared<host::HostDevBase>(params, nullptr, nullptr),
                                 budget);
     // The socket has room for all of an input.

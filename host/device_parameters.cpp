@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <stdexcept>
 
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 
@@ -17,7 +17,7 @@ void HostDevBase::TraceEvent(const std::string& traceId, const std::string& cont
 }
 
 int HostDevice::SendPacket(std::unique_ptr<ZorPacket> packet, int /*timeoutMs*/) {
-  return packet ? mLink.send(std::move(packet)) : -1;
+  return packet ? mStream.send(std::move(packet)) : -1;
 }
 
 void HostDevice::NotifyReadFailure(const std::string& path) {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "host/remote_link.h"
+#include "host/io/client_stream.h"
 #include "host/trace_file.h"
 #include "zor_dev_base.h"
 #include "zor_device.h"
@@ -12,7 +12,7 @@
 
 namespace zor::host {
 
-/// The description of the served directory; the same one for every remote.
+/// The description of the served directory; the same one for every client.
 class HostDevBase final : public ZorDevBase {
  public:
   /// `paths` and `trace` may be empty.
@@ -33,25 +33,25 @@ class HostDevBase final : public ZorDevBase {
   const std::shared_ptr<TraceFile> mTrace;
 };
 
-/// The device as one remote sees it.
+/// The device as one client sees it.
 class HostDevice final : public ZorDevice {
  public:
   static constexpr std::uint8_t kDeviceId = 1;
 
-  /// `link` and `requests` must outlive the device.
-  HostDevice(RemoteLink& link, RequestSource& requests, std::shared_ptr<HostDevBase> base)
-      : mLink(link), mBase(std::move(base)), mRequests(*this, requests) {}
+  /// `stream` and `requests` must outlive the device.
+  HostDevice(ClientStream& stream, RequestSource& requests, std::shared_ptr<HostDevBase> base)
+      : mStream(stream), mBase(std::move(base)), mRequests(*this, requests) {}
 
   std::shared_ptr<ZorDevBase> GetDevBase() override { return mBase; }
   std::uint8_t GetDevId() override { return kDeviceId; }
 
-  /// See RemoteLink::send. Waits as long as it takes, whatever `timeoutMs` says: a
+  /// See ClientStream::send. Waits as long as it takes, whatever `timeoutMs` says: a
   /// packet cannot be given up half-way without losing the stream.
   int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override;
   void NotifyReadFailure(const std::string& path) override;
 
  private:
-  RemoteLink& mLink;
+  ClientStream& mStream;
   const std::shared_ptr<HostDevBase> mBase;
   const RequestSourceOffer mRequests;
 };

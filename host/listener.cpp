@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

@@ -35,7 +35,10 @@ bool isReady(int fd, std::chrono::milliseconds patience) {
 }  // namespace
 
 LogSink::LogSink(int fd) : mFd(fd), mFormatter(std::make_unique<spdlog::pattern_formatter>()) {
-  mLimit.write = [this](const std::string& text) { putNotice(text); };
+  mLimit.write = [this](const std::string& text) {
+    mMutex.assertHeld();
+    putNotice(text);
+  };
 }
 
 void LogSink::startThread() {
@@ -43,24 +46,26 @@ void LogSink::startThread() {
   sigset_t all, before;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mState = State::kThread;
   mThread = std::thread([this] { runThread(); });
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void LogSink::stopThread() noexcept {
-  std::unique_lock lock(mMutex);
+  MutexLock lock(mMutex);
   mLimit.report();
   if (mState != State::kThread) return;
   mState = State::kStopping;
-  mChanged.notify_all();
+  mToWrite.notifyOne();
   const auto end = std::chrono::steady_clock::now() + kEndPatience;
   bool moves = true;
   while (mState == State::kStopping && moves && std::chrono::steady_clock::now() < end) {
-    moves = mChanged.wait_for(lock, kStillPatience, [this, before = mPieces] {
-      return mState != State::kStopping || mPieces != before;
-    });
+    const std::uint64_t before = mPieces;
+    const auto still = std::chrono::steady_clock::now() + kStillPatience;
+    while (mState == State::kStopping && mPieces == before && mProgress.waitUntil(mMutex, still)) {
+    }
+    moves = mState != State::kStopping || mPieces != before;
   }
   if (mState == State::kStopping) {
     mState = State::kHanging;
@@ -72,12 +77,12 @@ void LogSink::stopThread() noexcept {
 }
 
 void LogSink::log(const spdlog::details::log_msg& line) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   const std::string_view text(line.payload.data(), line.payload.size());
   if (line.level >= spdlog::level::info) {
     const bool wasPending = mLimit.isPending();
     if (!mLimit.admits(text, std::chrono::steady_clock::now())) {
-      if (!wasPending) mChanged.notify_all();  // the thread reports it when the period is over
+      if (!wasPending) mToWrite.notifyOne();  // the thread reports it when the period is over
       return;
     }
   }
@@ -85,7 +90,7 @@ void LogSink::log(const spdlog::details::log_msg& line) {
 }
 
 void LogSink::print(const std::string& text) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   if (mState == State::kDirect) writeDirectly(text);
 }
 
@@ -94,7 +99,7 @@ void LogSink::set_pattern(const std::string& pattern) {
 }
 
 void LogSink::set_formatter(std::unique_ptr<spdlog::formatter> formatter) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   mFormatter = std::move(formatter);
 }
 
@@ -114,7 +119,7 @@ void LogSink::put(const spdlog::details::log_msg& line) {
   }
   reportLoss();
   mQueue += bytes;
-  mChanged.notify_all();
+  mToWrite.notifyOne();
 }
 
 void LogSink::putNotice(const std::string& text) {
@@ -147,35 +152,35 @@ void LogSink::writeDirectly(std::string_view line) {
 
 void LogSink::runThread() {
   ::prctl(PR_SET_NAME, "udisk-log");
-  std::unique_lock lock(mMutex);
+  MutexLock lock(mMutex);
   while (mState != State::kHanging) {
     if (!mQueue.empty()) {
-      writeOut(std::exchange(mQueue, {}), lock);
+      writeOut(std::exchange(mQueue, {}));
     } else if (mLost > 0) {
       reportLoss();
     } else if (mState != State::kThread) {
       break;
     } else if (mLimit.isPending()) {
-      if (mChanged.wait_until(lock, mLimit.periodEnd()) == std::cv_status::timeout) mLimit.report();
+      if (!mToWrite.waitUntil(mMutex, mLimit.periodEnd())) mLimit.report();
     } else {
-      mChanged.wait(lock);
+      mToWrite.wait(mMutex);
     }
   }
   if (mState == State::kStopping) mState = State::kDirect;
-  mChanged.notify_all();
+  mProgress.notifyOne();
 }
 
-void LogSink::writeOut(const std::string& lines, std::unique_lock<std::mutex>& lock) {
+void LogSink::writeOut(const std::string& lines) {
   for (std::string_view rest(lines); !rest.empty();) {
     // Whole lines, as many as a pipe takes with nothing of others in between.
     std::size_t end = rest.rfind('\n', PIPE_BUF - 1);
     if (end == rest.npos) end = rest.find('\n');
-    lock.unlock();
+    mMutex.unlock();
     writePiece(rest.substr(0, end + 1));
-    lock.lock();
+    mMutex.lock();
     rest.remove_prefix(end + 1);
     ++mPieces;
-    mChanged.notify_all();
+    mProgress.notifyOne();
   }
 }
 

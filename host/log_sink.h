@@ -3,15 +3,14 @@
 
 #include <spdlog/sinks/sink.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include "host/log_limit.h"
+#include "support/mutex.h"
 
 namespace zor::host {
 
@@ -41,24 +40,24 @@ class LogSink : public spdlog::sinks::sink {
  private:
   enum class State { kDirect, kThread, kStopping, kHanging };
 
-  void put(const spdlog::details::log_msg& line);
-  void putNotice(const std::string& text);
-  void reportLoss();
-  void writeDirectly(std::string_view line);
+  void put(const spdlog::details::log_msg& line) REQUIRES(mMutex);
+  void putNotice(const std::string& text) REQUIRES(mMutex);
+  void reportLoss() REQUIRES(mMutex);
+  void writeDirectly(std::string_view line) REQUIRES(mMutex);
   void runThread();
-  void writeOut(const std::string& lines, std::unique_lock<std::mutex>& lock);
+  void writeOut(const std::string& lines) REQUIRES(mMutex);
   void writePiece(std::string_view rest) const noexcept;
 
   const int mFd;
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::unique_ptr<spdlog::formatter> mFormatter;
-  LogLimit mLimit;
-  State mState = State::kDirect;
-  std::string mQueue;
-  std::uint64_t mLost = 0;
-  std::uint64_t mPieces = 0;  ///< written by the thread
-  bool mTorn = false;         ///< the output ends in the middle of a line
+  Mutex mMutex;
+  Condition mToWrite, mProgress;
+  std::unique_ptr<spdlog::formatter> mFormatter GUARDED_BY(mMutex);
+  LogLimit mLimit GUARDED_BY(mMutex);
+  State mState GUARDED_BY(mMutex) = State::kDirect;
+  std::string mQueue GUARDED_BY(mMutex);
+  std::uint64_t mLost GUARDED_BY(mMutex) = 0;
+  std::uint64_t mPieces GUARDED_BY(mMutex) = 0;  ///< written by the thread
+  bool mTorn GUARDED_BY(mMutex) = false;         ///< the output ends in the middle of a line
   std::thread mThread;
 };
 

@@ -3,8 +3,8 @@
 #include <exception>
 
 #include "host/descriptors.h"
+#include "host/host_program.h"
 #include "host/log_sink.h"
-#include "host/program.h"
 #include "support/standard_descriptors.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

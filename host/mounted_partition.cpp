@@ -20,9 +20,9 @@
 #include <utility>
 
 #include "host/partition_lock.h"
-#include "host/text.h"
 #include "service/mount_table.h"
 #include "service/partition_mounter.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

@@ -13,8 +13,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/text.h"
 #include "service/mount_table.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

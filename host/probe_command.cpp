@@ -9,7 +9,7 @@
 #include <string>
 
 #include "host/local_disk.h"
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

@@ -17,7 +17,7 @@
 
 #include "host/landlock.h"
 #include "host/system_call_filter.h"
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

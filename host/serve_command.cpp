@@ -29,8 +29,8 @@
 #include "host/sandbox.h"
 #include "host/served_directory.h"
 #include "host/server.h"
-#include "host/text.h"
 #include "morvel_log.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {

@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "host/text.h"
+#include "support/printable.h"
 #include "support/unique_fd.h"
 
 namespace zor::host {
@@ -48,27 +48,32 @@ ServedDirectory::~ServedDirectory() { stopWatching(); }
 
 void ServedDirectory::stopWatching() {
   {
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     mStop = true;
   }
-  mCond.notify_one();
+  mStopping.notifyOne();
   if (mThread.joinable()) mThread.join();
 }
 
 void ServedDirectory::watch() {
   mThread = std::thread([this] {
-    std::unique_lock lock(mMutex);
-    while (!mCond.wait_for(lock, kPeriod, [this] { return mStop; })) look();
+    const MutexLock lock(mMutex);
+    auto next = std::chrono::steady_clock::now() + kPeriod;
+    while (!mStop) {
+      if (mStopping.waitUntil(mMutex, next)) continue;
+      check();
+      next = std::chrono::steady_clock::now() + kPeriod;
+    }
   });
 }
 
 bool ServedDirectory::isThere() {
-  const std::lock_guard lock(mMutex);
-  return look();
+  const MutexLock lock(mMutex);
+  return check();
 }
 
 bool ServedDirectory::is(std::uint64_t device, std::uint64_t inode) {
-  const std::lock_guard lock(mMutex);
+  const MutexLock lock(mMutex);
   return mIdentity.device == device && mIdentity.inode == inode;
 }
 
@@ -86,8 +91,7 @@ bool ServedDirectory::identify(Identity& found) const noexcept {
   return true;
 }
 
-// REQUIRES: mMutex.
-bool ServedDirectory::look() {
+bool ServedDirectory::check() {
   Identity found;
   bool same = identify(found) && found.device == mIdentity.device &&
               found.inode == mIdentity.inode && (!mConfined || found.mount == mIdentity.mount);

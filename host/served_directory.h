@@ -1,11 +1,11 @@
 // The directory that is served, and whether it is still there.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "support/mutex.h"
 
 namespace zor::host {
 
@@ -47,16 +47,17 @@ class ServedDirectory {
   };
 
   bool identify(Identity& found) const noexcept;
-  bool look();
+  bool check() REQUIRES(mMutex);
 
   const std::string mPath;
   bool mConfined = false;
-  std::mutex mMutex;  ///< guards what follows
-  Identity mIdentity;
-  std::string mDevice;  ///< shows that the block device is there; empty when there is none
-  bool mThere = true;
-  bool mStop = false;
-  std::condition_variable mCond;
+  Mutex mMutex;
+  Identity mIdentity GUARDED_BY(mMutex);
+  /// Shows that the block device is there; empty when there is none.
+  std::string mDevice GUARDED_BY(mMutex);
+  bool mThere GUARDED_BY(mMutex) = true;
+  bool mStop GUARDED_BY(mMutex) = false;
+  Condition mStopping;
   std::thread mThread;
 };
 

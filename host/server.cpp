@@ -15,8 +15,8 @@
 #include <optional>
 #include <utility>
 
-#include "host/connection.h"
-#include "host/text.h"
+#include "host/client_connection.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {
@@ -71,7 +71,7 @@ class Server {
     mListener.close();
     mClosed();
     mPause.cancel();
-    for (Connection& connection : mConnections) connection.end();
+    for (ClientConnection& connection : mConnections) connection.end();
     if (mConnections.empty()) return mContext.stop();
     mPause.expires_after(kEndPatience);
     mPause.async_wait([this](const asio::error_code& error) {
@@ -89,15 +89,15 @@ class Server {
   }
 
   void report() {
-    Connection::Figures all = mLeft;
-    for (const Connection& connection : mConnections) all += connection.figures();
+    ClientConnection::Figures all = mLeft;
+    for (const ClientConnection& connection : mConnections) all += connection.figures();
     print(
         "served {} clients, {} requests, {} bytes received, {} bytes sent; now {} clients, {} "
         "drivers being closed, {} requests waiting, {} bytes in memory",
         mCount, all.packets, all.received, all.sent, clients(), mConnections.size() - clients(),
         all.waitingPackets, all.waitingBytes);
-    for (const Connection& connection : mConnections) {
-      const Connection::Figures own = connection.figures();
+    for (const ClientConnection& connection : mConnections) {
+      const ClientConnection::Figures own = connection.figures();
       print(
           "{} process {} of user {}: {} requests, {} bytes received, {} bytes sent, {} requests "
           "waiting, {} bytes in memory",
@@ -111,7 +111,7 @@ class Server {
   std::size_t clients() const {
     return static_cast<std::size_t>(
         std::count_if(mConnections.begin(), mConnections.end(),
-                      [](const Connection& connection) { return !connection.clientGone(); }));
+                      [](const ClientConnection& connection) { return !connection.clientGone(); }));
   }
   bool manyClosing() const { return mConnections.size() - clients() >= kMaxClients; }
 
@@ -166,12 +166,12 @@ class Server {
           "being served; does the disk hang?",
           peer.pid, mConnections.size() - clients());
     } else {
-      spdlog::info("a remote connected (process {})", peer.pid);
+      spdlog::info("a client connected (process {})", peer.pid);
       start(std::move(socket), {peer.pid, peer.uid});
     }
   }
 
-  void start(UniqueFd socket, Connection::Client client) {
+  void start(UniqueFd socket, ClientConnection::Client client) {
     try {
       mConnections.emplace_back(std::move(socket), client, mModule, mDisk, mBase, mShared);
     } catch (const std::exception& error) {
@@ -190,8 +190,8 @@ class Server {
     }
   }
 
-  void onFinished(std::list<Connection>::iterator connection) {
-    Connection::Figures figures = connection->figures();
+  void onFinished(std::list<ClientConnection>::iterator connection) {
+    ClientConnection::Figures figures = connection->figures();
     figures.waitingPackets = figures.waitingBytes = 0;
     mLeft += figures;
     mConnections.erase(connection);
@@ -213,8 +213,8 @@ class Server {
   std::optional<asio::posix::stream_descriptor> mAcceptor;
   asio::steady_timer mPause{mContext};
   SharedBudget mShared;
-  std::list<Connection> mConnections;
-  Connection::Figures mLeft;  ///< of those that are gone
+  std::list<ClientConnection> mConnections;
+  ClientConnection::Figures mLeft;  ///< of those that are gone
   std::size_t mCount = 0;
   /// Newcomers wait so long for drivers that are being closed.
   std::optional<Clock::time_point> mWaitsUntil;

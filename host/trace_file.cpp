@@ -13,7 +13,8 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "host/text.h"
+#include "host/utf8.h"
+#include "support/printable.h"
 
 namespace zor::host {
 namespace {
@@ -85,7 +86,7 @@ void TraceFile::write(const std::string& traceId, const std::string& context,
                       const std::string& eventName, const TraceAttributes& attributes) noexcept {
   try {
     const std::string line = toLine(traceId, context, eventName, attributes);
-    const std::lock_guard lock(mMutex);
+    const MutexLock lock(mMutex);
     if (append(line) || mLossLogged) return;
     mLossLogged = true;
     spdlog::error("trace events are lost: cannot write {}: {}", printable(mPath),

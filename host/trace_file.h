@@ -1,9 +1,9 @@
 // Trace events as lines of a file.
 #pragma once
 
-#include <mutex>
 #include <string>
 
+#include "support/mutex.h"
 #include "support/unique_fd.h"
 #include "zor_dev_base.h"
 
@@ -25,13 +25,13 @@ class TraceFile {
              const TraceAttributes& attributes) noexcept;
 
  private:
-  bool append(const std::string& line) noexcept;
+  bool append(const std::string& line) noexcept REQUIRES(mMutex);
 
   const std::string mPath;
   const UniqueFd mFile;
-  std::mutex mMutex;
-  bool mTorn = false;        ///< the file ends in the middle of a line
-  bool mLossLogged = false;  ///< the one line about lost events was written
+  Mutex mMutex;
+  bool mTorn GUARDED_BY(mMutex) = false;        ///< the file ends in the middle of a line
+  bool mLossLogged GUARDED_BY(mMutex) = false;  ///< the one line about lost events was written
 };
 
 }  // namespace zor::host

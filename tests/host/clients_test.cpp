@@ -44,7 +44,7 @@ TEST_F(ClientsTest, SeeWhatTheOthersDo) {
     one.receive();
     EXPECT_TRUE(has(two, "/new"));
   }
-  ASSERT_TRUE(eventually([&] { return logged("the remote left") == 1; }));
+  ASSERT_TRUE(eventually([&] { return logged("the client left") == 1; }));
   EXPECT_TRUE(Remote(mSocket).greeted());
 }
 
@@ -56,7 +56,7 @@ TEST_F(ClientsTest, DoNotWaitForTheirPredecessors) {
   serve({"--max-clients", "1", "--module", HOST_MODULES "stuck_module.so"});
   for (int i = 0; i < 8; ++i) {
     EXPECT_EQ(Remote(mSocket).receive(), request(100, 1234, "A")) << i;
-    EXPECT_TRUE(eventually([&] { return logged("the remote left") == i + 1; }));
+    EXPECT_TRUE(eventually([&] { return logged("the client left") == i + 1; }));
   }
   EXPECT_TRUE(Remote(mSocket).closedByHost());
   EXPECT_TRUE(logs("does the disk hang", 1));

@@ -61,7 +61,7 @@ TEST_F(EndTest, EndsWithinASecondWhateverIsGoingOn) {
   }
   serve({"--module", HOST_MODULES "silent_module.so"});
   const Remote remote(mSocket);
-  ASSERT_TRUE(eventually([&] { return logged("remote connected") == 1; }));
+  ASSERT_TRUE(eventually([&] { return logged("client connected") == 1; }));
   expectCleanEnd(SIGTERM);
   EXPECT_TRUE(remote.closedByHost());
 }
@@ -72,7 +72,7 @@ TEST_F(EndTest, EndsAtOnceOnASecondSignal) {
   ::setenv("TSAN_OPTIONS", ((options ? options : "") + ":report_thread_leaks=0"s).c_str(), 1);
   serve({"--module", HOST_MODULES "late_module.so"});
   const Remote remote(mSocket);
-  ASSERT_TRUE(eventually([&] { return logged("remote connected") == 1; }));
+  ASSERT_TRUE(eventually([&] { return logged("client connected") == 1; }));
   ::kill(mPid, SIGTERM);
   ::kill(mPid, SIGINT);
   EXPECT_EQ(exitCode(), 1);

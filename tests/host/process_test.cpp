@@ -31,7 +31,7 @@ TEST_F(HostTest, AnnouncesAndServesTheDirectoryWhateverItsName) {
     remote.send(bigEndian);
     EXPECT_EQ(remote.receiveBytes(bigEndian.size()), bigEndian);
   }
-  ASSERT_TRUE(eventually([&] { return logged("remote left") == 1; }));
+  ASSERT_TRUE(eventually([&] { return logged("client left") == 1; }));
   ::kill(mPid, SIGTERM);
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(slurp(mDirectory + "/trace"),
@@ -64,7 +64,7 @@ TEST_F(HostTest, EndsAMalformedConnectionWithOneLine) {
     EXPECT_TRUE(remote.closedByHost());
     EXPECT_TRUE(eventually([&] { return logged(row.line) == 1; }));
   }
-  EXPECT_EQ(logged("the remote left") + logged("has ended"), 0);
+  EXPECT_EQ(logged("the client left") + logged("has ended"), 0);
 }
 
 TEST_F(HostTest, SendsAwayWhoIsTooManyAndServesTheNextAtOnce) {

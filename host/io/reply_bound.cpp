@@ -1,4 +1,4 @@
-#include "host/reply_bound.h"
+#include "host/io/reply_bound.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "host/text.h"
+#include "host/utf8.h"
 
 #include <gtest/gtest.h>
 

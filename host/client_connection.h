@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "host/host_device.h"
+#include "host/io/client_stream.h"
+#include "host/io/receiver.h"
 #include "host/module_loader.h"
-#include "host/reception.h"
-#include "host/remote_link.h"
 #include "host/served_directory.h"
 #include "support/unique_fd.h"
 
@@ -25,7 +25,7 @@ namespace zor::host {
 /// What a client sent whole before it closed its side is served before the
 /// driver is closed, as long as replies can still be delivered: it may have
 /// sent writes that no reply confirms.
-class Connection {
+class ClientConnection {
  public:
   struct Client {
     pid_t process;
@@ -40,28 +40,28 @@ class Connection {
   };
 
   /// `module`, `disk` and `shared` must outlive the connection.
-  Connection(UniqueFd socket, Client client, const DriverModule& module, ServedDirectory& disk,
-             std::shared_ptr<HostDevBase> base, SharedBudget& shared)
+  ClientConnection(UniqueFd socket, Client client, const DriverModule& module,
+                   ServedDirectory& disk, std::shared_ptr<HostDevBase> base, SharedBudget& shared)
       : mClient(client),
         mModule(module),
         mDisk(disk),
-        mLink(std::move(socket), shared),
-        mReception(mLink),
-        mDevice(mLink, mReception, std::move(base)) {}
+        mStream(std::move(socket), shared),
+        mReceiver(mStream),
+        mDevice(mStream, mReceiver, std::move(base)) {}
   /// Ends the connection and waits for its thread.
-  ~Connection();
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
+  ~ClientConnection();
+  ClientConnection(const ClientConnection&) = delete;
+  ClientConnection& operator=(const ClientConnection&) = delete;
 
   /// Starts the thread. `finished` is called on it as its last act, once the
   /// driver is gone. Throws std::system_error when there is no thread to be had.
   void start(std::function<void()> finished);
 
   /// Makes the thread finish soon. Any thread.
-  void end() noexcept { mLink.end(); }
+  void end() noexcept { mStream.end(); }
 
   /// Whether the client is gone, although the driver may still be there.
-  bool clientGone() const noexcept { return mLink.ended() || mLink.remoteGone(); }
+  bool clientGone() const noexcept { return mStream.ended() || mStream.clientGone(); }
 
   const Client& client() const noexcept { return mClient; }
   Figures figures() const noexcept;
@@ -74,8 +74,8 @@ class Connection {
   const Client mClient;
   const DriverModule& mModule;
   ServedDirectory& mDisk;
-  RemoteLink mLink;
-  Reception mReception;
+  ClientStream mStream;
+  Receiver mReceiver;
   HostDevice mDevice;
   std::thread mThread;
 };

@@ -1,4 +1,4 @@
-#include "host/receive_budget.h"
+#include "host/io/receive_budget.h"
 
 #include <algorithm>
 
@@ -43,7 +43,7 @@ bool ReceiveBudget::acquire(Charge charge) {
   if (!hasRoom(amount)) {
     const auto limit = static_cast<std::int64_t>(mLimit);
     // Waiting for a good deal more than is needed now keeps the receiver from
-    // being woken for every single packet of a remote that is always ahead.
+    // being woken for every single packet of a client that is always ahead.
     if (!waitFor(std::max<std::int64_t>(0, std::min(limit - amount, limit / 2)))) return false;
   }
   if (mStopped.load()) return false;
@@ -83,11 +83,11 @@ bool ReceiveBudget::keepsOthersWaiting() const noexcept {
 bool ReceiveBudget::waitIdle() { return waitFor(0); }
 
 bool ReceiveBudget::waitFor(std::int64_t level) {
-  std::unique_lock lock(mMutex);
+  const MutexLock lock(mMutex);
   // Either a release sees this level, or this thread sees what it released:
   // both sides write first and read then, in one total order.
   mWakeLevel.store(level);
-  mCond.wait(lock, [&] { return mStopped.load() || mInFlight.load() <= level; });
+  while (!mStopped.load() && mInFlight.load() > level) mFewer.wait(mMutex);
   mWakeLevel.store(-1);
   return !mStopped.load();
 }
@@ -96,19 +96,20 @@ void ReceiveBudget::ReleasePacket(std::size_t token) noexcept {
   const Charge charge = Charge::of(token);
   const std::int64_t amount = charge.sum();
   mRequestBytes.fetch_sub(charge.request, std::memory_order_relaxed);
-  if (mPackets.fetch_sub(1) == 1 && mIdle) mIdle();
+  mPackets.fetch_sub(1);
   uncount(amount);
   const std::int64_t inFlight = mInFlight.fetch_sub(amount) - amount;
   if (inFlight > mWakeLevel.load()) return;
-  const std::lock_guard lock(mMutex);
-  mCond.notify_one();
+  const MutexLock lock(mMutex);
+  mFewer.notifyOne();
 }
 
-void ReceiveBudget::stop() noexcept {
-  mStopped.store(true);
+bool ReceiveBudget::stop() noexcept {
+  if (mStopped.exchange(true)) return false;
   mShared.wake();
-  const std::lock_guard lock(mMutex);
-  mCond.notify_one();
+  const MutexLock lock(mMutex);
+  mFewer.notifyOne();
+  return true;
 }
 
 }  // namespace zor::host

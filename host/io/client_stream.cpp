@@ -1,4 +1,4 @@
-#include "host/remote_link.h"
+#include "host/io/client_stream.h"
 
 #include <poll.h>
 #include <spdlog/spdlog.h>
@@ -13,7 +13,7 @@
 namespace zor::host {
 namespace {
 
-// How long a remote may do nothing while others wait for the memory that it holds.
+// How long a client may do nothing while others wait for the memory that it holds.
 constexpr timeval kStandstill{5, 0};
 
 // An echoed request that came in network byte order is again what it was on
@@ -30,9 +30,9 @@ bool isAnnouncement(const ZorPacket& packet) noexcept {
 
 }  // namespace
 
-RemoteLink::RemoteLink(UniqueFd socket, SharedBudget& shared)
+ClientStream::ClientStream(UniqueFd socket, SharedBudget& shared)
     : mSocket(std::move(socket)),
-      mBudget(shared, [this] { mOutbox.flushUnlessHeld(); }),
+      mBudget(shared),
       mOutbox(mSocket.get(), mBudget, [this] { end(); }) {
   enlargeSendBuffer(mSocket.get());
   for (const int direction : {SO_RCVTIMEO, SO_SNDTIMEO}) {
@@ -40,7 +40,7 @@ RemoteLink::RemoteLink(UniqueFd socket, SharedBudget& shared)
   }
 }
 
-int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
+int ClientStream::send(std::unique_ptr<ZorPacket> packet) noexcept try {
   if (!packet->mBuffer || packet->mBuffer->data == nullptr) return -1;
   const std::uint32_t length = lengthOf(*packet);
   if (length < kPacketHeaderSize || length > packet->mBuffer->capacity) {
@@ -49,27 +49,27 @@ int RemoteLink::send(std::unique_ptr<ZorPacket> packet) noexcept try {
     return -1;
   }
   if (mDiverts.load(std::memory_order_relaxed)) {
-    const std::lock_guard lock(mStateMutex);
+    const MutexLock lock(mMutex);
     mDiverts = false;
     mDiverted = std::move(packet);
-    mStateCond.notify_all();
+    mDiversion.notifyOne();
     return 0;
   }
   const bool announcement = isAnnouncement(*packet);
   mBudget.chargeReply(*packet->mBuffer);
   if (!mOutbox.send(std::move(packet), length)) return -1;
   if (announcement) {
-    const std::lock_guard lock(mStateMutex);
+    const MutexLock lock(mMutex);
     mAnnounced = true;
-    mStateCond.notify_all();
+    mAnnouncement.notifyOne();
   }
   return 0;
 } catch (...) {
   return -1;
 }
 
-ssize_t RemoteLink::receive(std::span<iovec> space, Patience patience) noexcept {
-  const int flags = MSG_CMSG_CLOEXEC | (patience == Patience::kNone ? MSG_DONTWAIT : 0);
+ssize_t ClientStream::receive(std::span<iovec> space, Waiting waiting) noexcept {
+  const int flags = MSG_CMSG_CLOEXEC | (waiting == Waiting::kNonBlocking ? MSG_DONTWAIT : 0);
   msghdr message{};
   message.msg_iov = space.data();
   message.msg_iovlen = space.size();
@@ -80,7 +80,7 @@ ssize_t RemoteLink::receive(std::span<iovec> space, Patience patience) noexcept 
       return received;
     }
     if (errno == ECONNRESET) return 0;  // it left without reading everything
-    if (errno == EAGAIN && patience == Patience::kWait) {
+    if (errno == EAGAIN && waiting == Waiting::kBlocking) {
       if (mBudget.keepsOthersWaiting()) return -ETIMEDOUT;
     } else if (errno != EINTR) {
       return -errno;
@@ -89,36 +89,40 @@ ssize_t RemoteLink::receive(std::span<iovec> space, Patience patience) noexcept 
   return 0;
 }
 
-bool RemoteLink::waitReadable(std::chrono::milliseconds limit) const noexcept {
+bool ClientStream::waitReadable(std::chrono::milliseconds limit) const noexcept {
   pollfd state{mSocket.get(), POLLIN, 0};
   return ::poll(&state, 1, static_cast<int>(limit.count())) != 0;
 }
 
-void RemoteLink::end() noexcept {
-  if (mEnded.exchange(true)) return;
+void ClientStream::end() noexcept {
+  if (!mBudget.stop()) return;
   ::shutdown(mSocket.get(), SHUT_RDWR);
-  mBudget.stop();
-  mOutbox.end();
-  const std::lock_guard lock(mStateMutex);
-  mStateCond.notify_all();
+  mOutbox.wake();
+  const MutexLock lock(mMutex);
+  mAnnouncement.notifyOne();
+  mDiversion.notifyOne();
 }
 
-bool RemoteLink::remoteGone() const noexcept {
+bool ClientStream::clientGone() const noexcept {
   pollfd state{mSocket.get(), 0, 0};
   return ::poll(&state, 1, 0) == 1 && (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
-void RemoteLink::divertNext() { mDiverts = true; }
+void ClientStream::divertNext() { mDiverts = true; }
 
-std::unique_ptr<ZorPacket> RemoteLink::waitDiverted(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mStateMutex);
-  mStateCond.wait_for(lock, limit, [this] { return mDiverted || ended(); });
+std::unique_ptr<ZorPacket> ClientStream::waitDiverted(std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const MutexLock lock(mMutex);
+  while (!mDiverted && !ended() && mDiversion.waitUntil(mMutex, end)) {
+  }
   return std::move(mDiverted);
 }
 
-bool RemoteLink::waitAnnounced(std::chrono::milliseconds limit) {
-  std::unique_lock lock(mStateMutex);
-  mStateCond.wait_for(lock, limit, [this] { return mAnnounced || ended(); });
+bool ClientStream::waitAnnounced(std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const MutexLock lock(mMutex);
+  while (!mAnnounced && !ended() && mAnnouncement.waitUntil(mMutex, end)) {
+  }
   return mAnnounced && !ended();
 }
 

@@ -1,4 +1,4 @@
-#include "host/program.h"
+#include "host/host_program.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -11,7 +11,7 @@
 #include "host/log_sink.h"
 #include "host/probe_command.h"
 #include "host/serve_command.h"
-#include "host/text.h"
+#include "support/printable.h"
 
 namespace zor::host {
 

@@ -1,4 +1,4 @@
-#include "host/remote_link.h"
+#include "host/io/client_stream.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -19,10 +19,10 @@ namespace {
 using client::test::socketPair;
 using client::test::takeBytes;
 
-TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
+TEST(ClientStream, SendsNothingThatTheBufferDoesNotHold) {
   auto [near, far] = socketPair();
   SharedBudget shared;
-  RemoteLink link{UniqueFd(::dup(near.get())), shared};
+  ClientStream link{UniqueFd(::dup(near.get())), shared};
   const auto packet = [](std::uint32_t length) {
     auto made = std::make_unique<ZorPacket>(20);
     made->mHeader->length = length;
@@ -33,17 +33,17 @@ TEST(RemoteLink, SendsNothingThatTheBufferDoesNotHold) {
   }
   EXPECT_EQ(link.send(packet(20)), 0) << "a malformed packet does not end the link";
   EXPECT_EQ(takeBytes(far.get(), 20)[8], 20);
-  EXPECT_FALSE(link.ended() || link.remoteGone());
+  EXPECT_FALSE(link.ended() || link.clientGone());
   far.reset();
-  EXPECT_TRUE(link.remoteGone());
+  EXPECT_TRUE(link.clientGone());
   EXPECT_EQ(link.send(packet(20)), -1);
   EXPECT_TRUE(link.ended()) << "what is written in part ends the stream";
 }
 
-TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
+TEST(ClientStream, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
   const auto [near, far] = socketPair();
   SharedBudget shared;
-  RemoteLink link{UniqueFd(::dup(near.get())), shared};
+  ClientStream link{UniqueFd(::dup(near.get())), shared};
   constexpr std::size_t kSize = 300000;
   std::atomic<int> told{0};
   struct Listener final : WaitListener {
@@ -76,11 +76,11 @@ TEST(RemoteLink, KeepsThePacketsOfItsThreadsApartAndEndsThemTogether) {
 }
 
 // Neither by not reading nor by not sending may one keep what the others wait for.
-TEST(RemoteLink, GivesUpOneThatStandsStillOnlyIfOthersWaitForItsMemory) {
+TEST(ClientStream, GivesUpOneThatStandsStillOnlyIfOthersWaitForItsMemory) {
   for (const bool sends : {true, false}) {
     const auto [near, far] = socketPair();
     SharedBudget shared;
-    RemoteLink link{UniqueFd(::dup(near.get())), shared};
+    ClientStream link{UniqueFd(::dup(near.get())), shared};
     const timeval moment{0, 20000};
     ::setsockopt(near.get(), SOL_SOCKET, sends ? SO_SNDTIMEO : SO_RCVTIMEO, &moment, sizeof moment);
     std::atomic<bool> over{false};
@@ -93,7 +93,7 @@ TEST(RemoteLink, GivesUpOneThatStandsStillOnlyIfOthersWaitForItsMemory) {
         ASSERT_TRUE(link.budget().acquire({1, SharedBudget::kDefaultLimit}));
         char byte;
         iovec space{&byte, 1};
-        EXPECT_EQ(link.receive({&space, 1}, Patience::kWait), -ETIMEDOUT);
+        EXPECT_EQ(link.receive({&space, 1}, Waiting::kBlocking), -ETIMEDOUT);
       }
       over = true;
     });

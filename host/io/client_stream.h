@@ -1,4 +1,4 @@
-// The stream to one remote.
+// The stream to one client.
 #pragma once
 
 #include <sys/types.h>
@@ -6,13 +6,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <span>
 
-#include "host/outbox.h"
-#include "host/receive_budget.h"
+#include "host/io/outbox.h"
+#include "host/io/receive_budget.h"
+#include "support/mutex.h"
 #include "support/unique_fd.h"
 #include "zor_packet.h"
 
@@ -20,15 +19,17 @@ namespace zor::host {
 
 /// A connected stream socket with packets back to back in both directions.
 /// `receive` belongs to one thread at a time; everything else may be called on any.
-class RemoteLink {
+class ClientStream {
  public:
-  /// `shared` must outlive the link. Throws std::system_error when there is no thread
+  /// `shared` must outlive the stream. Throws std::system_error when there is no thread
   /// to be had.
-  RemoteLink(UniqueFd socket, SharedBudget& shared);
+  ClientStream(UniqueFd socket, SharedBudget& shared);
+  ~ClientStream() { end(); }
+  ClientStream(const ClientStream&) = delete;
+  ClientStream& operator=(const ClientStream&) = delete;
 
-  /// Takes over `packet`, to be written soon and whole; waits while the remote
-  /// does not read and much is waiting already. 0, or -1 when the packet is
-  /// malformed or the link has ended; a failed write ends the link.
+  /// Takes over `packet`, to be written soon and whole; waits while the client does not read. 0,
+  /// or -1 when the packet is malformed or the stream has ended; a failed write ends it.
   int send(std::unique_ptr<ZorPacket> packet) noexcept;
 
   /// Keeps the next packet that is sent for `waitDiverted`, which returns nothing when the
@@ -36,18 +37,14 @@ class RemoteLink {
   void divertNext();
   std::unique_ptr<ZorPacket> waitDiverted(std::chrono::milliseconds limit);
 
-  /// Waits until everything has been written, or the link has ended.
-  void drain() { mOutbox.drain(); }
+  /// Writes the replies that were coalesced. Cheap when there are none.
+  void flush() { mOutbox.flush(); }
 
-  /// See Outbox.
-  void hold(bool on) noexcept { mOutbox.hold(on); }
-  void flushUnlessHeld() { mOutbox.flushUnlessHeld(); }
-
-  /// Receives into `space`. The number of bytes; 0 when the remote has closed
-  /// its side or the link has ended; a negative errno value on failure, -EAGAIN
-  /// when there is nothing to receive and `patience` is kNone, -ETIMEDOUT when the
+  /// Receives into `space`. The number of bytes; 0 when the client has closed
+  /// its side or the stream has ended; a negative errno value on failure, -EAGAIN
+  /// when there is nothing to receive and `waiting` is kNonBlocking, -ETIMEDOUT when the
   /// remote sends nothing for long and holds memory that others wait for.
-  ssize_t receive(std::span<iovec> space, Patience patience) noexcept;
+  ssize_t receive(std::span<iovec> space, Waiting waiting) noexcept;
 
   /// Waits until there is something to receive, or the end. False when the time
   /// ran out before.
@@ -55,10 +52,10 @@ class RemoteLink {
 
   /// Ends both directions: whoever waits in any operation returns.
   void end() noexcept;
-  bool ended() const noexcept { return mEnded.load(); }
+  bool ended() const noexcept { return mBudget.stopped(); }
 
-  /// Whether the remote is gone altogether, so that nothing sent would arrive.
-  bool remoteGone() const noexcept;
+  /// Whether the client is gone altogether, so that nothing sent would arrive.
+  bool clientGone() const noexcept;
 
   /// Waits until the announcement of the disk has been sent. False when the
   /// link ended or the time ran out before.
@@ -72,12 +69,11 @@ class RemoteLink {
 
  private:
   const UniqueFd mSocket;
-  std::atomic<bool> mEnded{false};
   std::atomic<std::uint64_t> mReceived{0};
-  std::mutex mStateMutex;
-  std::condition_variable mStateCond;
-  bool mAnnounced = false;  ///< this and the next by mStateMutex
-  std::unique_ptr<ZorPacket> mDiverted;
+  Mutex mMutex;
+  Condition mAnnouncement, mDiversion;
+  bool mAnnounced GUARDED_BY(mMutex) = false;
+  std::unique_ptr<ZorPacket> mDiverted GUARDED_BY(mMutex);
   std::atomic<bool> mDiverts{false};
   ReceiveBudget mBudget;
   Outbox mOutbox;

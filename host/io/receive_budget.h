@@ -1,48 +1,43 @@
-// The bound on what a remote can have in flight.
+// The bound on what a client can have in flight.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <mutex>
-#include <utility>
 
-#include "host/shared_budget.h"
+#include "host/io/shared_budget.h"
+#include "support/mutex.h"
 #include "zor_packet.h"
 
 namespace zor::host {
 
 /// What to do when something is not to be had now.
-enum class Patience { kWait, kNone };
+enum class Waiting { kBlocking, kNonBlocking };
 
-/// Counts the memory of one remote's packets: of those that were received and are not yet done
+/// Counts the memory of one client's packets: of those that were received and are not yet done
 /// with, each together with the reply that it may lead to, and of the replies that wait to be
 /// written. One thread at a time receives; it takes from the budget before it makes a packet and
-/// waits there, with patience, while too much is in flight. Any thread gives back by destroying
+/// waits there, if it blocks, while too much is in flight. Any thread gives back by destroying
 /// a packet.
 ///
 /// Two bounds. Requests in flight and the replies that they may lead to never count more than
-/// `limit` bytes, or one request by itself when that is larger. And what all remotes hold
-/// beyond kOwnShare each comes out of `shared`. So a remote that does not read its replies
+/// `limit` bytes, or one request by itself when that is larger. And what all clients hold
+/// beyond kOwnShare each comes out of `shared`. So a client that does not read its replies
 /// leaves the others their share, and what all of them hold is at most the shares and the
 /// shared limit. (A listing is as large as its directory, and counts once it is made.)
 class ReceiveBudget final : public PacketBudget {
  public:
   static constexpr std::size_t kDefaultLimit = std::size_t{32} << 20;
-  /// What a remote can always have in flight. More than the requests of this project's own
+  /// What a client can always have in flight. More than the requests of this project's own
   /// clients take.
   static constexpr std::size_t kOwnShare = std::size_t{4} << 20;
   /// What a packet counts beside its bytes: the objects around them and the
   /// allocator's share.
   static constexpr std::size_t kPacketOverhead = 256;
 
-  /// `shared` must outlive the budget. `idle` is called, on any thread, when the last
-  /// request is done with.
-  explicit ReceiveBudget(SharedBudget& shared, std::function<void()> idle = {},
-                         std::size_t limit = kDefaultLimit)
-      : mShared(shared), mIdle(std::move(idle)), mLimit(limit) {}
+  /// `shared` must outlive the budget.
+  explicit ReceiveBudget(SharedBudget& shared, std::size_t limit = kDefaultLimit)
+      : mShared(shared), mLimit(limit) {}
 
   /// How many requests are in flight, and what they hold themselves, in bytes.
   std::size_t packets() const noexcept { return mPackets.load(std::memory_order_relaxed); }
@@ -73,7 +68,7 @@ class ReceiveBudget final : public PacketBudget {
   /// Counts a reply until it is destroyed. Does not wait: its request has done so.
   void chargeReply(PacketBuffer& reply) noexcept;
 
-  /// Whether this remote holds what another one waits for.
+  /// Whether this client holds what another one waits for.
   bool keepsOthersWaiting() const noexcept;
 
   /// Waits until no request is in flight. False when the budget was stopped.
@@ -82,8 +77,10 @@ class ReceiveBudget final : public PacketBudget {
   /// `token` is a charge's.
   void ReleasePacket(std::size_t token) noexcept override;
 
-  /// Makes every waiting, now and later, end at once. Any thread.
-  void stop() noexcept;
+  /// Makes every wait, now and later, end at once. False when it was stopped before. Any thread.
+  bool stop() noexcept;
+  /// Whether the connection has ended.
+  bool stopped() const noexcept { return mStopped.load(); }
 
  private:
   struct Replies final : PacketBudget {
@@ -95,13 +92,12 @@ class ReceiveBudget final : public PacketBudget {
   };
 
   bool hasRoom(std::int64_t count) const noexcept;
-  bool waitFor(std::int64_t level);
+  bool waitFor(std::int64_t level) EXCLUDES(mMutex);
   bool count(std::int64_t count, bool inTurn) noexcept;
   void uncount(std::int64_t count) noexcept;
   void begin(Charge charge) noexcept;
 
   SharedBudget& mShared;
-  const std::function<void()> mIdle;
   const std::size_t mLimit;
   Replies mReplies{*this};
   std::atomic<std::size_t> mPackets{0};
@@ -110,8 +106,8 @@ class ReceiveBudget final : public PacketBudget {
   std::atomic<std::int64_t> mTotal{0};       ///< these and the replies that there are
   std::atomic<bool> mWaitsForOthers{false};  ///< the receiver does
   std::atomic<std::int64_t> mWakeLevel{-1};  ///< what the receiver waits for; -1: it does not
-  std::mutex mMutex;
-  std::condition_variable mCond;
+  Mutex mMutex;                              ///< guards the order of a change and its notification
+  Condition mFewer;                          ///< requests in flight
   std::atomic<bool> mStopped{false};
 };
 

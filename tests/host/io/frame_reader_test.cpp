@@ -1,4 +1,4 @@
-#include "host/frame_reader.h"
+#include "host/io/frame_reader.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/receive_budget.h"
+#include "host/io/receive_budget.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ TEST(ReceiveBudget, NeverLetsMoreInFlightThanItsLimit) {
     return static_cast<std::uint32_t>(i % 97 == 0 ? 5 * kLimit : 1 + i * 31 % 700);
   };
   SharedBudget shared;
-  ReceiveBudget budget(shared, {}, kLimit);
+  ReceiveBudget budget(shared, kLimit);
   std::atomic<std::size_t> taken{0}, sum{0};
   std::thread consumer([&] {
     for (std::size_t i = 0; i < kCount; ++i) {
@@ -40,7 +40,7 @@ TEST(ReceiveBudget, NeverLetsMoreInFlightThanItsLimit) {
 
 TEST(ReceiveBudget, StopEndsEveryWaiting) {
   SharedBudget shared;
-  ReceiveBudget budget(shared, {}, 100);
+  ReceiveBudget budget(shared, 100);
   ASSERT_TRUE(budget.acquire({100}));
   std::thread waiter([&] { EXPECT_FALSE(budget.acquire({1})); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -1,4 +1,4 @@
-#include "host/shared_budget.h"
+#include "host/io/shared_budget.h"
 
 namespace zor::host {
 
@@ -20,19 +20,19 @@ void SharedBudget::giveBack(std::int64_t bytes) noexcept {
 }
 
 void SharedBudget::wait(const std::function<bool(bool)>& done) {
-  std::unique_lock lock(mMutex);
+  const MutexLock lock(mMutex);
   const std::uint64_t turn = mNextTurn++;
   mTurns.insert(turn);
   mWaiting.fetch_add(1);
-  mCond.wait(lock, [&] { return done(*mTurns.begin() == turn); });
+  while (!done(*mTurns.begin() == turn)) mChanged.wait(mMutex);
   mWaiting.fetch_sub(1);
   mTurns.erase(turn);
-  mCond.notify_all();  // the next one's turn
+  mChanged.notifyAll();  // the next one's turn
 }
 
 void SharedBudget::wake() noexcept {
-  const std::lock_guard lock(mMutex);
-  mCond.notify_all();
+  const MutexLock lock(mMutex);
+  mChanged.notifyAll();
 }
 
 }  // namespace zor::host

@@ -1,4 +1,4 @@
-#include "host/connection.h"
+#include "host/client_connection.h"
 
 #include <spdlog/spdlog.h>
 
@@ -32,7 +32,7 @@ struct CloseDriver {
 
 }  // namespace
 
-Connection::Figures& Connection::Figures::operator+=(const Figures& other) noexcept {
+ClientConnection::Figures& ClientConnection::Figures::operator+=(const Figures& other) noexcept {
   packets += other.packets;
   received += other.received;
   sent += other.sent;
@@ -41,27 +41,27 @@ Connection::Figures& Connection::Figures::operator+=(const Figures& other) noexc
   return *this;
 }
 
-Connection::Figures Connection::figures() const noexcept {
-  return {mReception.packets(), mLink.receivedBytes(), mLink.sentBytes(), mLink.budget().packets(),
-          mLink.budget().total()};
+ClientConnection::Figures ClientConnection::figures() const noexcept {
+  return {mReceiver.packets(), mStream.receivedBytes(), mStream.sentBytes(),
+          mStream.budget().packets(), mStream.budget().total()};
 }
 
-Connection::~Connection() {
+ClientConnection::~ClientConnection() {
   end();
   if (mThread.joinable()) mThread.join();
 }
 
-void Connection::start(std::function<void()> finished) {
+void ClientConnection::start(std::function<void()> finished) {
   mThread = std::thread([this, done = std::move(finished)] {
     run();
     done();
   });
 }
 
-void Connection::run() noexcept {
+void ClientConnection::run() noexcept {
   try {
     if (!mDisk.isThere()) {  // which says so once
-      mLink.end();
+      mStream.end();
       return;
     }
     const std::unique_ptr<ZorDriver, CloseDriver> driver(mModule.open(mDevice, "").release());
@@ -69,29 +69,29 @@ void Connection::run() noexcept {
       try {
         serve(*driver);
       } catch (...) {
-        mLink.end();  // or closing the driver could wait for a remote that does not read
+        mStream.end();  // or closing the driver could wait for a client that does not read
         throw;
       }
     } else {
       spdlog::error("the module could not open a driver; the client is sent away");
     }
-    mLink.end();
+    mStream.end();
   } catch (const std::exception& error) {
-    mLink.end();
+    mStream.end();
     spdlog::error("the connection failed: {}", error.what());
   }
 }
 
-void Connection::serve(ZorDriver& driver) {
-  if (!mLink.waitAnnounced(kAnnouncementPatience)) {
-    if (!mLink.ended()) spdlog::error("the driver does not announce its disk; giving it up");
+void ClientConnection::serve(ZorDriver& driver) {
+  if (!mStream.waitAnnounced(kAnnouncementPatience)) {
+    if (!mStream.ended()) spdlog::error("the driver does not announce its disk; giving it up");
     return;
   }
   if (mDisk.isConfined() || servesTheDisk(driver)) {
-    mReception.run(driver);
-    if (mLink.budget().waitIdle()) mLink.drain();
-  } else if (!mLink.ended()) {
-    mLink.end();
+    mReceiver.run(driver);
+    if (mStream.budget().waitIdle()) mStream.flush();
+  } else if (!mStream.ended()) {
+    mStream.end();
     spdlog::warn("refused a client (process {}): the driver met something else than the disk",
                  mClient.process);
   }
@@ -99,7 +99,7 @@ void Connection::serve(ZorDriver& driver) {
 
 // The driver opens the directory by its path, so somebody could have put another one there for
 // just that moment. It remembers what it met: what it says of the root now holds for good.
-bool Connection::servesTheDisk(ZorDriver& driver) {
+bool ClientConnection::servesTheDisk(ZorDriver& driver) {
   wire::FileAttrRecord record{};
   record.pathLength = 1;
   const auto fixed = wire::encoded(record);
@@ -109,9 +109,9 @@ bool Connection::servesTheDisk(ZorDriver& driver) {
       question->AppendPayload("/", 1) != 0) {
     return false;
   }
-  mLink.divertNext();
+  mStream.divertNext();
   driver.onEvent(std::move(question), 0);
-  const std::unique_ptr<ZorPacket> answer = mLink.waitDiverted(kAnnouncementPatience);
+  const std::unique_ptr<ZorPacket> answer = mStream.waitDiverted(kAnnouncementPatience);
   if (!answer) return false;
   wire::Cursor cursor(
       wire::Bytes(reinterpret_cast<const std::byte*>(answer->mBuffer->data),

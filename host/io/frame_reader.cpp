@@ -1,19 +1,19 @@
-#include "host/frame_reader.h"
+#include "host/io/frame_reader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "host/reply_bound.h"
+#include "host/io/io_policy.h"
+#include "host/io/reply_bound.h"
 #include "protocol/commands.h"
 
 namespace zor::host {
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{256} << 10;
-constexpr std::size_t kBulkyPacket = std::size_t{16} << 10;
-constexpr std::size_t kBehindBulky = std::size_t{2} << 10;
+constexpr std::size_t kBehindLarge = std::size_t{2} << 10;
 static_assert(kExaminedRequest < kBufferSize);
 
 }  // namespace
@@ -37,7 +37,7 @@ std::span<iovec> FrameReader::space() noexcept {
 // What goes through the buffer is copied, so behind a large packet, which is
 // likely to be followed by another one, little is taken in.
 std::size_t FrameReader::window() const noexcept {
-  return mHeader.length > kBulkyPacket && !mExamining ? kBehindBulky : kBufferSize;
+  return mHeader.length > IoPolicy::kMaxSmallPacket && !mExamining ? kBehindLarge : kBufferSize;
 }
 
 void FrameReader::commit(std::size_t count) noexcept {
@@ -49,9 +49,9 @@ void FrameReader::commit(std::size_t count) noexcept {
   mEnd += count;
 }
 
-FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet, Patience patience) {
+FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet, Waiting waiting) {
   if (!mPending) {
-    const Status status = begin(patience);
+    const Status status = begin(waiting);
     if (status != Status::kPacket) return status;
   }
   if (mFilled < mHeader.length) return Status::kMore;
@@ -61,7 +61,7 @@ FrameReader::Status FrameReader::next(std::unique_ptr<ZorPacket>& packet, Patien
 
 // Makes the packet whose header lies at mBegin and moves over to it what is
 // there of its payload.
-FrameReader::Status FrameReader::begin(Patience patience) {
+FrameReader::Status FrameReader::begin(Waiting waiting) {
   const std::size_t available = mEnd - mBegin;
   if (available == 0) return Status::kMore;
   const std::uint8_t* bytes = mBuffer.get() + mBegin;
@@ -80,7 +80,7 @@ FrameReader::Status FrameReader::begin(Patience patience) {
   const ReceiveBudget::Charge charge{
       mHeader.length + static_cast<std::uint32_t>(ReceiveBudget::kPacketOverhead),
       static_cast<std::uint32_t>(*reply)};
-  if (patience == Patience::kNone) {
+  if (waiting == Waiting::kNonBlocking) {
     if (!mBudget.tryAcquire(charge)) return Status::kNoRoom;
   } else if (!mBudget.acquire(charge)) {
     return Status::kStopped;

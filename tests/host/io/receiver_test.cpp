@@ -1,5 +1,5 @@
 // Who reads what a remote sends: this thread plays a driver's data-event thread.
-#include "host/reception.h"
+#include "host/io/receiver.h"
 
 #include <gtest/gtest.h>
 
@@ -72,15 +72,15 @@ class Intake final : public ZorRawDriver {
   std::vector<std::unique_ptr<ZorPacket>> mKept;  ///< guarded by mMutex
 };
 
-/// A remote, and a reception that runs on a thread of its own.
+/// A remote, and a receiver that runs on a thread of its own.
 struct Reading {
   Reading() {
     std::tie(mNear, remote) = socketPair();
-    mLink.emplace(std::move(mNear), mShared);
-    reception.emplace(*mLink);
+    mStream.emplace(std::move(mNear), mShared);
+    receiver.emplace(*mStream);
     mThread = std::thread([this] {
       try {
-        reception->run(intake);
+        receiver->run(intake);
       } catch (const std::exception& error) {
         failure = error.what();
       }
@@ -88,11 +88,11 @@ struct Reading {
     });
   }
   ~Reading() {
-    mLink->end();
+    mStream->end();
     mThread.join();
   }
 
-  void end() { mLink->end(); }
+  void end() { mStream->end(); }
   void send(const std::string& bytes) const { sendBytes(remote.get(), bytes); }
   bool arrived(std::size_t count) const {
     return eventually([&] { return intake.count == count; });
@@ -104,7 +104,7 @@ struct Reading {
       ASSERT_LT(std::chrono::steady_clock::now(), limit) << "never lent";
       const std::size_t next = intake.count + 1;
       send(packetOf(119, 0));
-      while (intake.count < next) reception->poll();
+      while (intake.count < next) receiver->poll();
     }
   }
 
@@ -112,23 +112,23 @@ struct Reading {
   Intake intake;
   std::string failure;  ///< once over
   std::atomic<bool> over{false};
-  std::optional<Reception> reception;
+  std::optional<Receiver> receiver;
 
  private:
   UniqueFd mNear;
   SharedBudget mShared;
-  std::optional<RemoteLink> mLink;
+  std::optional<ClientStream> mStream;
   std::thread mThread;
 };
 
-TEST(Reception, ADriverThatDoesNotAskGetsEverythingAllTheSame) {
+TEST(Receiver, ADriverThatDoesNotAskGetsEverythingAllTheSame) {
   Reading reading;
   for (std::uint32_t id = 1; id <= 100; ++id) reading.send(packetOf(119, id));
   EXPECT_TRUE(reading.arrived(100));
   EXPECT_EQ(reading.intake.here, 0U);
 }
 
-TEST(Reception, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
+TEST(Receiver, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
   Reading reading;
   const Intake& intake = reading.intake;
   constexpr std::uint32_t kCount = 3000;
@@ -144,8 +144,8 @@ TEST(Reception, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
     }
   });
   while (intake.count < kCount) {
-    reading.reception->poll();
-    if (intake.count % 5 == 0) reading.reception->await();
+    reading.receiver->poll();
+    if (intake.count % 5 == 0) reading.receiver->await();
     if (intake.count % 101 == 0) std::this_thread::sleep_for(10ms);
   }
   sender.join();
@@ -154,19 +154,19 @@ TEST(Reception, EveryPacketArrivesOnceAndInOrderWhoeverReads) {
   EXPECT_LT(intake.here, kCount);
 }
 
-TEST(Reception, TheOtherThreadGoesOnWhereThisOneStops) {
+TEST(Receiver, TheOtherThreadGoesOnWhereThisOneStops) {
   Reading reading;
   const std::string split = packetOf(119, 3, 1000);
   const std::function<void()> stops[] = {
       [&] { reading.send(packetOf(513, 1)); },  // it is busy and does not ask
       [&] {
-        while (reading.reception->await()) {  // until nothing has come for long
+        while (reading.receiver->await()) {  // until nothing has come for long
         }
         reading.send(packetOf(119, 2));
       },
       [&] {
         reading.send(split.substr(0, 500));
-        reading.reception->await();
+        reading.receiver->await();
         reading.send(split.substr(500));
       },
   };
@@ -179,26 +179,26 @@ TEST(Reception, TheOtherThreadGoesOnWhereThisOneStops) {
 }
 
 // A request would lie there until the reading is taken back.
-TEST(Reception, NothingIsLentToWhoWentToSleepMeanwhile) {
+TEST(Receiver, NothingIsLentToWhoWentToSleepMeanwhile) {
   Reading reading;
   reading.takeOver();
-  while (reading.reception->await()) {
+  while (reading.receiver->await()) {
   }
   const std::size_t count = reading.intake.count, here = reading.intake.here;
   reading.intake.shut = true;
   reading.send(packetOf(119, 1));
   EXPECT_TRUE(eventually([&] { return reading.intake.begun == count + 1; }));
-  reading.reception->poll();
-  EXPECT_FALSE(reading.reception->await());
+  reading.receiver->poll();
+  EXPECT_FALSE(reading.receiver->await());
   reading.intake.shut = false;
   while (reading.intake.count == count) std::this_thread::yield();
   reading.send(packetOf(119, 2));
-  while (reading.intake.count < count + 2) reading.reception->await();
+  while (reading.intake.count < count + 2) reading.receiver->await();
   EXPECT_EQ(reading.intake.here, here);
 }
 
 // Who serves must not wait for memory that only serving gives back.
-TEST(Reception, AFullBudgetIsWaitedForByTheOtherThread) {
+TEST(Receiver, AFullBudgetIsWaitedForByTheOtherThread) {
   Reading reading;
   reading.intake.keeps = true;
   for (int i = 0; i < 31; ++i) reading.send(packetOf(106, 0, (1U << 20) - 16));
@@ -207,14 +207,14 @@ TEST(Reception, AFullBudgetIsWaitedForByTheOtherThread) {
   const std::size_t all = reading.intake.count + 130;  // 123 at most have room
   for (std::size_t i = reading.intake.count; i < all; ++i) {
     reading.send(packetOf(106, 0, (8U << 10) - 16));
-    reading.reception->await();
+    reading.receiver->await();
   }
   EXPECT_LT(reading.intake.count, all);
   reading.intake.letGo();
   EXPECT_TRUE(reading.arrived(all));
 }
 
-TEST(Reception, TheEndIsTheEndWhoeverMeetsIt) {
+TEST(Receiver, TheEndIsTheEndWhoeverMeetsIt) {
   const struct {
     std::function<void(Reading&)> end;
     std::string failure;
@@ -228,9 +228,9 @@ TEST(Reception, TheEndIsTheEndWhoeverMeetsIt) {
     Reading reading;
     reading.takeOver();
     row.end(reading);
-    reading.reception->await();
+    reading.receiver->await();
     EXPECT_TRUE(eventually([&] { return reading.over.load(); })) << &row - table;
-    EXPECT_FALSE(reading.reception->await());
+    EXPECT_FALSE(reading.receiver->await());
     EXPECT_EQ(reading.failure, row.failure);
   }
 }

@@ -1,6 +1,8 @@
-#include "host/text.h"
+#include "host/utf8.h"
 
 #include <cstddef>
+
+#include "support/printable.h"
 
 namespace zor::host {
 

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <set>
+
+#include "support/mutex.h"
 
 namespace zor::host {
 
@@ -44,10 +44,10 @@ class SharedBudget {
   const std::int64_t mLimit;
   std::atomic<std::int64_t> mTaken{0};
   std::atomic<std::size_t> mWaiting{0};
-  std::mutex mMutex;  ///< guards what follows
-  std::condition_variable mCond;
-  std::set<std::uint64_t> mTurns;  ///< of those who wait
-  std::uint64_t mNextTurn = 0;
+  Mutex mMutex;
+  Condition mChanged;
+  std::set<std::uint64_t> mTurns GUARDED_BY(mMutex);  ///< of those who wait
+  std::uint64_t mNextTurn GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace zor::host

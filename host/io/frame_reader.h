@@ -9,7 +9,7 @@
 #include <memory>
 #include <span>
 
-#include "host/receive_budget.h"
+#include "host/io/receive_budget.h"
 #include "zor_packet.h"
 
 namespace zor::host {
@@ -29,7 +29,7 @@ class FrameReader {
     kBadMagic,   ///< the stream is not made of packets; `header` tells
     kBadLength,  ///< a length below the header's size or above the maximum
     kNoMemory,
-    kNoRoom,   ///< in the budget, for who does not wait
+    kNoRoom,   ///< in the budget, non-blocking
     kStopped,  ///< the budget was stopped
   };
 
@@ -42,10 +42,10 @@ class FrameReader {
   /// The first `count` bytes of `space` are filled.
   void commit(std::size_t count) noexcept;
 
-  /// The next packet, its header in the host's byte order. Waits for the budget,
-  /// with patience. After anything but kPacket, kMore and kNoRoom the stream is at
+  /// The next packet, its header in the host's byte order. Waits for the budget
+  /// when blocking. After anything but kPacket, kMore and kNoRoom the stream is at
   /// its end, which asking again tells again.
-  Status next(std::unique_ptr<ZorPacket>& packet, Patience patience = Patience::kWait);
+  Status next(std::unique_ptr<ZorPacket>& packet, Waiting waiting = Waiting::kBlocking);
 
   /// The header that was read last, in the host's byte order.
   const PacketHeader& header() const noexcept { return mHeader; }
@@ -54,7 +54,7 @@ class FrameReader {
   bool insidePacket() const noexcept { return mPending != nullptr || mBegin != mEnd; }
 
  private:
-  Status begin(Patience patience);
+  Status begin(Waiting waiting);
   std::size_t window() const noexcept;
 
   ReceiveBudget& mBudget;

@@ -4,11 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "support/printable.h"
-
 namespace zor::host {
-
-using zor::printable;
 
 /// `text` as well-formed UTF-8: every byte that belongs to no well-formed
 /// sequence becomes U+FFFD.
