@@ -224,12 +224,12 @@ Outcome<bool> Drive::linkOnce(NodeId existing, NodeId directory, const std::stri
   request.add<Unit>([&](auto done) { mDisk.link(*from, *to, std::move(done)); },
                     [&linked](Status& status) { linked = status; });
   request.queryFile(node.parent->id, node.name());
-  request.add<udisk_stat>(
-      [&](auto done) { mDisk.attributes(*to, std::move(done)); },
-      [&names = mNames, directory, epoch, &key, &made](Result<udisk_stat>& result) {
-        names.learn(directory, key, result, epoch);
-        if (result) made = result->st_ino;
-      });
+  request.add<udisk_stat>([&](auto done) { mDisk.attributes(*to, std::move(done)); },
+                          [this, directory, epoch, &key, &made](Result<udisk_stat>& result) {
+                            mMutex.assertHeld();
+                            mNames.learn(directory, key, result, epoch);
+                            if (result) made = result->st_ino;
+                          });
   request.queryDirectory(directory);
   request.wait();
   if (!linked && linked.error().kind == ErrorKind::kFailed) {

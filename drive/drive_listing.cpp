@@ -58,14 +58,14 @@ bool Drive::check(NodeId id, bool& lost) {
   ++mCounters.dirChecks;
   const Result<DirCheck> check =
       request.get<DirCheck>([&](auto done) { mDisk.checkDir(*at, *old, std::move(done)); },
-                            [&names = mNames, &counters = mCounters, &node,
-                             epoch = mNames.linkEpoch()](Result<DirCheck>& result) {
+                            [this, &node, epoch = mNames.linkEpoch()](Result<DirCheck>& result) {
+                              mMutex.assertHeld();
                               if (!result) return;
                               if (!result->changed) {
-                                ++counters.dirUnchanged;
-                                names.confirm(node);
+                                ++mCounters.dirUnchanged;
+                                mNames.confirm(node);
                               } else if (!result->fresh.entries().empty()) {
-                                names.learnListing(node, result->fresh, epoch);
+                                mNames.learnListing(node, result->fresh, epoch);
                               } else {
                                 node.directory->complete = false;
                               }
@@ -84,16 +84,17 @@ Outcome<Unit> Drive::load(NodeId id) {
   const PathLease* at = request.at(id);
   if (at == nullptr) return Errno{ENOENT};
   const Node& node = *mNames.find(id);
-  const Result<Listing> listing = request.get<Listing>(
-      [&](auto done) { mDisk.list(*at, std::move(done)); },
-      [&names = mNames, id, epoch = mNames.linkEpoch()](Result<Listing>& result) {
-        Node& listed = *names.find(id);
-        if (result) {
-          names.learnListing(listed, *result, epoch);
-        } else if (result.error().kind == ErrorKind::kFailed) {
-          listed.directory->complete = false;
-        }
-      });
+  const Result<Listing> listing =
+      request.get<Listing>([&](auto done) { mDisk.list(*at, std::move(done)); },
+                           [this, id, epoch = mNames.linkEpoch()](Result<Listing>& result) {
+                             mMutex.assertHeld();
+                             Node& listed = *mNames.find(id);
+                             if (result) {
+                               mNames.learnListing(listed, *result, epoch);
+                             } else if (result.error().kind == ErrorKind::kFailed) {
+                               listed.directory->complete = false;
+                             }
+                           });
   if (listing) return Unit{};
   if (listing.error().kind != ErrorKind::kFailed || node.parent == nullptr) return Errno{EIO};
   const NodeId above = node.parent->id;

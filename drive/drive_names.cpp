@@ -113,9 +113,12 @@ Outcome<NodeAttributes> Drive::rootAttributes() {
       ++root.singles;
       CompoundRequest request(mHost);
       const PathLease* at = request.at(kRootNode);
-      const Result<udisk_stat> self = request.get<udisk_stat>(
-          [&](auto done) { mDisk.attributes(*at, std::move(done)); },
-          [&names = mNames](auto& result) { names.learnSelf(kRootNode, result); });
+      const Result<udisk_stat> self =
+          request.get<udisk_stat>([&](auto done) { mDisk.attributes(*at, std::move(done)); },
+                                  [this](auto& result) {
+                                    mMutex.assertHeld();
+                                    mNames.learnSelf(kRootNode, result);
+                                  });
       if (!self) return Errno{EIO};
     }
   }

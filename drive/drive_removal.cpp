@@ -51,11 +51,12 @@ Outcome<Unit> Drive::removeName(NodeId directory, const std::string& name, bool 
             mDisk.unlink(*at, std::move(done));
           }
         },
-        [&names = mNames, directory, &name, &removed](Status& status) {
+        [this, directory, &name, &removed](Status& status) {
+          mMutex.assertHeld();
           removed = status;
           if (!status) return;
-          names.keepRemoved(directory, name);
-          if (Node* node = names.find(directory)) names.remove(*node, name);
+          mNames.keepRemoved(directory, name);
+          if (Node* node = mNames.find(directory)) mNames.remove(*node, name);
         });
     request.queryDirectory(directory);
     request.wait();

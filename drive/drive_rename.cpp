@@ -63,13 +63,15 @@ Outcome<Unit> Drive::renameHeld(const Rename& rename, NodeId from, const std::st
     CompoundRequest request(mHost, &rename);
     const PathLease* oldPath = request.at(from, name);
     const PathLease* newPath = request.at(to, newName);
-    const auto mark = [&names = mNames, from, &name](bool pending) {
-      if (Entry* entry = names.findEntry(from, name); entry != nullptr) entry->pending = pending;
+    const auto mark = [this, from, &name](bool pending) {
+      mMutex.assertHeld();
+      if (Entry* entry = mNames.findEntry(from, name); entry != nullptr) entry->pending = pending;
     };
-    const auto moved = [&names = mNames, from, to, &name, &newName, &mark] {
+    const auto moved = [this, from, to, &name, &newName, &mark] {
+      mMutex.assertHeld();
       mark(false);
-      if (from != to || name != newName) names.keepRemoved(to, newName);
-      names.move(from, name, to, newName);
+      if (from != to || name != newName) mNames.keepRemoved(to, newName);
+      mNames.move(from, name, to, newName);
     };
     mark(true);
     Status renamed = Unit{};
