@@ -50,6 +50,11 @@ Outcome<OpenResult> Drive::open(NodeId id, int flags) {
   Node* node = mNames.find(id);
   if (node == nullptr || !mNames.has(*node)) return Errno{ESTALE};
   if (node->directory) return Errno{EISDIR};
+  // It is being removed. The kernel then looks up the name, which is another one of the file.
+  if (isUnusedSilly(node->parent->id, node->name()) &&
+      !isUnfinished(node->parent->id, node->name())) {
+    return Errno{ESTALE};
+  }
   // Only contents of regular files travel.
   if (!isRegular(node->entry().attributes)) return Errno{EACCES};
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;

@@ -12,6 +12,9 @@ namespace {
 /// For the end of a file that others write to all the time.
 constexpr int kMaxRevalidations = 100;
 
+/// The kernel splits larger ones.
+constexpr std::size_t kMinSplitWrite = std::size_t{64} << 10;
+
 bool isLinked(const Node& node) {
   return node.place != nullptr && node.entry().attributes.st_nlink > 1;
 }
@@ -21,7 +24,16 @@ bool isLinked(const Node& node) {
 Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data, bool appends) {
   if (data.empty()) return Unit{};
   const MutexLock lock(mMutex);
-  if (Outcome<Unit> failure = takeFailure(file); !failure) return failure;
+  // Of a write(2) that was split, programs see how much was written, and no error of the rest.
+  const bool isSeen = std::exchange(file.mSplitAt, -1) != offset;
+  const auto failure = [&, this] {
+    mMutex.assertHeld();
+    return isSeen ? takeFailure(file) : unreportedFailure(file);
+  };
+  if (Outcome<Unit> earlier = failure(); !earlier) return earlier;
+  if (data.size() >= kMinSplitWrite) {
+    file.mSplitAt = offset + static_cast<std::int64_t>(data.size());
+  }
   Node* node = mNames.find(file.mNode);
   std::optional<WriteBack::AppendTurn> turn;
   if (appends && isLinked(*node)) turn.emplace(mWriteBack);
@@ -42,7 +54,7 @@ Outcome<Unit> Drive::write(OpenFile& file, std::int64_t offset, wire::Bytes data
   file.mReader.invalidate();
   if (mWriteBack.add(*node, offset, data)) mWriteBack.waitToSend(file.mNode);
   // Another writer may have sent this data meanwhile, and it may have failed.
-  return takeFailure(file);
+  return failure();
 }
 
 /// From a write on, the size is derived from what was known before; another name of the

@@ -33,7 +33,8 @@ Outcome<Unit> Drive::sillyRename(NodeId directory, const std::string& name) {
 
 bool Drive::isUnusedSilly(NodeId directory, const std::string& silly) {
   const Entry* entry = mNames.findSilly(directory, silly);
-  return entry != nullptr && (entry->node == nullptr || !entry->node->open);
+  return entry != nullptr &&
+         (entry->node == nullptr || !entry->node->open || entry->node->open->handles == 0);
 }
 
 Outcome<Unit> Drive::restoreName(const Rename& rename, const Unfinished& one) {

@@ -35,6 +35,21 @@ TEST_F(FilesTest, ALostWriteIsToldAtEveryCloseUntilAProgramWasTold) {
   }
 }
 
+TEST_F(FilesTest, AnErrorThatTheKernelTurnsIntoAShortCountIsToldAgain) {
+  const std::string large(128 << 10, 'x');
+  connect();
+  OpenFile& file = create("file");
+  EXPECT_EQ(flush(file), 0);
+  fs::remove(mDisk / "file");
+  EXPECT_EQ(write(file, large), 0);
+  EXPECT_EQ(flush(file), EIO);
+  EXPECT_EQ(write(file, large, 128 << 10), EIO) << "the rest of one write(2)";
+  EXPECT_EQ(flush(file), EIO);
+  EXPECT_EQ(write(file, large, 128 << 10), EIO) << "tried again";
+  EXPECT_EQ(flush(file), 0);
+  mDrive->release(file);
+}
+
 TEST_F(FilesTest, AFileThatLostDataIsNamedAtOnceAndOnce) {
   std::promise<std::string> named;
   connect({.attributeTimeout = 60s, .lost = [&](auto& path) { named.set_value(path); }});
@@ -137,6 +152,22 @@ TEST_F(FilesTest, WhatWasRemovedCanBeAskedAboutAndHasNoLinks) {
   EXPECT_EQ(links(node("replaced")), "1");
   mDrive->release(file);
   EXPECT_EQ(links(opened), "0");
+}
+
+TEST_F(FilesTest, ARemovedFileIsNotOpenedAgainBehindItsLastClose) {
+  writeFile(mDisk / "name", "text");
+  connect();
+  const NodeId id = node("name");
+  OpenFile& file = open(id, O_RDONLY);
+  EXPECT_TRUE(mDrive->unlink(kRootNode, "name"));
+  OpenFile& again = open(id, O_RDONLY);
+  mDrive->release(file);
+  mHost->hold(Command::kSetUnlink);
+  auto closing = std::async(std::launch::async, [&] { mDrive->release(again); });
+  mHost->await(Command::kSetUnlink);
+  EXPECT_EQ(errnoOf(mDrive->open(id, O_RDONLY)), ESTALE);
+  mHost->goOn();
+  closing.get();
 }
 
 TEST_F(FilesTest, OtherSpellingsAreFollowedWhereTheDiskTakesThem) {

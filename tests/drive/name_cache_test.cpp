@@ -1,8 +1,9 @@
 // What is known of names, and for how long: without a host, with a stepped clock.
+#include "drive/metadata/name_cache.h"
+
 #include <gtest/gtest.h>
 
 #include "client/disk_identity.h"
-#include "drive/metadata/name_cache.h"
 #include "protocol/codec.h"
 
 namespace zor::client::test {
@@ -28,8 +29,8 @@ Listing listing(const std::vector<std::string>& names) {
   Buffer raw;
   std::uint64_t number = 10;
   for (const std::string& name : names) {
-    raw.append(wire::encoded(wire::DirEntryRecord{
-        attributes(number++), static_cast<std::uint16_t>(name.size() + 1)}));
+    raw.append(wire::encoded(
+        wire::DirEntryRecord{attributes(number++), static_cast<std::uint16_t>(name.size() + 1)}));
     raw.append(std::as_bytes(std::span(name.c_str(), name.size() + 1)));
   }
   raw.append(std::as_bytes(std::span("", 1)));
