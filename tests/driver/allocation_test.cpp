@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "disk_fixture.h"
-#include "probes.h"
 #include "udisk/udisk_driver.h"
 
 namespace {

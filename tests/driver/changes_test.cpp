@@ -1,6 +1,5 @@
 // What changes files and names, compared with the platform's own calls.
 #include "disk_fixture.h"
-#include "probes.h"
 #include "zor_request_source.h"
 
 namespace zor::test {

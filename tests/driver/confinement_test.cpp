@@ -5,32 +5,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "disk_fixture.h"
 #include "file_manager_linux/disk_root.h"
-#include "operator/operation.h"
-#include "probes.h"
 
 namespace zor::test {
 namespace {
-
-/// A request for every command that is served, in the order of the dispatch table.
-std::vector<const Probe*> everyRequest() {
-  std::vector<const Probe*> all;
-  for (const Operation& operation : UDiskOperator::Operations()) {
-    if (operation.handler == nullptr) continue;
-    for (const std::span<const Probe> some : {std::span<const Probe>(kProbes), {kUnfailing}}) {
-      for (const Probe& probe : some) {
-        if (probe.cmd == code(operation.command)) all.push_back(&probe);
-      }
-    }
-    EXPECT_TRUE(!all.empty() && all.back()->cmd == code(operation.command))
-        << operation.name << " has no request in probes.h";
-  }
-  return all;
-}
 
 /// With the kernel's help, and by the walk that does without it.
 class ConfinementTest : public DiskTest, public testing::WithParamInterface<bool> {
@@ -179,13 +160,13 @@ TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
   const int rounds = wanted != nullptr ? std::atoi(wanted) : 3000;
   morvelLogSetLevel(kLogError + 1);
   std::atomic<bool> stop{false};
-  std::mutex building;
+  Mutex building;
   std::thread neighbour([&] {
     for (int turn = 0; !stop; ++turn) {
       const char* names[] = {"/d",     "/out",        "/inside.txt", "/link-inside.txt",
                              "/empty", "/link-empty", "/fresh",      "/link-fresh"};
       const std::string one = disk + names[turn % 4 * 2], other = disk + names[turn % 4 * 2 + 1];
-      const std::lock_guard lock(building);
+      const MutexLock lock(building);
       ::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
     }
   });
@@ -193,7 +174,7 @@ TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
   while (round < rounds || ((listed == 0 || refused == 0) && round < 500000)) {
     for (const std::string way : {"/d/", "/d/../d/", "/"}) {
       {
-        const std::lock_guard lock(building);
+        const MutexLock lock(building);
         layOut();
         fs::create_directories(disk + "/d/empty");
         put(disk + "/d/inside.txt", "0123456789");

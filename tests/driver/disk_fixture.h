@@ -15,7 +15,9 @@
 #include <set>
 
 #include "log_lines.h"
+#include "operator/operation.h"
 #include "operator/udisk_operator.h"
+#include "probes.h"
 #include "recording_device.h"
 #include "wire_text.h"
 
@@ -85,6 +87,22 @@ inline std::string snapshot(const std::string& root, bool times = true) {
   add(root);
   for (const auto& entry : fs::recursive_directory_iterator(root)) add(entry.path());
   return std::accumulate(lines.begin(), lines.end(), std::string());
+}
+
+/// A request for every command that is served, in the order of the dispatch table.
+inline std::vector<const Probe*> everyRequest() {
+  std::vector<const Probe*> all;
+  for (const Operation& operation : UDiskOperator::Operations()) {
+    if (operation.handler == nullptr) continue;
+    for (const std::span<const Probe> some : {std::span<const Probe>(kProbes), {kUnfailing}}) {
+      for (const Probe& probe : some) {
+        if (probe.cmd == code(operation.command)) all.push_back(&probe);
+      }
+    }
+    EXPECT_TRUE(!all.empty() && all.back()->cmd == code(operation.command))
+        << operation.name << " has no request in probes.h";
+  }
+  return all;
 }
 
 class DiskTest : public testing::Test {

@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "disk_fixture.h"
-#include "probes.h"
 
 namespace zor::test {
 namespace {

@@ -6,10 +6,17 @@
 #include <thread>
 
 #include "disk_fixture.h"
-#include "probes.h"
 #include "service/command.h"
 #include "udisk/udisk_driver.h"
 #include "zor_wait_listener.h"
+
+namespace zor {
+
+struct UDiskDriverPeek {
+  static bool isStopping(UDiskDriver& driver) { return driver.mStop; }
+};
+
+}  // namespace zor
 
 namespace zor::test {
 namespace {
@@ -132,6 +139,32 @@ TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
   EXPECT_TRUE(waiting.waitForSent(2 + 20 * std::size(kProbes)));
   waitingDriver.Close(0);
   EXPECT_EQ(waiting.open, 0);
+}
+
+TEST_F(DriverTest, WhatIsQueuedAtTheStopIsDiscardedUnanswered) {
+  struct HeldDevice : RecordingDevice {
+    int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override {
+      if (packet->GetCmd() == 119) {
+        serving = true;
+        while (!UDiskDriverPeek::isStopping(*driver)) std::this_thread::yield();
+      }
+      return RecordingDevice::SendPacket(std::move(packet), timeoutMs);
+    }
+    UDiskDriver* driver = nullptr;
+    std::atomic<bool> serving{false};
+  } held;
+  held.id = 200;
+  held.params = device.params;
+  UDiskDriver heldDriver(&held, "");
+  held.driver = &heldDriver;
+  ASSERT_EQ(heldDriver.Init(), 0);
+  ASSERT_TRUE(held.waitForSent(2));
+  for (int i = 0; i < 3; ++i) {
+    heldDriver.onEvent(requestOf(119, wire("02000000 00000000 '/x'"), 200), 0);
+    while (!held.serving) std::this_thread::yield();
+  }
+  heldDriver.Close(0);
+  EXPECT_EQ(held.sent().size(), 3U);  // two announcements, and the one that was being served
 }
 
 // What is open for one request of a batch must be right for the next one, and

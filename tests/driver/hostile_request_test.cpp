@@ -1,7 +1,5 @@
 // Requests that are cut off, or that lie about what they hold.
 #include "disk_fixture.h"
-#include "operator/operation.h"
-#include "probes.h"
 
 namespace zor::test {
 namespace {
@@ -9,26 +7,19 @@ namespace {
 class HostileRequestTest : public DiskTest {
  protected:
   HostileRequestTest() {
-    for (const Probe& probe : kProbes) {
-      requests.emplace_back(probe.cmd, probe.request("/" + probe.leaf()));
+    for (const Probe* probe : everyRequest()) {
+      // However a byte of it is changed, this is no name that mounting makes a directory of.
+      const std::string path = probe->cmd == 100 ? "///" : "/" + probe->leaf();
+      requests.emplace_back(probe->cmd, probe->request(path));
     }
   }
   /// One of every command that is served, without a byte too many.
-  std::vector<std::pair<int, std::string>> requests = {
-      {100, wire("0300 '///'")},
-      {101, wire("0300 'USB'")},
-      {108, wire("0000000000000000 00000000 0200 0300 '/x' 'abc'")},
-      {113, wire("02000000 00000000 '/x'")},
-      {119, wire("02000000 00000000 '/x'")},
-      {120, wire("0b000000 00000000 '/inside.txt'")},
-      {200, wire("0300 0200 'E:' 'USB'")}};
+  std::vector<std::pair<int, std::string>> requests;
 };
 
 TEST_F(HostileRequestTest, WhatIsCutOffGetsOneLineAndNothingElse) {
   const auto before = snapshot(base);
-  std::set<int> tried, served;
   for (const auto& [cmd, payload] : requests) {
-    tried.insert(cmd);
     const std::string whole = headerOf(cmd, 16 + payload.size()) + payload;
     for (std::size_t cut = 16; cut < whole.size(); ++cut) {
       // Bytes are missing and the header says so, or does not; or the bytes
@@ -50,10 +41,6 @@ TEST_F(HostileRequestTest, WhatIsCutOffGetsOneLineAndNothingElse) {
   EXPECT_EQ(op.GetLocalMountPoint() + op.GetRemoteMountPoint(), disk);
   EXPECT_EQ(device.sent().size() + device.traces().size(), 0U);
   EXPECT_EQ(Peek::diskChanged(op), 0);
-  for (const Operation& operation : UDiskOperator::Operations()) {
-    if (operation.handler != nullptr) served.insert(code(operation.command));
-  }
-  EXPECT_EQ(tried, served);
 }
 
 TEST_F(HostileRequestTest, NoByteOfAFixedPartCanDoHarm) {

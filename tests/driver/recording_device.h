@@ -4,31 +4,28 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "support/mutex.h"
 #include "zor_device.h"
 
 namespace zor::test {
 
 class RecordingDevice : public ZorDevice, public ZorDevBase {
  public:
-  using Lock = std::lock_guard<std::mutex>;
-
   std::shared_ptr<ZorDevBase> GetDevBase() override {
     return {std::shared_ptr<void>(), hasBase ? this : nullptr};
   }
   std::uint8_t GetDevId() override { return id; }
   int SendPacket(std::unique_ptr<ZorPacket> packet, int timeoutMs) override {
-    const Lock lock(mMutex);
+    const MutexLock lock(mMutex);
     EXPECT_EQ(timeoutMs, -1);
     capacity = packet->mBuffer->capacity;
     EXPECT_LE(packet->GetLength(), capacity);
     mSent.emplace_back(reinterpret_cast<const char*>(packet->mHeader), packet->GetLength());
-    mChanged.notify_all();
+    mChanged.notifyAll();
     return 0;
   }
   void NotifyReadFailure(const std::string& path) override { readFailures.push_back(path); }
@@ -42,7 +39,7 @@ class RecordingDevice : public ZorDevice, public ZorDevBase {
   void TraceEvent(const std::string& traceId, const std::string& context,
                   const std::string& eventName, const TraceAttributes& attributes) override {
     if (brokenTraces) throw std::runtime_error("broken");
-    const Lock lock(mMutex);
+    const MutexLock lock(mMutex);
     EXPECT_EQ(traceId.size(), 16U);
     EXPECT_EQ(attributes.size(), 4U);
     EXPECT_EQ(attributes.at("success") == "true", attributes.at("status") == "success");
@@ -53,21 +50,26 @@ class RecordingDevice : public ZorDevice, public ZorDevBase {
   }
 
   std::vector<std::string> sent() {
-    const Lock lock(mMutex);
+    const MutexLock lock(mMutex);
     return mSent;
   }
   /// "NAME success|error CONTEXT TEXT" per event; the context is "-" where there was no place for
   /// one, and the text is without its source location.
   std::vector<std::string> traces() {
-    const Lock lock(mMutex);
+    const MutexLock lock(mMutex);
     return mTraces;
   }
-  void forgetSent() { mSent.clear(); }
+  void forgetSent() {
+    const MutexLock lock(mMutex);
+    mSent.clear();
+  }
   /// False when there are fewer packets after ten seconds.
   bool waitForSent(std::size_t count) {
-    std::unique_lock lock(mMutex);
-    const auto enough = [&] { return mSent.size() >= count; };
-    return mChanged.wait_for(lock, std::chrono::seconds(10), enough);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const MutexLock lock(mMutex);
+    while (mSent.size() < count && mChanged.waitUntil(mMutex, deadline)) {
+    }
+    return mSent.size() >= count;
   }
 
   std::uint8_t id = 9;
@@ -78,9 +80,9 @@ class RecordingDevice : public ZorDevice, public ZorDevBase {
   std::uint64_t capacity = 0;  ///< of the latest packet
 
  private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::vector<std::string> mSent, mTraces;
+  Mutex mMutex;
+  Condition mChanged;
+  std::vector<std::string> mSent GUARDED_BY(mMutex), mTraces GUARDED_BY(mMutex);
 };
 
 }  // namespace zor::test
