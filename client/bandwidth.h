@@ -1,4 +1,4 @@
-// Announcing to the host how fast the client can take data.
+// Announcing the bandwidth to which the host throttles its reads.
 #pragma once
 
 #include <chrono>

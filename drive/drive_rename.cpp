@@ -10,7 +10,7 @@ namespace zor::client {
 namespace {
 
 /// For what was lost with the link.
-constexpr int kMaxAttempts = 10;
+constexpr int kMaxRenameAttempts = 10;
 
 }  // namespace
 
@@ -103,7 +103,7 @@ Outcome<Unit> Drive::renameHeld(const Rename& rename, NodeId from, const std::st
       mNames.learn(from, name, Error{ErrorKind::kFailed, {}}, mNames.linkEpoch());
       return Errno{ENOENT};
     }
-    if (lost && attempt < kMaxAttempts) continue;
+    if (lost && attempt < kMaxRenameAttempts) continue;
     if (lost) return Errno{EIO};
     return Errno{renameRefusal(rename, here, there, to, newName)};
   }

@@ -1,4 +1,4 @@
-// Floods of log lines that say the same.
+// Throttling of log lines that repeat the same message.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The bound on what a client can have in flight.
+// Back-pressure: the bound on what a client can have in flight.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// The arithmetic of the read-rate limiter, free of clocks and sleeping.
+// Throttling of reads: the arithmetic of the rate limiter, free of clocks and sleeping.
 //
 // Reads are counted in short periods. A read that fills its period's budget
 // waits until the period is over; what the wait took too long shortens the next.
