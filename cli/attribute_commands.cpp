@@ -154,8 +154,10 @@ void addAttributes(CLI::App& app, Subcommand& chosen) {
             });
 
   auto paths = std::make_shared<std::vector<std::string>>();
-  CLI::App* command = app.add_subcommand("sync", "Makes the host write files to the disk itself");
-  command->add_option("PATH", *paths, "files, or directories with all files below")->required();
+  CLI::App* command =
+      app.add_subcommand("sync", "Writes files from the memory of the host to the disk");
+  command->add_option("PATH", *paths, "the files, or directories with all files in them")
+      ->required();
   command->callback([paths, &chosen] {
     chosen = {[paths](CommandContext& context) {
                 bool ok = true;

@@ -52,7 +52,8 @@ bool runCat(CommandContext& context, const std::vector<std::string>& paths) {
 void addCat(CLI::App& app, Subcommand& chosen) {
   auto paths = std::make_shared<std::vector<std::string>>();
   CLI::App* command = app.add_subcommand("cat", "Writes files to standard output");
-  command->add_option("PATH", *paths, "what to show; symbolic links are followed")->required();
+  command->add_option("PATH", *paths, "the files to print; symbolic links are followed")
+      ->required();
   command->callback([paths, &chosen] {
     chosen.run = [paths](CommandContext& context) { return runCat(context, *paths); };
   });

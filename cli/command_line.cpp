@@ -67,18 +67,18 @@ int runProgram(int argc, char** argv) {
   app.add_option("--socket", options.socketPath, "the host's socket")
       ->required()
       ->type_name("PATH");
-  app.add_option("--drive", options.link.driveName, "the drive name to report to the host")
+  app.add_option("--drive", options.link.driveName, "the drive name that the host is informed of")
       ->type_name("NAME")
       ->capture_default_str();
   app.add_option("--bandwidth", options.bandwidthKbit,
-                 "announce this bandwidth, so that the host paces reads")
+                 "announce this bandwidth; the host paces reads to it")
       ->type_name("KBIT")
       ->check(CLI::Range(1U, 0xffffffffU));
   std::string hostUser;
   app.add_option("--allow-host-user", hostUser,
-                 "use a host that this user runs; otherwise only your own and root's are used")
+                 "also accept a host that this user runs, besides your own and root's")
       ->type_name("NAME");
-  app.add_option("--timeout", timeout, "give up when the host is silent for this long")
+  app.add_option("--timeout", timeout, "fail when the host does not answer for this long")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, 1e6))
       ->capture_default_str();

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "cli/download.h"
+#include "client/exchange.h"
 
 namespace zor::client::cli {
 
@@ -12,8 +13,6 @@ namespace {
 
 constexpr std::uint64_t kDownloadPiece = std::uint64_t{1} << 20;
 constexpr unsigned kMaxAttempts = 3;
-
-Error failure(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
 
 }  // namespace
 
@@ -140,16 +139,17 @@ void Download::finish(const TransferPtr& transfer) {
 
 void Download::verify(const TransferPtr& transfer, const Result<udisk_stat>& now) {
   if (!now) {
-    return giveUp(*transfer, isFatal(now.error()) ? now.error()
-                                                  : failure("it vanished while it was being read"));
+    return giveUp(*transfer, isFatal(now.error())
+                                 ? now.error()
+                                 : exchange::failed("it vanished while it was being read"));
   }
   const udisk_stat& before = transfer->source.attributes;
   const bool same = now->st_size == before.st_size && now->st_mtim == before.st_mtim &&
                     now->st_mode == before.st_mode;
   if (same && !transfer->suspicious) return commit(*transfer);
-  if (same) return giveUp(*transfer, failure("the host cannot read it"));
+  if (same) return giveUp(*transfer, exchange::failed("the host cannot read it"));
   if (!S_ISREG(now->st_mode) || now->st_size < 0 || transfer->attempts == kMaxAttempts) {
-    return giveUp(*transfer, failure("it kept changing while it was being read"));
+    return giveUp(*transfer, exchange::failed("it kept changing while it was being read"));
   }
   mProgress.undone(transfer->stored);
   auto again = std::make_shared<Transfer>();

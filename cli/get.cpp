@@ -106,23 +106,24 @@ bool runGet(CommandContext& context, const GetOptions& options) {
 
 void addGet(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<GetOptions>();
-  CLI::App* command = app.add_subcommand(
-      "get",
-      "Copies files from the disk. Modification times are kept, holes stay holes, and a file "
+  CLI::App* command = app.add_subcommand("get", "Copies files from the disk");
+  command->footer(
+      "Modification times are kept, holes stay holes, and a file "
       "appears under its name only when it is complete. A new file gets the permission bits of "
       "its source under the umask; a file that is replaced keeps its own. A link is followed to "
       "its file, a pipe or character device is written to, and so is standard output for - and "
       "/dev/stdout. Nothing else is replaced.");
   CLI::Option* keep = command->add_flag("-n,--no-clobber", options->download.keepExisting,
-                                        "leave files alone that exist already");
-  command->add_flag("-i,--interactive", options->download.ask, "ask before a file is replaced")
+                                        "leave existing files as they are");
+  command->add_flag("-i,--interactive", options->download.ask, "ask before replacing a file")
       ->excludes(keep);
-  command->add_flag("-r,--recursive", options->download.recursive, "copy directories, too");
+  command->add_flag("-r,--recursive", options->download.recursive,
+                    "copy directories with all files in them");
   command->add_flag("--batch", options->download.batches,
-                    "fetch small files many at a time, if the host serves that");
+                    "fetch many small files with one request, if the host serves that");
   command
       ->add_option("SRC DEST", options->sources,
-                   "what to copy, and last the local file or directory to copy it to")
+                   "the files to copy, then the local file or directory to copy them to")
       ->required()
       ->expected(2, -1);
   command->callback([options, &chosen] {

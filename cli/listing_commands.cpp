@@ -202,8 +202,8 @@ void addListing(CLI::App& app, Subcommand& chosen) {
   CLI::App* command = app.add_subcommand("ls", "Lists directories");
   command->add_flag("-l", ls->details, "show mode, links, owner, group, size and time");
   command->add_flag("-a,--all", ls->all, "show names that begin with a dot");
-  command->add_flag("-R,--recursive", ls->recursive, "list the directories below, too");
-  command->add_option("PATH", ls->paths, "what to list; the disk's root when missing");
+  command->add_flag("-R,--recursive", ls->recursive, "list subdirectories, too");
+  command->add_option("PATH", ls->paths, "the directories to list (default: the root of the disk)");
   command->callback([ls, &chosen] {
     if (ls->paths.empty()) ls->paths.emplace_back("/");
     chosen.run = [ls](CommandContext& context) { return runLs(context, *ls); };
@@ -211,7 +211,7 @@ void addListing(CLI::App& app, Subcommand& chosen) {
 
   auto paths = std::make_shared<std::vector<std::string>>();
   command = app.add_subcommand("stat", "Shows all attributes of files");
-  command->add_option("PATH", *paths, "what to examine")->required();
+  command->add_option("PATH", *paths, "the files to show")->required();
   command->callback([paths, &chosen] {
     chosen.run = [paths](CommandContext& context) { return runStat(context, *paths); };
   });

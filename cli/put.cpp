@@ -49,19 +49,21 @@ bool runPut(CommandContext& context, const PutOptions& options) {
 
 void addPut(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<PutOptions>();
-  CLI::App* command = app.add_subcommand(
-      "put",
-      "Copies files to the disk, over existing ones. A file is sent under a temporary name "
+  CLI::App* command = app.add_subcommand("put", "Copies files to the disk, over existing ones");
+  command->footer(
+      "A file is sent under a temporary name "
       "beside its own (.udisk-remote.*.part) and renamed when it is complete, so that an "
       "existing file stays as it is until then; the disk needs room for both. An existing file's "
       "permission bits stay, its other hard links keep the old contents, and links, pipes and "
       "directories are not replaced. A new file gets the permission bits of its source as far as "
       "the disk keeps them. Modification times cannot be kept, because the host has no way to "
       "set them.");
-  command->add_flag("-r,--recursive", options->recursive, "copy directories, too");
+  command->add_flag("-r,--recursive", options->recursive,
+                    "copy directories with all files in them");
   command
-      ->add_option("SRC DEST", options->sources,
-                   "what to copy, and last the file or directory on the disk to copy it to")
+      ->add_option(
+          "SRC DEST", options->sources,
+          "the local files to copy, then the file or directory on the disk to copy them to")
       ->required()
       ->expected(2, -1);
   command->callback([options, &chosen] {

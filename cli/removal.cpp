@@ -201,10 +201,11 @@ bool runRemove(CommandContext& context, const RemoveOptions& options) {
 
 void addRemove(CLI::App& app, Subcommand& chosen) {
   auto options = std::make_shared<RemoveOptions>();
-  CLI::App* command = app.add_subcommand("rm", "Removes files; links are not followed");
-  command->add_flag("-r,-R,--recursive", options->recursive, "remove directories and all in them");
-  command->add_flag("-f,--force", options->force, "do not mind names that do not exist");
-  command->add_option("PATH", options->paths, "what to remove")->required();
+  CLI::App* command = app.add_subcommand("rm", "Removes files, and symbolic links themselves");
+  command->add_flag("-r,-R,--recursive", options->recursive,
+                    "remove directories with all files in them");
+  command->add_flag("-f,--force", options->force, "ignore names that do not exist");
+  command->add_option("PATH", options->paths, "the files to remove")->required();
   command->callback([options, &chosen] {
     chosen = {[options](CommandContext& context) { return runRemove(context, *options); }, true};
   });

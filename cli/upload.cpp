@@ -13,6 +13,7 @@
 
 #include "cli/format.h"
 #include "cli/scanned_directory.h"
+#include "client/exchange.h"
 
 namespace zor::client::cli {
 
@@ -21,7 +22,7 @@ namespace {
 constexpr std::size_t kUploadPiece = std::size_t{1} << 20;
 
 /// As many directories are open on this machine at most while others are under way.
-constexpr unsigned kEnoughDirs = 64;
+constexpr unsigned kMaxOpenDirs = 64;
 
 /// How long an interrupted run waits until its temporary files are removed.
 constexpr std::chrono::seconds kCleaningTime{3};
@@ -34,8 +35,6 @@ std::string temporaryBeside(const std::string& path) {
   std::snprintf(name.data(), name.size(), ".udisk-remote.%08x%08x.part", source(), source());
   return joinPath(parentPath(path), name.data());
 }
-
-Error failure(std::string message) { return {ErrorKind::kFailed, std::move(message)}; }
 
 }  // namespace
 
@@ -77,7 +76,7 @@ bool Upload::makeRequest() {
   if (!mFiles.empty()) {
     create();
   } else if (!mDirectories.empty()) {
-    if (!mWindow.empty() && LocalDir::count() + mEntering >= kEnoughDirs) return false;
+    if (!mWindow.empty() && LocalDir::count() + mEntering >= kMaxOpenDirs) return false;
     makeDirectory();
   } else if (!mModes->empty()) {
     setMode();
@@ -152,7 +151,7 @@ void Upload::create() {
     return fail("send", source.localPath, localError());
   }
   if (!S_ISREG(status.st_mode)) {
-    return fail("send", source.localPath, failure("it is not a file any more"));
+    return fail("send", source.localPath, exchange::failed("it is not a file any more"));
   }
   transfer->source.dir.reset();
   transfer->size = status.st_size;

@@ -98,8 +98,10 @@ void addWatch(CLI::App& app, Subcommand& chosen) {
   CLI::App* command = app.add_subcommand(
       "watch",
       "Prints +NAME, -NAME and ~NAME for each entry of a directory that is added, removed or "
-      "changed, until it is interrupted. It checks the directory every second, and finds changes "
-      "of the size and of the whole seconds of the modification time.");
+      "changed");
+  command->footer(
+      "Checks the directory every second until it is interrupted, and finds changes of the size "
+      "and of the whole seconds of the modification time.");
   command->add_option("DIR", *path, "the directory")->required();
   command->callback([path, &chosen] {
     chosen.run = [path](CommandContext& context) { return runWatch(context, normalPath(*path)); };

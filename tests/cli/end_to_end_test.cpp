@@ -304,21 +304,6 @@ TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
   waitFor(watcher);
 }
 
-TEST_F(EndToEndTest, WatchReportsWhatChanges) {
-  writeFile(mDisk / "changes", "1");
-  writeFile(mDisk / "goes", "");
-  const pid_t watcher = start({"watch", "/"});
-  std::this_thread::sleep_for(500ms);
-  fs::remove(mDisk / "goes");
-  writeFile(mDisk / "comes", "");
-  writeFile(mDisk / "changes", "22");
-  const auto printed = [this] { return readFile(mDisk.beside("out")); };
-  EXPECT_TRUE(eventually([&] { return printed().size() >= 22; }));
-  EXPECT_EQ(printed(), "~changes\n-goes\n+comes\n");
-  ::kill(watcher, SIGTERM);
-  EXPECT_EQ(waitFor(watcher), 0);
-}
-
 TEST_F(EndToEndTest, InterruptedOrAbandonedFetchesLeaveNothingHalf) {
   writeFile(mDisk / "big", std::string(std::size_t{40} << 20, 'x'));
   const auto begun = [this] { return !fs::is_empty(local()); };

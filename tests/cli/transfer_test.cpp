@@ -214,5 +214,24 @@ TEST_F(TransferTest, ADirectoryThatBecomesALinkIsNotSent) {
   EXPECT_TRUE(fs::is_empty(mDisk / "tree/sub"));
 }
 
+TEST_F(TransferTest, WatchReportsWhatChanges) {
+  writeFile(mDisk / "changes", "1");
+  writeFile(mDisk / "goes", "");
+  int checks = 0;
+  EXPECT_EQ(run({"watch", "/"},
+                [&](const Packet& packet) {
+                  if (packet.cmd == 121 && ++checks == 1) {
+                    fs::remove(mDisk / "goes");
+                    writeFile(mDisk / "comes", "");
+                    writeFile(mDisk / "changes", "22");
+                  } else if (packet.cmd == 121 && checks == 2) {
+                    signalClient(SIGTERM);
+                  }
+                  return true;
+                }),
+            0);
+  EXPECT_EQ(readFile(mDisk.beside("out")), "~changes\n-goes\n+comes\n");
+}
+
 }  // namespace
 }  // namespace zor::client::test
