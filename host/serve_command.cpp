@@ -194,15 +194,15 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
   command->add_option("--socket", options->socketPath, "Path of the Unix socket to listen on")
       ->required();
   command->add_option("--user", options->user,
-                      "User whose the socket is, and who may connect beside root (for a host that "
-                      "root runs)");
+                      "User that owns the socket and may connect beside root (for a host that root "
+                      "runs)");
   command
       ->add_option("--max-clients", options->maxClients,
                    "How many clients may be connected at once")
       ->check(CLI::Range(std::size_t{1}, kMaxClients))
       ->capture_default_str();
   command->add_option("--name", options->name,
-                      "Name announced to the remote (default: the directory's own)");
+                      "Name announced to clients (default: the directory's own)");
   command->add_flag("--read-only", options->readOnly, "Refuse every change");
   command->add_option("--module", options->module, "The driver module to load");
   command
@@ -211,7 +211,7 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
                    "has), required (all, or nothing is served), off")
       ->check(CLI::IsMember({"auto", "required", "off"}))
       ->capture_default_str();
-  command->add_option("--log-level", options->logLevel, "Least level of the lines on stderr")
+  command->add_option("--log-level", options->logLevel, "Lowest level of the lines on stderr")
       ->check(CLI::IsMember(levels))
       ->capture_default_str();
   command->add_option("--trace-file", options->traceFile, "Append trace events to this file");

@@ -24,11 +24,11 @@ constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
 constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 #else
-constexpr std::uint32_t kArchitecture = 0;  // the numbers of others were not looked at
+constexpr std::uint32_t kArchitecture = 0;  // the numbers of others were not reviewed
 #endif
 
 // Younger calls are unknown to this list. Before this is raised, those in
-// between are to be looked at.
+// between are to be reviewed.
 constexpr std::uint32_t kYoungestCall = SYS_set_mempolicy_home_node;
 
 constexpr std::uint32_t kNeverCalled[] = {
