@@ -12,10 +12,9 @@
 namespace zor::host {
 
 /// A process that keeps the rights of its parent and does a fixed list of steps
-/// for it, each once and on demand; nothing that it is sent but the number of a
-/// step is looked at. It ends with this object, or with the parent, and then
-/// leaves undone what was not demanded. It ignores the signals that end the
-/// host, and lets go of all files but the standard ones.
+/// for it, each once and on demand. Of what it is sent it uses the number of a step only. It ends
+/// with this object, or with the parent, and then leaves undone what was not demanded. It ignores
+/// the signals that end the host, and lets go of all files but the standard ones.
 class CleanupProcess {
  public:
   using Steps = std::vector<std::function<void()>>;

@@ -16,7 +16,7 @@ namespace {
 
 // Reading waits for the announcement: only then does the driver know its mount
 // point. A disk that has to spin up first takes some seconds.
-constexpr auto kAnnouncementPatience = std::chrono::seconds(60);
+constexpr auto kAnnouncementTimeout = std::chrono::seconds(60);
 
 // Closes before it destroys, however the scope is left.
 struct CloseDriver {
@@ -32,7 +32,7 @@ struct CloseDriver {
 
 }  // namespace
 
-ClientConnection::Figures& ClientConnection::Figures::operator+=(const Figures& other) noexcept {
+ClientConnection::Metrics& ClientConnection::Metrics::operator+=(const Metrics& other) noexcept {
   packets += other.packets;
   received += other.received;
   sent += other.sent;
@@ -41,7 +41,7 @@ ClientConnection::Figures& ClientConnection::Figures::operator+=(const Figures& 
   return *this;
 }
 
-ClientConnection::Figures ClientConnection::figures() const noexcept {
+ClientConnection::Metrics ClientConnection::metrics() const noexcept {
   return {mReceiver.packets(), mStream.receivedBytes(), mStream.sentBytes(),
           mStream.budget().packets(), mStream.budget().total()};
 }
@@ -83,7 +83,7 @@ void ClientConnection::run() noexcept {
 }
 
 void ClientConnection::serve(ZorDriver& driver) {
-  if (!mStream.waitAnnounced(kAnnouncementPatience)) {
+  if (!mStream.waitAnnounced(kAnnouncementTimeout)) {
     if (!mStream.ended()) spdlog::error("the driver does not announce its disk; giving it up");
     return;
   }
@@ -111,7 +111,7 @@ bool ClientConnection::servesTheDisk(ZorDriver& driver) {
   }
   mStream.divertNext();
   driver.onEvent(std::move(question), 0);
-  const std::unique_ptr<ZorPacket> answer = mStream.waitDiverted(kAnnouncementPatience);
+  const std::unique_ptr<ZorPacket> answer = mStream.waitDiverted(kAnnouncementTimeout);
   if (!answer) return false;
   wire::Cursor cursor(
       wire::Bytes(reinterpret_cast<const std::byte*>(answer->mBuffer->data),

@@ -32,11 +32,11 @@ class ClientConnection {
     uid_t user;
   };
   /// What it served, in packets and bytes.
-  struct Figures {
+  struct Metrics {
     std::uint64_t packets = 0, received = 0, sent = 0;
     std::size_t waitingPackets = 0, waitingBytes = 0;
 
-    Figures& operator+=(const Figures& other) noexcept;
+    Metrics& operator+=(const Metrics& other) noexcept;
   };
 
   /// `module`, `disk` and `shared` must outlive the connection.
@@ -64,7 +64,7 @@ class ClientConnection {
   bool clientGone() const noexcept { return mStream.ended() || mStream.clientGone(); }
 
   const Client& client() const noexcept { return mClient; }
-  Figures figures() const noexcept;
+  Metrics metrics() const noexcept;
 
  private:
   void run() noexcept;

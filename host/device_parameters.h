@@ -8,7 +8,7 @@ namespace zor::host {
 struct DeviceParameters {
   std::string letter;  ///< the parent directory, with its trailing slash
   std::string label;   ///< the last component; letter + label is the directory
-  std::string name;    ///< the name announced to the remote side
+  std::string name;    ///< the name announced to the client
   bool readOnly = false;
 };
 

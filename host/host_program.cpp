@@ -18,7 +18,7 @@ namespace zor::host {
 namespace {
 
 // Programs that probe and mount are the system's, whoever sets PATH for us; with none
-// at all they would be looked for in the current directory.
+// at all the current directory would be searched for them.
 constexpr char kSystemPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 // What was printed is only known to have arrived when it is flushed.

@@ -1,4 +1,4 @@
-// What a user tells the host by signals.
+// What a user asks of the host by signals.
 #pragma once
 
 #include <optional>

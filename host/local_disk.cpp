@@ -38,7 +38,7 @@ RemovableDisk findRemovableDisk() {
   RemovableDisk found;
   char name[4] = {};
   DiskProbe::GetDevName(name);
-  // Without a removable disk the name is that of the last one looked at.
+  // Without a removable disk the name is that of the last one checked.
   if (name[0] == '\0' || DiskProbe::CheckRemovable(name) != 1) return found;
   found.name = name;
   if (std::string port = usbPort(found.name); !port.empty()) {

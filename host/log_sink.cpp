@@ -22,8 +22,8 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMaxQueued = 1 << 20;
 constexpr auto kDirectPatience = 100ms;
 // At the end: how long without any progress, and in all.
-constexpr auto kStillPatience = 500ms;
-constexpr auto kEndPatience = 2s;
+constexpr auto kStillTimeout = 500ms;
+constexpr auto kEndTimeout = 2s;
 
 // A pipe that is ready takes a piece of PIPE_BUF whole, so these writes do not block.
 bool isReady(int fd, std::chrono::milliseconds patience) {
@@ -58,11 +58,11 @@ void LogSink::stopThread() noexcept {
   if (mState != State::kThread) return;
   mState = State::kStopping;
   mToWrite.notifyOne();
-  const auto end = std::chrono::steady_clock::now() + kEndPatience;
+  const auto end = std::chrono::steady_clock::now() + kEndTimeout;
   bool moves = true;
   while (mState == State::kStopping && moves && std::chrono::steady_clock::now() < end) {
     const std::uint64_t before = mPieces;
-    const auto still = std::chrono::steady_clock::now() + kStillPatience;
+    const auto still = std::chrono::steady_clock::now() + kStillTimeout;
     while (mState == State::kStopping && mPieces == before && mProgress.waitUntil(mMutex, still)) {
     }
     moves = mState != State::kStopping || mPieces != before;
@@ -111,7 +111,7 @@ void LogSink::put(const spdlog::details::log_msg& line) {
     writeDirectly(bytes);
     return;
   }
-  // After a loss there must be room for more than one line, or every other one would tell of it.
+  // After a loss there must be room for more than one line, or every other line would report it.
   const std::size_t room = mLost > 0 ? kMaxQueued / 2 : kMaxQueued;
   if (mState == State::kHanging || mQueue.size() + bytes.size() > room) {
     ++mLost;

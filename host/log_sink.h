@@ -74,7 +74,7 @@ class Log {
 /// up, which a thread that is there already would keep.
 void startLogThread();
 
-/// Says on standard error why the program fails. Not while the thread runs.
+/// Prints on standard error why the program fails. Not while the thread runs.
 void printFailure(const std::string& text);
 
 }  // namespace zor::host

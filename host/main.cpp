@@ -13,7 +13,7 @@ constexpr int kFailure = 1;
 
 // Packets come and go all the time: memory that was given back to the system
 // after each of them would have to be faulted in again for the next. It goes back
-// when the remote has gone. Each arena keeps some, so that there are only two.
+// when the client has gone. Each arena keeps some, so that there are only two.
 void keepFreedMemory() noexcept {
   ::mallopt(M_ARENA_MAX, 2);
   constexpr int kMaxKept = 4 << 20, kKept = 16 << 20;

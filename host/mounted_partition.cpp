@@ -98,50 +98,21 @@ void restrictMount(const std::string& directory, const std::string& device, bool
   }
 }
 
-}  // namespace
+// Where a partition was mounted, and what unmounts it; both can be used in another process.
+struct Mounted {
+  std::string directory;
+  std::function<void()> unmount;
+};
 
-MountedPartition::MountedPartition(const std::string& device, bool readOnly) {
-  if (::geteuid() != 0) throw std::runtime_error("only root can mount a partition");
-  const std::string path = devicePath(device);
-  const dev_t number = deviceNumber(path);
-  try {
-    mLock = lockPartition(number);
-    mount(probe(path, number), readOnly);
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error("cannot mount " + printable(path) + ": " + error.what());
-  }
-}
-
-MountedPartition::~MountedPartition() {
-  try {
-    unmount();
-  } catch (const std::exception& error) {
-    spdlog::error("{}", error.what());
-  }
-}
-
-void MountedPartition::mount(UDiskInfo part, bool readOnly) {
-  const UniqueFd mounting = lockMounting();
-  mLabel = part.label;
-  isMountedPlainly(part.fsType) ? mountPlain(part, readOnly) : mountLocal(part);
-  try {
-    restrictMount(mDirectory, part.devPath, readOnly);
-  } catch (...) {
-    unmount();
-    throw;
-  }
-}
-
-void MountedPartition::mountLocal(UDiskInfo part) {
+Mounted mountLocal(UDiskInfo part) {
   PartitionMounter mounter;
   if (const int result = mounter.MountLocal(&part); result != 0) {
     throw std::runtime_error(result < 0 ? kNoDirectory : kMountFailed);
   }
-  mDirectory = part.mountPath;
-  mUnmount = [mounter, part]() mutable { mounter.unmount(part); };
+  return {part.mountPath, [mounter, part]() mutable { mounter.unmount(part); }};
 }
 
-void MountedPartition::mountPlain(const UDiskInfo& part, bool readOnly) {
+Mounted mountPlain(const UDiskInfo& part, bool readOnly) {
   auto directory = MountDirectory::prepare(part);
   if (!directory) throw std::runtime_error(kNoDirectory);
   const std::string options = readOnly ? "nosuid,nodev,ro" : "nosuid,nodev";
@@ -149,19 +120,42 @@ void MountedPartition::mountPlain(const UDiskInfo& part, bool readOnly) {
     directory->remove();
     throw std::runtime_error(kMountFailed);
   }
-  mDirectory = directory->path();
-  mUnmount = [taken = *directory] { taken.unmount(); };
+  return {directory->path(), [taken = *directory] { taken.unmount(); }};
 }
 
-void MountedPartition::unmount() {
-  if (!mUnmount) return;
+void unmount(const Mounted& mounted) {
   {  // the unmount itself does not wait for what is still in use
-    const UniqueFd root(::open(mDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd root(::open(mounted.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (root) ::syncfs(root.get());
   }
-  std::exchange(mUnmount, nullptr)();
-  if (mountAt(mDirectory)) {
-    throw std::runtime_error(printable(mDirectory) + " could not be unmounted");
+  mounted.unmount();
+  if (mountAt(mounted.directory)) {
+    throw std::runtime_error(printable(mounted.directory) + " could not be unmounted");
+  }
+}
+
+}  // namespace
+
+MountedPartition mountPartition(const std::string& device, bool readOnly, Cleanup& cleanup) {
+  if (::geteuid() != 0) throw std::runtime_error("only root can mount a partition");
+  const std::string path = devicePath(device);
+  const dev_t number = deviceNumber(path);
+  try {
+    UniqueFd lock = lockPartition(number);
+    const UDiskInfo part = probe(path, number);
+    const UniqueFd mounting = lockMounting();
+    const Mounted mounted =
+        isMountedPlainly(part.fsType) ? mountPlain(part, readOnly) : mountLocal(part);
+    cleanup.add(Cleanup::kUnmount, [mounted] { unmount(mounted); });
+    try {
+      restrictMount(mounted.directory, part.devPath, readOnly);
+    } catch (...) {
+      cleanup.tryToRun(Cleanup::kUnmount);  // as long as it is locked
+      throw;
+    }
+    return {std::move(lock), mounted.directory, part.label};
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("cannot mount " + printable(path) + ": " + error.what());
   }
 }
 

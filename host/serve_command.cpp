@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/cleanup_process.h"
+#include "host/cleanup.h"
 #include "host/device_parameters.h"
 #include "host/host_device.h"
 #include "host/host_signals.h"
@@ -74,61 +74,6 @@ const std::map<std::string, std::optional<SandboxMode>>& sandboxModes() {
       {"auto", SandboxMode::kAuto}, {"required", SandboxMode::kRequired}, {"off", std::nullopt}};
   return modes;
 }
-
-// What is to be done at the end: by the host itself, or by the process that kept
-// the rights for it.
-class Cleanup {
- public:
-  Cleanup(std::optional<MountedPartition>& mounted, Listener& listener) noexcept
-      : mMounted(mounted), mListener(listener) {}
-  ~Cleanup() {
-    removeSocket();
-    try {
-      unmount();
-    } catch (const std::exception& error) {
-      spdlog::error("{}", error.what());
-    }
-  }
-  Cleanup(const Cleanup&) = delete;
-  Cleanup& operator=(const Cleanup&) = delete;
-
-  void splitOff() {
-    CleanupProcess::Steps steps(kStepCount);
-    steps[kRemoveSocket] = [this] { mListener.removePath(); };
-    if (mMounted) steps[kUnmount] = [this] { mMounted->unmount(); };
-    mProcess.emplace(std::move(steps), mListener.kept());
-    mUnmountsElsewhere = mMounted.has_value();
-    if (mMounted) mMounted->release();
-  }
-  void removeSocket() noexcept {
-    if (std::exchange(mSocketRemoved, true)) return;
-    try {
-      if (mProcess) {
-        mProcess->run(kRemoveSocket);
-      } else {
-        mListener.removePath();
-      }
-    } catch (const std::exception& error) {
-      spdlog::error("the socket is left behind: {}", error.what());
-    }
-  }
-  void unmount() {
-    if (std::exchange(mUnmountsElsewhere, false)) {
-      mProcess->run(kUnmount);
-    } else if (mMounted) {
-      mMounted->unmount();
-    }
-  }
-
- private:
-  enum Step : std::size_t { kRemoveSocket, kUnmount, kStepCount };
-
-  std::optional<MountedPartition>& mMounted;
-  Listener& mListener;
-  std::optional<CleanupProcess> mProcess;
-  bool mUnmountsElsewhere = false;
-  bool mSocketRemoved = false;
-};
 
 std::string servedDirectory(const std::string& given) {
   std::error_code error;
@@ -201,20 +146,24 @@ void serve(const ServeOptions& options) {
     for (const std::string& glob : options.tracePaths) paths->Add(glob);
   }
 
+  std::optional<Listener> listener;
   std::optional<MountedPartition> mounted;
-  if (!options.partition.empty()) mounted.emplace(options.partition, options.readOnly);
-  const std::string directory = servedDirectory(mounted ? mounted->directory() : options.directory);
+  Cleanup cleanup;
+  if (!options.partition.empty()) {
+    mounted = mountPartition(options.partition, options.readOnly, cleanup);
+  }
+  const std::string directory = servedDirectory(mounted ? mounted->directory : options.directory);
   const UniqueFd shared = mounted ? UniqueFd() : sharePartition(directory);
-  const std::string& name = mounted && options.name.empty() ? mounted->label() : options.name;
+  const std::string& name = mounted && options.name.empty() ? mounted->label : options.name;
   const DeviceParameters parameters = makeParameters(directory, name, options.readOnly);
   const auto base = std::make_shared<HostDevBase>(toJson(parameters), paths, trace);
   ServedDirectory disk(directory);
   warnOfSetuidPrograms(directory, options.readOnly);
 
-  Listener listener(options.socketPath, owner);
-  Cleanup cleanup(mounted, listener);
+  listener.emplace(options.socketPath, owner);
+  cleanup.add(Cleanup::kRemoveSocket, [&] { listener->removePath(); });
   if (const auto mode = sandboxModes().at(options.sandbox)) {
-    cleanup.splitOff();
+    cleanup.splitOff(listener->kept());
     if (confine(*mode, directory, options.readOnly)) disk.confinedToMount();
   }
   letClientsChooseModes();
@@ -222,10 +171,10 @@ void serve(const ServeOptions& options) {
   signals.attend();
   disk.watch();
   spdlog::info("serving {} on {}", printable(directory), printable(options.socketPath));
-  runServer(module, base, disk, listener, signals, {options.maxClients, admittedUsers(owner)},
-            [&cleanup] { cleanup.removeSocket(); });
+  runServer(module, base, disk, *listener, signals, {options.maxClients, admittedUsers(owner)},
+            [&] { cleanup.tryToRun(Cleanup::kRemoveSocket); });
   disk.stopWatching();
-  cleanup.unmount();
+  cleanup.run(Cleanup::kUnmount);
 }
 
 }  // namespace
@@ -245,15 +194,15 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
   command->add_option("--socket", options->socketPath, "Path of the Unix socket to listen on")
       ->required();
   command->add_option("--user", options->user,
-                      "User whose the socket is, and who may connect beside root (for a host that "
-                      "root runs)");
+                      "User that owns the socket and may connect beside root (for a host that root "
+                      "runs)");
   command
       ->add_option("--max-clients", options->maxClients,
                    "How many clients may be connected at once")
       ->check(CLI::Range(std::size_t{1}, kMaxClients))
       ->capture_default_str();
   command->add_option("--name", options->name,
-                      "Name announced to the remote (default: the directory's own)");
+                      "Name announced to clients (default: the directory's own)");
   command->add_flag("--read-only", options->readOnly, "Refuse every change");
   command->add_option("--module", options->module, "The driver module to load");
   command
@@ -262,7 +211,7 @@ void addServeCommand(CLI::App& app, std::function<void()>& run) {
                    "has), required (all, or nothing is served), off")
       ->check(CLI::IsMember({"auto", "required", "off"}))
       ->capture_default_str();
-  command->add_option("--log-level", options->logLevel, "Least level of the lines on stderr")
+  command->add_option("--log-level", options->logLevel, "Lowest level of the lines on stderr")
       ->check(CLI::IsMember(levels))
       ->capture_default_str();
   command->add_option("--trace-file", options->traceFile, "Append trace events to this file");

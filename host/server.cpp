@@ -24,9 +24,9 @@ namespace {
 // How long accepting pauses when the system has no descriptor left for it.
 constexpr auto kAcceptPause = std::chrono::milliseconds(200);
 // How long a newcomer waits for drivers that are being closed.
-constexpr auto kClosingPatience = std::chrono::seconds(2);
+constexpr auto kClosingTimeout = std::chrono::seconds(2);
 // Drivers that are still there so long after the end has begun are worth a line.
-constexpr auto kEndPatience = std::chrono::seconds(3);
+constexpr auto kEndTimeout = std::chrono::seconds(3);
 
 class Server {
  public:
@@ -73,7 +73,7 @@ class Server {
     mPause.cancel();
     for (ClientConnection& connection : mConnections) connection.end();
     if (mConnections.empty()) return mContext.stop();
-    mPause.expires_after(kEndPatience);
+    mPause.expires_after(kEndTimeout);
     mPause.async_wait([this](const asio::error_code& error) {
       if (error) return;
       spdlog::warn("waiting for the requests of {} clients; a second signal ends at once",
@@ -89,15 +89,15 @@ class Server {
   }
 
   void report() {
-    ClientConnection::Figures all = mLeft;
-    for (const ClientConnection& connection : mConnections) all += connection.figures();
+    ClientConnection::Metrics all = mLeft;
+    for (const ClientConnection& connection : mConnections) all += connection.metrics();
     print(
         "served {} clients, {} requests, {} bytes received, {} bytes sent; now {} clients, {} "
         "drivers being closed, {} requests waiting, {} bytes in memory",
         mCount, all.packets, all.received, all.sent, clients(), mConnections.size() - clients(),
         all.waitingPackets, all.waitingBytes);
     for (const ClientConnection& connection : mConnections) {
-      const ClientConnection::Figures own = connection.figures();
+      const ClientConnection::Metrics own = connection.metrics();
       print(
           "{} process {} of user {}: {} requests, {} bytes received, {} bytes sent, {} requests "
           "waiting, {} bytes in memory",
@@ -133,7 +133,7 @@ class Server {
       mWaitsUntil.reset();
     } else {
       const auto now = Clock::now();
-      if (!mWaitsUntil) mWaitsUntil = now + kClosingPatience;
+      if (!mWaitsUntil) mWaitsUntil = now + kClosingTimeout;
       if (now < *mWaitsUntil) return awaitClientAfter(*mWaitsUntil - now);
     }
     UniqueFd socket(::accept4(mAcceptor->native_handle(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -191,9 +191,9 @@ class Server {
   }
 
   void onFinished(std::list<ClientConnection>::iterator connection) {
-    ClientConnection::Figures figures = connection->figures();
-    figures.waitingPackets = figures.waitingBytes = 0;
-    mLeft += figures;
+    ClientConnection::Metrics metrics = connection->metrics();
+    metrics.waitingPackets = metrics.waitingBytes = 0;
+    mLeft += metrics;
     mConnections.erase(connection);
     ::malloc_trim(0);  // what a flood took goes back to the system
     if (mEnding && mConnections.empty()) mContext.stop();
@@ -214,7 +214,7 @@ class Server {
   asio::steady_timer mPause{mContext};
   SharedBudget mShared;
   std::list<ClientConnection> mConnections;
-  ClientConnection::Figures mLeft;  ///< of those that are gone
+  ClientConnection::Metrics mLeft;  ///< of those that are gone
   std::size_t mCount = 0;
   /// Newcomers wait so long for drivers that are being closed.
   std::optional<Clock::time_point> mWaitsUntil;

@@ -24,11 +24,11 @@ constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
 constexpr std::uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 #else
-constexpr std::uint32_t kArchitecture = 0;  // the numbers of others were not looked at
+constexpr std::uint32_t kArchitecture = 0;  // the numbers of others were not reviewed
 #endif
 
 // Younger calls are unknown to this list. Before this is raised, those in
-// between are to be looked at.
+// between are to be reviewed.
 constexpr std::uint32_t kYoungestCall = SYS_set_mempolicy_home_node;
 
 constexpr std::uint32_t kNeverCalled[] = {
@@ -158,9 +158,44 @@ constexpr std::uint32_t kNeverCalled[] = {
 // A thread of this process, as the C library makes them.
 [[maybe_unused]] constexpr std::uint32_t kThread = CLONE_THREAD | CLONE_SIGHAND | CLONE_VM;
 
-constexpr std::uint32_t kAllow = SECCOMP_RET_ALLOW;
+constexpr std::uint32_t kPermission = SECCOMP_RET_ALLOW;
 constexpr std::uint32_t refusal(int error) {
   return SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error);
+}
+
+// Where a check leads to: to the next one of its call, or to the verdict.
+enum class To { kNext, kAllow, kRefuse };
+
+struct Check {
+  sock_filter code;
+  To ifTrue = To::kNext, ifFalse = To::kNext;  // of a jump
+};
+
+sock_filter statement(int code, std::uint32_t value) noexcept {
+  return {static_cast<std::uint16_t>(code), 0, 0, value};
+}
+sock_filter jump(int test, std::uint32_t value) noexcept {
+  return statement(BPF_JMP | test | BPF_K, value);
+}
+sock_filter verdict(std::uint32_t value) noexcept { return statement(BPF_RET | BPF_K, value); }
+sock_filter word(std::size_t offset) noexcept {
+  return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
+}
+
+// The lower half: the upper one means nothing for an int.
+Check argument(std::size_t index) noexcept {
+  static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+  return {word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t))};
+}
+Check upperHalf(std::size_t index) noexcept {
+  return {
+      word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t) + sizeof(std::uint32_t))};
+}
+Check equals(std::uint32_t value, To ifTrue, To ifFalse) noexcept {
+  return {jump(BPF_JEQ, value), ifTrue, ifFalse};
+}
+[[maybe_unused]] Check masked(std::uint32_t bits) noexcept {
+  return {statement(BPF_ALU | BPF_AND | BPF_K, bits)};
 }
 
 // Arguments are loaded only for the calls that are judged by them: the kernel
@@ -168,25 +203,24 @@ constexpr std::uint32_t refusal(int error) {
 class Filter {
  public:
   Filter() {
-    load(offsetof(seccomp_data, arch));
-    unlessEqual(kArchitecture, {end(refusal(EPERM))});
-    load(offsetof(seccomp_data, nr));
+    mCode.push_back(word(offsetof(seccomp_data, arch)));
+    unless(jump(BPF_JEQ, kArchitecture), refusal(EPERM));
+    mCode.push_back(word(offsetof(seccomp_data, nr)));
 #ifdef __x86_64__
     constexpr std::uint32_t kX32 = 0x4000'0000;
-    ifAtLeast(kX32, end(refusal(EPERM)));
+    when(jump(BPF_JGE, kX32), refusal(EPERM));
 #endif
     // The filter runs for these each time, so they come before the long list.
     judgeByArguments();
-    ifAtLeast(kYoungestCall + 1, end(refusal(ENOSYS)));
-    for (const std::uint32_t call : kNeverCalled) ifEqual(call, {end(refusal(EPERM))});
+    when(jump(BPF_JGE, kYoungestCall + 1), refusal(ENOSYS));
+    for (const std::uint32_t call : kNeverCalled) when(jump(BPF_JEQ, call), refusal(EPERM));
 #ifndef UDISK_LEAK_CHECKER
     // Its flags lie in memory that a filter cannot see; the C library falls back
     // to the older call.
-    ifEqual(SYS_clone3, {end(refusal(ENOSYS))});
-    ifEqual(SYS_clone, {argument(0), statement(BPF_ALU | BPF_AND | BPF_K, kThread),
-                        jump(BPF_JEQ, kThread, 0, 1), end(kAllow), end(refusal(EPERM))});
+    when(jump(BPF_JEQ, SYS_clone3), refusal(ENOSYS));
+    judge(SYS_clone, {argument(0), masked(kThread), equals(kThread, To::kAllow, To::kRefuse)});
 #endif
-    mCode.push_back(end(kAllow));
+    mCode.push_back(verdict(kPermission));
   }
 
   long install() noexcept {
@@ -200,58 +234,48 @@ class Filter {
   void judgeByArguments() {
     const auto self = static_cast<std::uint32_t>(::getpid());
     // The abort of this process, and nobody else's.
-    ifEqual(SYS_tgkill, {argument(0), jump(BPF_JEQ, self, 0, 1), end(kAllow), end(refusal(EPERM))});
+    judge(SYS_tgkill, {argument(0), equals(self, To::kAllow, To::kRefuse)});
     // The C library's way to the limits of this process; another could be killed by them.
-    ifEqual(SYS_prlimit64, {argument(0), jump(BPF_JEQ, 0, 1, 0), jump(BPF_JEQ, self, 0, 1),
-                            end(kAllow), end(refusal(EPERM))});
+    judge(SYS_prlimit64,
+          {argument(0), equals(0, To::kAllow, To::kNext), equals(self, To::kAllow, To::kRefuse)});
     // send() is this with no address.
-    ifEqual(SYS_sendto, {upperHalf(4), jump(BPF_JEQ, 0, 0, 2), argument(4), jump(BPF_JEQ, 0, 1, 0),
-                         end(refusal(EPERM)), end(kAllow)});
+    judge(SYS_sendto, {upperHalf(4), equals(0, To::kNext, To::kRefuse), argument(4),
+                       equals(0, To::kAllow, To::kRefuse)});
     // What the C library asks of an output, and how descriptors wait. Typing into a terminal,
     // the flags of a disk's files and all the drivers' own are not among it.
-    ifEqual(SYS_ioctl, {argument(1), jump(BPF_JEQ, TCGETS, 4, 0), jump(BPF_JEQ, TIOCGWINSZ, 3, 0),
-                        jump(BPF_JEQ, FIONREAD, 2, 0), jump(BPF_JEQ, FIONBIO, 1, 0),
-                        jump(BPF_JEQ, FIOCLEX, 0, 1), end(kAllow), end(refusal(EPERM))});
+    judge(SYS_ioctl,
+          {argument(1), equals(TCGETS, To::kAllow, To::kNext),
+           equals(TIOCGWINSZ, To::kAllow, To::kNext), equals(FIONREAD, To::kAllow, To::kNext),
+           equals(FIONBIO, To::kAllow, To::kNext), equals(FIOCLEX, To::kAllow, To::kRefuse)});
     // Signals to others by way of a descriptor.
-    ifEqual(SYS_fcntl, {argument(1), jump(BPF_JEQ, F_SETOWN, 1, 0),
-                        jump(BPF_JEQ, F_SETOWN_EX, 0, 1), end(refusal(EPERM)), end(kAllow)});
+    judge(SYS_fcntl, {argument(1), equals(F_SETOWN, To::kRefuse, To::kNext),
+                      equals(F_SETOWN_EX, To::kRefuse, To::kAllow)});
   }
 
-  static sock_filter statement(int code, std::uint32_t value) noexcept {
-    return {static_cast<std::uint16_t>(code), 0, 0, value};
+  void when(sock_filter test, std::uint32_t then) {
+    test.jf = 1;
+    mCode.insert(mCode.end(), {test, verdict(then)});
   }
-  static sock_filter jump(int test, std::uint32_t value, int ifTrue, int ifFalse) noexcept {
-    return {static_cast<std::uint16_t>(BPF_JMP | test | BPF_K), static_cast<std::uint8_t>(ifTrue),
-            static_cast<std::uint8_t>(ifFalse), value};
+  void unless(sock_filter test, std::uint32_t then) {
+    test.jt = 1;
+    mCode.insert(mCode.end(), {test, verdict(then)});
   }
-  static sock_filter end(std::uint32_t verdict) noexcept {
-    return statement(BPF_RET | BPF_K, verdict);
-  }
-  static sock_filter word(std::size_t offset) noexcept {
-    return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
-  }
-  // The lower half: the upper one means nothing for an int.
-  static sock_filter argument(std::size_t index) noexcept {
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-    return word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
-  }
-  static sock_filter upperHalf(std::size_t index) noexcept {
-    return word(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t) +
-                sizeof(std::uint32_t));
-  }
-
-  void load(std::size_t offset) { mCode.push_back(word(offset)); }
-  void ifEqual(std::uint32_t value, std::initializer_list<sock_filter> then) {
-    mCode.push_back(jump(BPF_JEQ, value, 0, static_cast<int>(then.size())));
-    mCode.insert(mCode.end(), then);
-  }
-  void unlessEqual(std::uint32_t value, std::initializer_list<sock_filter> then) {
-    mCode.push_back(jump(BPF_JEQ, value, static_cast<int>(then.size()), 0));
-    mCode.insert(mCode.end(), then);
-  }
-  void ifAtLeast(std::uint32_t value, sock_filter then) {
-    mCode.push_back(jump(BPF_JGE, value, 0, 1));
-    mCode.push_back(then);
+  // The verdicts stand behind the checks, as no jump reaches far.
+  void judge(std::uint32_t call, std::initializer_list<Check> checks) {
+    sock_filter isCall = jump(BPF_JEQ, call);
+    isCall.jf = static_cast<std::uint8_t>(checks.size() + 2);
+    mCode.push_back(isCall);
+    std::size_t behind = checks.size();
+    const auto distance = [&](To to) {
+      return static_cast<std::uint8_t>(to == To::kNext ? 0 : behind + (to == To::kRefuse));
+    };
+    for (Check check : checks) {
+      --behind;
+      check.code.jt = distance(check.ifTrue);
+      check.code.jf = distance(check.ifFalse);
+      mCode.push_back(check.code);
+    }
+    mCode.insert(mCode.end(), {verdict(kPermission), verdict(refusal(EPERM))});
   }
 
   std::vector<sock_filter> mCode;

@@ -91,7 +91,7 @@ void TraceFile::write(const std::string& traceId, const std::string& context,
     mLossLogged = true;
     spdlog::error("trace events are lost: cannot write {}: {}", printable(mPath),
                   std::strerror(errno));
-  } catch (...) {  // a trace is never worth the request that it tells of
+  } catch (...) {  // a trace is never worth the request that it reports
   }
 }
 

@@ -43,7 +43,7 @@ class ClientStream {
   /// Receives into `space`. The number of bytes; 0 when the client has closed
   /// its side or the stream has ended; a negative errno value on failure, -EAGAIN
   /// when there is nothing to receive and `waiting` is kNonBlocking, -ETIMEDOUT when the
-  /// remote sends nothing for long and holds memory that others wait for.
+  /// client sends nothing for long and holds memory that others wait for.
   ssize_t receive(std::span<iovec> space, Waiting waiting) noexcept;
 
   /// Waits until there is something to receive, or the end. False when the time

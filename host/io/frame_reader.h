@@ -15,7 +15,7 @@
 namespace zor::host {
 
 /// Turns the bytes of a stream into packets, without knowing where they come
-/// from: fill `space`, tell `commit` how much was filled, and call `next` until
+/// from: fill `space`, call `commit` with the number of bytes, and call `next` until
 /// it has nothing more to give.
 ///
 /// Each byte is copied at most once: a fixed buffer takes in many small packets
@@ -26,7 +26,7 @@ class FrameReader {
   enum class Status {
     kPacket,     ///< a packet was given out
     kMore,       ///< more bytes are needed
-    kBadMagic,   ///< the stream is not made of packets; `header` tells
+    kBadMagic,   ///< the stream is not made of packets; see `header`
     kBadLength,  ///< a length below the header's size or above the maximum
     kNoMemory,
     kNoRoom,   ///< in the budget, non-blocking
@@ -44,7 +44,7 @@ class FrameReader {
 
   /// The next packet, its header in the host's byte order. Waits for the budget
   /// when blocking. After anything but kPacket, kMore and kNoRoom the stream is at
-  /// its end, which asking again tells again.
+  /// its end, which the next call reports again.
   Status next(std::unique_ptr<ZorPacket>& packet, Waiting waiting = Waiting::kBlocking);
 
   /// The header that was read last, in the host's byte order.

@@ -68,7 +68,7 @@ class Outbox {
   std::vector<Reply> mReplies GUARDED_BY(mMutex);
   std::size_t mBytes GUARDED_BY(mMutex) = 0;
   std::uint64_t mWrites GUARDED_BY(mMutex) = 0;
-  bool mTicking GUARDED_BY(mMutex) = false;  ///< the own thread looks after what was coalesced
+  bool mTicking GUARDED_BY(mMutex) = false;  ///< the own thread checks the coalesced replies
   std::atomic<bool> mAnyCoalesced{false};    ///< changed under mMutex
   std::atomic<std::uint64_t> mWrittenBytes{0};
   std::thread mThread;

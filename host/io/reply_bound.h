@@ -10,7 +10,7 @@
 
 namespace zor::host {
 
-/// A request of a read that is not longer than this is looked at whole.
+/// A request of a read that is not longer than this is parsed whole.
 inline constexpr std::uint32_t kExaminedRequest = std::uint32_t{128} << 10;
 
 /// The most that the reply to a request may hold beside small change, in bytes; nothing

@@ -67,19 +67,6 @@ TEST_F(HostTest, EndsAMalformedConnectionWithOneLine) {
   EXPECT_EQ(logged("the client left") + logged("has ended"), 0);
 }
 
-TEST_F(HostTest, SendsAwayWhoIsTooManyAndServesTheNextAtOnce) {
-  serve({"--max-clients", "1"});
-  ::kill(mPid, SIGPIPE);
-  for (int i = 0; i < 30; ++i) {  // each comes while its predecessor's driver is being closed
-    const Remote remote(mSocket);
-    ASSERT_TRUE(remote.greeted()) << i;
-    EXPECT_TRUE(i % 10 != 0 || Remote(mSocket).closedByHost());
-    remote.send(echoRequest(1, "/x"));
-    EXPECT_EQ(remote.receive(), echoRequest(1, "/x"));
-  }
-  EXPECT_TRUE(logs("1 are connected, which is the limit", 3));
-}
-
 TEST_F(HostTest, ServesWhatWasSentBeforeTheRemoteClosedItsSide) {
   serve();
   const Remote remote(mSocket);
@@ -119,30 +106,15 @@ TEST_F(HostTest, SaysWhatIsWrongWithItsCommandLine) {
     EXPECT_EQ(exitCode(), row.exitCode) << row.message;
     EXPECT_THAT(slurp(mLog), HasSubstr(row.message));
   }
+  mPid = zor::test::spawn({HOST_PROGRAM, "--help"}, "/dev/full", mLog);
+  EXPECT_EQ(exitCode(), 1);
+  EXPECT_EQ(logged("cannot write to standard output: No space left on device"), 1);
 }
 
 TEST_F(HostTest, OutlivesAModuleThatOpensNothing) {
   serve({"--module", HOST_MODULES "opens_nothing.so"});
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(Remote(mSocket).closedByHost());
   EXPECT_TRUE(logs("could not open a driver", 3));
-}
-
-TEST_F(HostTest, ServesAndEndsThoughNobodyReadsItsLog) {
-  ASSERT_EQ(::mkfifo(mLog.c_str(), 0600), 0);
-  const zor::UniqueFd reader(::open(mLog.c_str(), O_RDWR | O_CLOEXEC));
-  launch({"serve", mDirectory + "/disk", "--socket", mSocket, "--log-level", "trace"});
-  ASSERT_TRUE(eventually([&] { return Remote(mSocket).connected; }));
-  {
-    const Remote remote(mSocket);
-    std::string requests;
-    for (std::uint32_t i = 0; i < 3000; ++i) requests += echoRequest(i, "/some/path");
-    ASSERT_TRUE(remote.greeted());
-    remote.send(requests);
-    EXPECT_TRUE(remote.receiveBytes(requests.size()) == requests);
-  }
-  ::kill(mPid, SIGTERM);
-  EXPECT_EQ(exitCode(), 0);
-  fs::remove(mLog);  // nobody else would ever read it to its end
 }
 
 // None is the same as the one before.
@@ -159,12 +131,6 @@ TEST_F(HostTest, LogsAFloodOfFailuresInPart) {
   EXPECT_EQ(exitCode(), 0);
   EXPECT_THAT(logged("ZOR_LOG"), ::testing::AllOf(::testing::Ge(100), ::testing::Le(1000)));
   EXPECT_GE(logged("more lines like: [ZOR_LOG]"), 1);
-}
-
-TEST_F(HostTest, IsNotContentWithOutputThatDoesNotArrive) {
-  mPid = zor::test::spawn({HOST_PROGRAM, "--help"}, "/dev/full", mLog);
-  EXPECT_EQ(exitCode(), 1);
-  EXPECT_EQ(logged("cannot write to standard output: No space left on device"), 1);
 }
 
 TEST_F(HostTest, AFileThatMayNotGrowIsAFailedRequestAndNotTheEnd) {
