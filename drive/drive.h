@@ -158,6 +158,9 @@ class Drive {
     std::string silly;
     std::string name;
   };
+  /// Changes that were lost with the link, and have not happened: a host that comes back as
+  /// often may not stay.
+  static constexpr int kMaxRepeats = 10;
   using Make = std::function<void(const PathLease& at, Callback<Unit> done)>;
   using Rename = PathGate::Rename;
 

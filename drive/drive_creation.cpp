@@ -15,9 +15,6 @@ namespace {
 /// For how long a creation that succeeded vouches for the next in its directory.
 constexpr std::chrono::seconds kCreationTrust{5};
 
-/// For what was lost with the link.
-constexpr int kMaxLinkAttempts = 10;
-
 bool hasBackslash(std::string_view path) { return path.find('\\') != std::string_view::npos; }
 
 /// Whether every file system takes this name.
@@ -204,7 +201,7 @@ Outcome<NodeEntry> Drive::link(NodeId existing, NodeId directory, std::string_vi
     const Outcome<bool> linked = linkOnce(existing, directory, key);
     if (!linked) return linked.error();
     if (*linked) break;
-    if (attempt == kMaxLinkAttempts) return Errno{EIO};
+    if (attempt == kMaxRepeats) return Errno{EIO};
   }
   return enterByName(directory, key);
 }

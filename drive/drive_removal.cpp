@@ -5,13 +5,6 @@
 
 namespace zor::client {
 
-namespace {
-
-/// For what was lost with the link: a host that comes back as often may not stay.
-constexpr int kMaxAttempts = 10;
-
-}  // namespace
-
 Outcome<Unit> Drive::unlink(NodeId directory, std::string_view name) {
   const MutexLock lock(mMutex);
   mGate.waitUntilOpen();
@@ -69,7 +62,7 @@ Outcome<Unit> Drive::removeName(NodeId directory, const std::string& name, bool 
       if (lost) return Unit{};
       return Errno{ENOENT};
     }
-    if (lost && attempt < kMaxAttempts) continue;
+    if (lost && attempt < kMaxRepeats) continue;
     if (lost) return Errno{EIO};
     if (isDir != isDirectory(seen.attributes())) return Errno{isDir ? ENOTDIR : EISDIR};
     if (isDir) {

@@ -7,13 +7,6 @@
 
 namespace zor::client {
 
-namespace {
-
-/// For what was lost with the link.
-constexpr int kMaxRenameAttempts = 10;
-
-}  // namespace
-
 Outcome<Unit> Drive::rename(NodeId from, std::string_view name, NodeId to, std::string_view newName,
                             unsigned flags) {
   if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return Errno{EINVAL};
@@ -103,7 +96,7 @@ Outcome<Unit> Drive::renameHeld(const Rename& rename, NodeId from, const std::st
       mNames.learn(from, name, Error{ErrorKind::kFailed, {}}, mNames.linkEpoch());
       return Errno{ENOENT};
     }
-    if (lost && attempt < kMaxRenameAttempts) continue;
+    if (lost && attempt < kMaxRepeats) continue;
     if (lost) return Errno{EIO};
     return Errno{renameRefusal(rename, here, there, to, newName)};
   }

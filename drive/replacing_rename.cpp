@@ -7,13 +7,6 @@
 
 namespace zor::client {
 
-namespace {
-
-/// For what was lost with the link.
-constexpr int kMaxLinkAttempts = 10;
-
-}  // namespace
-
 // The target gets the silly name as a second one first, so that there is always a file
 // under its own name: the old one or the new one, whatever becomes of link and host.
 
@@ -66,7 +59,7 @@ Outcome<bool> Drive::linkSilly(const Rename& rename, NodeId directory, const std
     if (linked) return true;
     if (linked.error().kind == ErrorKind::kFailed) return false;
     const Presence seen = presenceAt(directory, silly, &rename);
-    if (seen.isUnknown() || attempt == kMaxLinkAttempts) return Errno{EIO};
+    if (seen.isUnknown() || attempt == kMaxRepeats) return Errno{EIO};
     if (seen.isPresent()) {
       splitSilly(directory, name, silly);
       return true;

@@ -10,7 +10,7 @@ namespace {
 
 // Files in between are empty, large, or not wanted; some programs read with
 // several threads, slightly out of order.
-constexpr std::size_t kMaxAhead = 16;
+constexpr std::size_t kMaxSkipped = 16;
 constexpr std::size_t kMaxBack = 4;
 
 }  // namespace
@@ -36,7 +36,7 @@ bool DirectoryScan::near(const DirectorySnapshot& listing, std::string_view name
   const auto last = find(listing, mLast);
   const auto next = find(listing, name);
   if (!last || !next) return false;
-  return *next <= *last + kMaxAhead && *last <= *next + kMaxBack;
+  return *next <= *last + kMaxSkipped && *last <= *next + kMaxBack;
 }
 
 std::optional<std::size_t> DirectoryScan::find(const DirectorySnapshot& listing,
