@@ -71,6 +71,9 @@ TEST_F(ListenerTest, TakesOnlyADeadSocketsPlace) {
   bound(SOCK_STREAM, mPath);  // what a host that was killed leaves behind
   std::filesystem::create_symlink(mPath, mDirectory + "/socket link");
   EXPECT_THAT(refusal(mDirectory + "/socket link"), HasSubstr("not a socket"));
+  // Anybody may lock a directory that he can read.
+  const UniqueFd directory(::open(mDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(directory.get(), LOCK_EX), 0);
   EXPECT_EQ(refusal(mPath), "it listens");
 }
 
@@ -80,14 +83,6 @@ TEST_F(ListenerTest, LeavesAPathThatIsNoLongerIts) {
   std::ofstream(mPath) << "another";
   listener.reset();
   EXPECT_TRUE(std::filesystem::exists(mPath));
-}
-
-// Anybody may lock a directory that he can read.
-TEST_F(ListenerTest, WaitsForNobodysLock) {
-  bound(SOCK_STREAM, mPath);
-  const UniqueFd directory(::open(mDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  ASSERT_EQ(::flock(directory.get(), LOCK_EX), 0);
-  EXPECT_EQ(refusal(mPath), "it listens");
 }
 
 TEST_F(ListenerTest, OfTwoThatStartAtOnceOneListens) {

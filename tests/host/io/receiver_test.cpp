@@ -20,10 +20,10 @@ namespace zor::host {
 namespace {
 
 using namespace std::chrono_literals;
-using zor::client::test::sendBytes;
-using zor::client::test::socketPair;
 using test::eventually;
 using test::le;
+using zor::client::test::sendBytes;
+using zor::client::test::socketPair;
 
 std::string packetOf(unsigned cmd, std::uint32_t id, std::size_t payload = 0) {
   return "\x27\1" + le(cmd, 2) + le(id, 4) + le(16 + payload, 4) + le(0, 4) +
