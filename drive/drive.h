@@ -52,7 +52,7 @@ struct NodeAttributes {
   std::chrono::nanoseconds validFor{};
 };
 
-/// The answer to a lookup. A `node` of 0: there is no such name (for as long as
+/// The result of a lookup. A `node` of 0: there is no such name (for as long as
 /// `validFor` tells); else the kernel holds one more reference.
 struct NodeEntry {
   NodeId node = 0;
@@ -96,7 +96,7 @@ class Drive {
   Outcome<DirectorySnapshot> openDirectory(NodeId directory);
   /// The inode numbers of "." and ".."; 0 when unknown.
   std::pair<std::uint64_t, std::uint64_t> dotNumbers(NodeId directory);
-  /// The answer to a lookup of `item`, which comes from a snapshot, without
+  /// The result of a lookup of `item`, which comes from a snapshot, without
   /// asking the host. A `node` of 0: it is gone, or was never to be seen.
   NodeEntry enter(NodeId directory, const DirectoryItem& item);
 

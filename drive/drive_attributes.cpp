@@ -42,7 +42,7 @@ Outcome<Unit> Drive::setLength(NodeId id, std::uint64_t length) {
     CompoundRequest request(mHost);
     const PathLease* at = request.at(id);
     request.add<Unit>([&](auto done) { mDisk.truncate(*at, length, std::move(done)); },
-                      [&status](Status& answer) { status = answer; });
+                      [&status](Status& reply) { status = reply; });
     request.queryFile(node->parent->id, node->name());
     request.wait();
     if (status) return Unit{};
@@ -91,7 +91,7 @@ Outcome<Unit> Drive::changeInode(NodeId id, const Change& change) {
   Status status = Unit{};
   mNames.invalidateLinks();
   request.add<Unit>([&](auto done) { change(*at, std::move(done)); },
-                    [&status](Status& answer) { status = answer; });
+                    [&status](Status& reply) { status = reply; });
   if (node.parent != nullptr) {
     request.queryFile(node.parent->id, node.name());
   } else {

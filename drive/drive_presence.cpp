@@ -31,9 +31,9 @@ Presence Drive::revalidate(NodeId directory, const std::string& name) {
   if (at == nullptr) return Presence::absent();  // with its directory
   const Result<Presence> seen = request.get<Presence>(
       [&](auto done) { mDisk.presence(*at, std::move(done)); },
-      [this, directory, &name, epoch = mNames.linkEpoch()](Result<Presence>& answer) {
+      [this, directory, &name, epoch = mNames.linkEpoch()](Result<Presence>& reply) {
         mMutex.assertHeld();
-        if (answer->isPresent()) mNames.learn(directory, name, answer->attributes(), epoch);
+        if (reply->isPresent()) mNames.learn(directory, name, reply->attributes(), epoch);
       });
   if (seen->isAbsent()) return confirmAbsence(directory, name);
   if (seen->isUnknown() && isRemoved(directory)) return Presence::absent();

@@ -66,12 +66,12 @@ Outcome<Unit> Drive::removeName(NodeId directory, const std::string& name, bool 
     if (lost) return Errno{EIO};
     if (isDir != isDirectory(seen.attributes())) return Errno{isDir ? ENOTDIR : EISDIR};
     if (isDir) {
-      CompoundRequest look(mHost);
-      const PathLease* inside = look.at(directory, name);
+      CompoundRequest listing(mHost);
+      const PathLease* inside = listing.at(directory, name);
       if (inside == nullptr) return Errno{ENOENT};
-      const Result<Listing> listing =
-          look.get<Listing>([&](auto done) { mDisk.list(*inside, std::move(done)); });
-      if (listing && listing->entries().size() > 2) return Errno{ENOTEMPTY};
+      const Result<Listing> left =
+          listing.get<Listing>([&](auto done) { mDisk.list(*inside, std::move(done)); });
+      if (left && left->entries().size() > 2) return Errno{ENOTEMPTY};
     }
     return Errno{refusal(EACCES)};
   }

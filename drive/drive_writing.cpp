@@ -73,7 +73,7 @@ void Drive::revalidateBeforeWriting(NodeId id) {
   static_cast<void>(revalidate(directory, std::string(node.name())));
 }
 
-/// Learns where the file ends. False when the host does not answer.
+/// Learns where the file ends. False when the host does not reply.
 bool Drive::findEnd(OpenFile& file) {
   const NodeId id = file.mNode;
   // Programs that append in turns open the file each time.

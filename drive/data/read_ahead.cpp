@@ -19,7 +19,7 @@ constexpr std::uint64_t kKeptBehind = 1U << 20;  ///< for reads that were overta
 
 }  // namespace
 
-/// Shared with the answers that are under way.
+/// Shared with the replies that are under way.
 class ReadAhead::State : public std::enable_shared_from_this<State> {
  public:
   State(std::shared_ptr<FileRequests> file, ReadWindow& window, ReadCounters& counters)
@@ -36,7 +36,7 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
     ReadWindow::Ticket ticket;
     // Guarded by the mutex; `data` does not change once it has arrived.
     bool arrived = false;
-    std::optional<FileData> data;  ///< nothing when there was no answer
+    std::optional<FileData> data;  ///< nothing when there was no reply
     std::uint64_t consumed = 0;
     int waiting = 0;
     Condition arrival;
@@ -62,7 +62,7 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
 
   // Without it.
   void start(const Chunks& chunks);
-  void arrived(const ChunkPtr& chunk, Result<FileData> answer);
+  void arrived(const ChunkPtr& chunk, Result<FileData> reply);
 
   const std::shared_ptr<FileRequests> mFile;
   ReadWindow& mWindow;
@@ -221,24 +221,24 @@ void ReadAhead::State::drop() {
   const MutexLock lock(mMutex);
   dropChunks(std::numeric_limits<std::uint64_t>::max());
   mRun = 0;
-  mAdvances = 0;  // answers under way start nothing more
+  mAdvances = 0;  // replies under way start nothing more
 }
 
 void ReadAhead::State::start(const Chunks& chunks) {
   for (const ChunkPtr& chunk : chunks) {
     mFile->read(static_cast<std::int64_t>(chunk->offset), chunk->size,
-                [self = shared_from_this(), chunk](Result<FileData> answer) {
-                  self->arrived(chunk, std::move(answer));
+                [self = shared_from_this(), chunk](Result<FileData> reply) {
+                  self->arrived(chunk, std::move(reply));
                 });
   }
 }
 
-void ReadAhead::State::arrived(const ChunkPtr& chunk, Result<FileData> answer) {
-  mWindow.finished(chunk->ticket, answer ? answer->bytes().size() : 0);
+void ReadAhead::State::arrived(const ChunkPtr& chunk, Result<FileData> reply) {
+  mWindow.finished(chunk->ticket, reply ? reply->bytes().size() : 0);
   Chunks starting;
   {
     const MutexLock lock(mMutex);
-    if (answer) chunk->data.emplace(std::move(*answer));
+    if (reply) chunk->data.emplace(std::move(*reply));
     chunk->arrived = true;
     if (chunk->waiting > 0) chunk->arrival.notifyAll();
     if (chunk->bytes().size() == chunk->size) {

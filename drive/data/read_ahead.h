@@ -18,7 +18,7 @@ class FileRequests {
   virtual ~FileRequests() = default;
 
   /// Starts a read as `Disk::read` does. Called from any thread, from
-  /// completions too, with no lock held; must not block for an answer.
+  /// completions too, with no lock held; must not block for an reply.
   virtual void read(std::int64_t offset, std::uint32_t size, Callback<FileData> done) = 0;
 };
 
@@ -31,7 +31,7 @@ using ReadParts = std::vector<ReadPart>;
 
 /// All members may be called from any thread but the transport's; `read` from
 /// many at a time. What the window and the counters refer to must outlive the
-/// last answer; this object and `file` need not.
+/// last reply; this object and `file` need not.
 class ReadAhead {
  public:
   ReadAhead(std::shared_ptr<FileRequests> file, ReadWindow& window, ReadCounters& counters);
@@ -45,8 +45,8 @@ class ReadAhead {
   /// Waits for the contents from `offset` on, in order. Less than `size` bytes
   /// at the end of the file (`fileSize`), or when the host gave less: the file
   /// has shrunk, or it could not be read further, and the caller must find out
-  /// which before it tells a program that the file ends there. EIO when there
-  /// was no answer, or nothing at all before the end.
+  /// which before a program sees the end of the file. EIO when there
+  /// was no reply, or nothing at all before the end.
   Outcome<ReadParts> read(std::int64_t offset, std::uint32_t size, std::uint64_t fileSize);
 
   /// Later reads ask again: the file has changed.

@@ -44,7 +44,7 @@ class ReadWindow {
   /// For what nobody waits for yet: nothing when it would exceed the window.
   std::optional<Ticket> tryBegin(std::uint32_t bytes, Time now = Clock::now());
 
-  /// Once for each ticket; `received` is 0 when there was no answer.
+  /// Once for each ticket; `received` is 0 when there was no reply.
   void finished(const Ticket& ticket, std::uint64_t received, Time now = Clock::now());
 
   std::uint64_t inFlight() const;  ///< bytes
@@ -87,7 +87,7 @@ class ReadWindow {
   bool mFastStart = true;  ///< until the first sign of a queue
   bool mDraining = false;  ///< until a read that has the link for itself was measured
   Time mDrainUntil{};      ///< but not beyond this
-  Time mLastShrink{};      ///< reads begun before it tell nothing new
+  Time mLastShrink{};      ///< reads begun before it show nothing new
   Time mGrowAfter{};
   Time mLastFinish{};
   Time mPeriodStart{};

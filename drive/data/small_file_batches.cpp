@@ -103,20 +103,20 @@ void SmallFiles::State::start(const BatchPtr& batch, const PathLease& path) {
   for (const Item& item : batch->items) {
     files.push_back({item.name, static_cast<std::uint32_t>(item.expected.st_size)});
   }
-  mDisk.readSmallFiles(path, files, [self = shared_from_this(), batch](Result<FilePieces> answer) {
-    self->arrived(batch, std::move(answer));
+  mDisk.readSmallFiles(path, files, [self = shared_from_this(), batch](Result<FilePieces> reply) {
+    self->arrived(batch, std::move(reply));
   });
 }
 
-void SmallFiles::State::arrived(const BatchPtr& batch, Result<FilePieces> answer) {
-  const bool complete = answer && answer->pieces.size() == batch->items.size();
-  mWindow.finished(batch->ticket, complete ? answer->storage.size() : 0);
+void SmallFiles::State::arrived(const BatchPtr& batch, Result<FilePieces> reply) {
+  const bool complete = reply && reply->pieces.size() == batch->items.size();
+  mWindow.finished(batch->ticket, complete ? reply->storage.size() : 0);
   const MutexLock lock(mMutex);
   if (complete) {
-    batch->answer = std::move(*answer);
+    batch->reply = std::move(*reply);
     for (std::size_t i = 0; i < batch->items.size(); ++i) {
       Item& item = batch->items[i];
-      const wire::Bytes piece = batch->answer.pieces[i];
+      const wire::Bytes piece = batch->reply.pieces[i];
       // Another length belongs to other attributes than those in the listing.
       if (piece.size() == static_cast<std::uint64_t>(item.expected.st_size)) item.contents = piece;
     }

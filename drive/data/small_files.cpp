@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kMaxDirectories = 64;
 constexpr auto kLifetime = std::chrono::seconds(10);
 constexpr std::uint64_t kMaxShared = 8U << 20;  ///< beyond it programs get copies
-constexpr int kConfident = 8;  ///< uses after which the first read in a directory is a walk
+constexpr int kConfident = 8;  ///< uses after which the first read in a directory is a scan
 constexpr int kMaxUnproven = 2;
 constexpr std::size_t kToleratedStrays = 2;
 
@@ -134,7 +134,7 @@ bool SmallFiles::State::startsBatch(Directory& directory, const DirectorySnapsho
   if (!directory.scan.begun()) {
     if (mConfidence < kConfident) return false;
     if (mUnproven >= kMaxUnproven) {
-      mConfidence = 0;  // one file of each directory is no walk
+      mConfidence = 0;  // one file of each directory is no scan
       return false;
     }
     directory.nextFiles = kMaxBatchFiles;

@@ -27,7 +27,7 @@ inline constexpr std::int64_t kMaxSmallFile = 64 << 10;
 /// numbers, in which some programs open files.
 ///
 /// For hosts that serve batches. All members may be called from any thread but
-/// the transport's. Disk, window and counters must outlive the last answer;
+/// the transport's. Disk, window and counters must outlive the last reply;
 /// this object need not.
 class SmallFiles {
  public:

@@ -21,7 +21,7 @@ inline constexpr std::size_t kMaxBatchFiles = 256;
 
 bool isSmallFile(const udisk_stat& attributes);
 
-/// Shared with the answers that are under way.
+/// Shared with the replies that are under way.
 class SmallFiles::State : public std::enable_shared_from_this<State> {
  public:
   State(DiskRequests& disk, ReadWindow& window, ReadCounters& counters)
@@ -64,7 +64,7 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
     Condition arrival;
     ReadWindow::Ticket ticket;
     ReadWindow::Time made;
-    FilePieces answer;
+    FilePieces reply;
   };
   using BatchPtr = std::shared_ptr<Batch>;
 
@@ -78,7 +78,7 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
     explicit Directory(ScanOrder order) : scan(order) {}
     DirectoryScan scan;
     std::unordered_map<std::string, Place> cached;  ///< by name
-    std::string reached;                            ///< the last file that a batch looked at
+    std::string reached;                            ///< the last file that a batch has reached
     std::size_t nextFiles = kFirstBatchFiles;
     bool scanned = false;
     bool stopped = false;  ///< batches were of no use here
@@ -105,7 +105,7 @@ class SmallFiles::State : public std::enable_shared_from_this<State> {
 
   // Without it.
   void start(const BatchPtr& batch, const PathLease& path);
-  void arrived(const BatchPtr& batch, Result<FilePieces> answer);
+  void arrived(const BatchPtr& batch, Result<FilePieces> reply);
 
   DiskRequests& mDisk;
   ReadWindow& mWindow;

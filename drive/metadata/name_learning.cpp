@@ -60,7 +60,7 @@ void NameCache::learn(NodeId directory, const std::string& name, const Result<ud
   Entries& entries = parent->directory->entries;
   auto at = entries.find(name);
   if (!result) {
-    // Gone, or the disk fails: whoever needs it next finds out which.
+    // Gone, or the disk fails: the next query shows which.
     if (result.error().kind == ErrorKind::kFailed && at != entries.end()) at->second.stale = true;
     return;
   }

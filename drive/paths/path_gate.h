@@ -13,7 +13,7 @@
 // rename like any other.
 //
 // Nobody waits for a reply or for the gate while holding a lease, so a rename waits for
-// leases only as long as it takes to hand requests over. Whoever needs several leases takes
+// leases only as long as it takes to hand requests over. A thread that needs several leases takes
 // them without releasing the mutex in between.
 #pragma once
 
@@ -68,7 +68,7 @@ class PathGate {
 
   bool isOpen() const noexcept { return mOpen; }
 
-  /// To be called before a wait: whoever held a lease would stop a rename.
+  /// To be called before a wait: a lease would stop all renames meanwhile.
   static void assertNoLeaseHere();
 
   /// While one exists, nobody else has a lease.

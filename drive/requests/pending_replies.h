@@ -6,7 +6,7 @@
 namespace zor::client {
 
 /// Counts outstanding replies and wakes those who wait for the last one. Guarded by the
-/// mutex of whoever owns it.
+/// mutex of its owner.
 class PendingReplies {
  public:
   void add() noexcept { ++mCount; }

@@ -16,7 +16,7 @@ class DriveTest : public ScriptedDrive {
   std::uint64_t requests() { return mLink->metrics().snapshot().total().requests; }
 };
 
-TEST_F(DriveTest, OneListingTellsAllOfADirectoryAndOwnChangesKeepItTrue) {
+TEST_F(DriveTest, OneListingHasAllOfADirectoryAndOwnChangesKeepItValid) {
   for (int i = 0; i < 300; ++i) writeFile(mDisk / ("file" + std::to_string(i)), "text");
   connect();
   const std::uint64_t before = requests();
@@ -95,7 +95,7 @@ TEST_F(DriveTest, OpenFilesSurviveNewNamesAndNone) {
   EXPECT_TRUE(fs::is_empty(mDisk.root()));
 }
 
-TEST_F(DriveTest, ALostWriteIsToldByTheFileAndAtTheEnd) {
+TEST_F(DriveTest, ALostWriteIsReportedByTheFileAndAtTheEnd) {
   connect();
   OpenFile& file = create("lost");
   OpenFile& other = open(node("lost"), O_RDWR);

@@ -1,4 +1,4 @@
-// What programs are told when the disk refuses something.
+// The errors that programs see when the disk refuses something.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -70,7 +70,7 @@ udisk_statvfs fat(std::uint64_t free) {
   return disk;
 }
 
-TEST_F(DriveErrors, AWriteThatFailsIsToldByTheSpaceThatItNeeded) {
+TEST_F(DriveErrors, TheErrorOfAWriteFollowsFromTheSpaceThatItNeeded) {
   constexpr std::int64_t kLimit = std::int64_t{1} << 32;
   const std::pair<udisk_statvfs (*)(std::uint64_t), std::vector<Space>> cases[] = {
       {ext,
@@ -106,7 +106,7 @@ TEST_F(DriveErrors, AWriteThatFailsIsToldByTheSpaceThatItNeeded) {
   }
 }
 
-TEST_F(DriveErrors, NamesAndFileSystemsThatDoNotFitAreToldAsSuch) {
+TEST_F(DriveErrors, NamesAndFileSystemsThatDoNotFitHaveErrorsOfTheirOwn) {
   connectUncached();
   const std::string name(250, 'n');
   NodeId directory = kRootNode;

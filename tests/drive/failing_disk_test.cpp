@@ -79,7 +79,7 @@ TEST_F(FailingDisk, AFileThatCannotBeReadIsNotGoneWhileItIsListed) {
   EXPECT_EQ(errnoOf(mDrive->openDirectory(kRootNode)), EIO);
 }
 
-TEST_F(FailingDisk, PermissionsAreToldAsTheReasonWhereTheyAre) {
+TEST_F(FailingDisk, PermissionsAreTheReasonWhereNothingCanBeQueried) {
   fs::create_directory(mDisk / "closed");
   for (const char* name : {"unreadable", "closed/f"}) writeFile(mDisk / name, "text");
   fs::permissions(mDisk / "unreadable", fs::perms(0200));

@@ -1,4 +1,4 @@
-// What programs are told of files.
+// What programs see of files.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 using FilesTest = ScriptedDrive;
 
-TEST_F(FilesTest, ALostWriteIsToldAtEveryCloseUntilAProgramWasTold) {
+TEST_F(FilesTest, ALostWriteIsReportedAtEveryCloseUntilAWriteOrSyncReportsIt) {
   for (const char* name : {"synced", "written"}) {
     writeFile(mDisk / name, "");
     connect();
@@ -86,11 +86,11 @@ TEST_F(FilesTest, AnAppendGoesBehindWhatOthersAppendedBeforeTheFileWasOpened) {
   EXPECT_EQ(readFile(mDisk / "log"), expected);
 }
 
-TEST_F(FilesTest, AYoungFileIsToldAsItIs) {
+TEST_F(FilesTest, ANewFileIsShownAsItIsOnTheDisk) {
   connect();
   mDrive->release(create("other", 0600));
   ASSERT_TRUE(mDrive->openDirectory(kRootNode));
-  const auto isToldOf = [&](const std::string& name) {
+  const auto isShown = [&](const std::string& name) {
     const auto listing = mDrive->openDirectory(kRootNode);
     const auto told = mDrive->attributes(node(name));
     struct stat status {};
@@ -104,18 +104,18 @@ TEST_F(FilesTest, AYoungFileIsToldAsItIs) {
            is.st_mtim.tv_nsec == status.st_mtim.tv_nsec && is.st_size == status.st_size;
   };
   OpenFile& file = create("young", 0640);
-  EXPECT_TRUE(isToldOf("young"));
+  EXPECT_TRUE(isShown("young"));
   EXPECT_EQ(write(file, "text"), 0);
-  EXPECT_TRUE(isToldOf("young")) << "as it will be after the close";
+  EXPECT_TRUE(isShown("young")) << "as it will be after the close";
   EXPECT_EQ(flush(file), 0);
-  EXPECT_TRUE(isToldOf("young"));
+  EXPECT_TRUE(isShown("young"));
   mDrive->release(file);
   EXPECT_TRUE(mDrive->link(node("young"), kRootNode, "second"));
-  EXPECT_TRUE(isToldOf("young"));
-  EXPECT_TRUE(isToldOf("second"));
+  EXPECT_TRUE(isShown("young"));
+  EXPECT_TRUE(isShown("second"));
 }
 
-TEST_F(FilesTest, ALengthThatTheKernelNeedsIsToldWithoutWaiting) {
+TEST_F(FilesTest, ALengthThatTheKernelNeedsIsKnownWithoutWaiting) {
   connect();
   OpenFile& file = create("file");
   EXPECT_EQ(flush(file), 0);

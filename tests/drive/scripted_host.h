@@ -101,7 +101,8 @@ class ScriptedHost final : public Transport {
         if (reply) alters(command, names, *reply);
         done(std::move(reply));
       };
-      if (fence) return mNext.submitFenced(std::move(request), std::move(altering), std::move(*fence));
+      if (fence)
+        return mNext.submitFenced(std::move(request), std::move(altering), std::move(*fence));
       mNext.submit(std::move(request), std::move(altering));
     };
     {
