@@ -56,7 +56,8 @@ class ReadAhead::State : public std::enable_shared_from_this<State> {
   Chunks cover(std::uint64_t begin, std::uint64_t end, Chunks& starting);
   ChunkPtr demand(std::uint64_t begin, std::uint64_t end, Chunks& starting);
   void planAhead(Chunks& starting);
-  Collected collect(const Chunks& chunks, std::uint64_t& at, std::uint64_t end, ReadParts& parts);
+  Collected collect(const Chunks& chunks, std::uint64_t& at, std::uint64_t end, ReadParts& parts)
+      REQUIRES(mMutex);
   void consume(const ChunkPtr& chunk, std::uint64_t count);
   void dropChunks(std::uint64_t until);
 

@@ -48,12 +48,12 @@ class Reader::Requests final : public FileRequests {
 
 Reader::Reader(ReadResources& shared, NodeId node)
     : mShared(shared),
-      mNode(node),
       mAhead(std::make_shared<Requests>(shared, node), shared.window, shared.counters) {}
 
 bool Reader::prefetch(const Node& node, std::int64_t offset, std::int64_t length) {
-  if (mBegun) return false;
   HostAccess& host = mShared.host;
+  host.mutex.assertHeld();
+  if (mBegun) return false;
   if (!host.gate.isOpen()) {
     host.gate.waitUntilOpen();
     return true;
@@ -76,11 +76,9 @@ bool Reader::prefetch(const Node& node, std::int64_t offset, std::int64_t length
   const udisk_stat attributes = entry.attributes;
   std::optional<PathLease> path = host.gate.lease(directory);
   if (!path) return false;
-  host.mutex.assertHeld();
-  host.mutex.unlock();
-  auto small = mShared.smallFiles->get(directory, std::move(*path), listing, name, attributes);
-  host.mutex.lock();
-  mSmall = std::move(small);
+  mSmall = unlocked(host.mutex, [&] {
+    return mShared.smallFiles->get(directory, std::move(*path), listing, name, attributes);
+  });
   mSmallStamp = stampOf(attributes);
   return true;
 }
@@ -88,6 +86,7 @@ bool Reader::prefetch(const Node& node, std::int64_t offset, std::int64_t length
 Outcome<ReadParts> Reader::read(const Node& node, std::int64_t offset, std::uint32_t size,
                                 std::int64_t length) {
   HostAccess& host = mShared.host;
+  host.mutex.assertHeld();
   const Entry& entry = node.entry();
   const FileState& file = *stateOf(node);
   const ContentStamp stamp = stampOf(entry.attributes);
@@ -108,11 +107,8 @@ Outcome<ReadParts> Reader::read(const Node& node, std::int64_t offset, std::uint
     mWrites = file.writes;
   }
   identify(host, node);
-  host.mutex.assertHeld();
-  host.mutex.unlock();
-  Outcome<ReadParts> parts = mAhead.read(offset, size, static_cast<std::uint64_t>(length));
-  host.mutex.lock();
-  return parts;
+  return unlocked(host.mutex,
+                  [&] { return mAhead.read(offset, size, static_cast<std::uint64_t>(length)); });
 }
 
 }  // namespace zor::client

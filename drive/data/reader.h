@@ -40,7 +40,6 @@ class Reader {
   class Requests;
 
   ReadResources& mShared;
-  const NodeId mNode;
   ReadAhead mAhead;
   bool mBegun = false;
   ContentStamp mStamp;        ///< of the contents that mAhead may hold
