@@ -23,7 +23,7 @@ class OpenFile {
 
   // Guarded by the drive's mutex.
   Reader mReader;
-  std::uint64_t mReportedFailures;  ///< of the file's, that the program was told of
+  std::uint64_t mReportedFailures;  ///< of the file's, that the program knows of
   std::int64_t mSplitAt = -1;       ///< where the rest of the last write(2) may begin
   bool mKnowsEnd = false;           ///< the host was asked where to append
 };

@@ -21,7 +21,7 @@ class Listener {
     gid_t group;
   };
 
-  /// Listens on `path`. A socket left over there by a host that is gone is
+  /// Listens on `path`. A socket that was left by a host that is gone is
   /// replaced when it is this user's or `owner`'s; anything else there, and the socket of a
   /// host that lives, stays as it is and is an error. Throws std::runtime_error.
   ///

@@ -198,7 +198,7 @@ Check equals(std::uint32_t value, To ifTrue, To ifFalse) noexcept {
   return {statement(BPF_ALU | BPF_AND | BPF_K, bits)};
 }
 
-// Arguments are loaded only for the calls that are judged by them: the kernel
+// Arguments are loaded only for the calls that are filtered by them: the kernel
 // keeps the verdict on every other call and does not run the filter for it.
 class Filter {
  public:
@@ -211,14 +211,14 @@ class Filter {
     when(jump(BPF_JGE, kX32), refusal(EPERM));
 #endif
     // The filter runs for these each time, so they come before the long list.
-    judgeByArguments();
+    filterByArguments();
     when(jump(BPF_JGE, kYoungestCall + 1), refusal(ENOSYS));
     for (const std::uint32_t call : kNeverCalled) when(jump(BPF_JEQ, call), refusal(EPERM));
 #ifndef UDISK_LEAK_CHECKER
     // Its flags lie in memory that a filter cannot see; the C library falls back
     // to the older call.
     when(jump(BPF_JEQ, SYS_clone3), refusal(ENOSYS));
-    judge(SYS_clone, {argument(0), masked(kThread), equals(kThread, To::kAllow, To::kRefuse)});
+    filter(SYS_clone, {argument(0), masked(kThread), equals(kThread, To::kAllow, To::kRefuse)});
 #endif
     mCode.push_back(verdict(kPermission));
   }
@@ -231,25 +231,25 @@ class Filter {
   }
 
  private:
-  void judgeByArguments() {
+  void filterByArguments() {
     const auto self = static_cast<std::uint32_t>(::getpid());
     // The abort of this process, and nobody else's.
-    judge(SYS_tgkill, {argument(0), equals(self, To::kAllow, To::kRefuse)});
+    filter(SYS_tgkill, {argument(0), equals(self, To::kAllow, To::kRefuse)});
     // The C library's way to the limits of this process; another could be killed by them.
-    judge(SYS_prlimit64,
-          {argument(0), equals(0, To::kAllow, To::kNext), equals(self, To::kAllow, To::kRefuse)});
+    filter(SYS_prlimit64,
+           {argument(0), equals(0, To::kAllow, To::kNext), equals(self, To::kAllow, To::kRefuse)});
     // send() is this with no address.
-    judge(SYS_sendto, {upperHalf(4), equals(0, To::kNext, To::kRefuse), argument(4),
-                       equals(0, To::kAllow, To::kRefuse)});
+    filter(SYS_sendto, {upperHalf(4), equals(0, To::kNext, To::kRefuse), argument(4),
+                        equals(0, To::kAllow, To::kRefuse)});
     // What the C library asks of an output, and how descriptors wait. Typing into a terminal,
     // the flags of a disk's files and all the drivers' own are not among it.
-    judge(SYS_ioctl,
-          {argument(1), equals(TCGETS, To::kAllow, To::kNext),
-           equals(TIOCGWINSZ, To::kAllow, To::kNext), equals(FIONREAD, To::kAllow, To::kNext),
-           equals(FIONBIO, To::kAllow, To::kNext), equals(FIOCLEX, To::kAllow, To::kRefuse)});
+    filter(SYS_ioctl,
+           {argument(1), equals(TCGETS, To::kAllow, To::kNext),
+            equals(TIOCGWINSZ, To::kAllow, To::kNext), equals(FIONREAD, To::kAllow, To::kNext),
+            equals(FIONBIO, To::kAllow, To::kNext), equals(FIOCLEX, To::kAllow, To::kRefuse)});
     // Signals to others by way of a descriptor.
-    judge(SYS_fcntl, {argument(1), equals(F_SETOWN, To::kRefuse, To::kNext),
-                      equals(F_SETOWN_EX, To::kRefuse, To::kAllow)});
+    filter(SYS_fcntl, {argument(1), equals(F_SETOWN, To::kRefuse, To::kNext),
+                       equals(F_SETOWN_EX, To::kRefuse, To::kAllow)});
   }
 
   void when(sock_filter test, std::uint32_t then) {
@@ -261,7 +261,7 @@ class Filter {
     mCode.insert(mCode.end(), {test, verdict(then)});
   }
   // The verdicts stand behind the checks, as no jump reaches far.
-  void judge(std::uint32_t call, std::initializer_list<Check> checks) {
+  void filter(std::uint32_t call, std::initializer_list<Check> checks) {
     sock_filter isCall = jump(BPF_JEQ, call);
     isCall.jf = static_cast<std::uint8_t>(checks.size() + 2);
     mCode.push_back(isCall);

@@ -194,7 +194,7 @@ TEST_F(LinkTest, GivesUpWhenTheHostIsSilentAndOnlyThen) {
   introduce({.idleTimeout = 300ms});
   std::this_thread::sleep_for(400ms);
   Outcome outcome = submit(request());  // silence without a request did not count
-  mLink->post([] {});                   // makes the link look at the clock
+  mLink->post([] {});                   // makes the link read the clock
   const Packet sent = receive();
   const std::string answer = reply(sent, std::string(30, 'x'));
   send(answer.substr(0, 16));

@@ -1,4 +1,4 @@
-// Files that are replaced over there while they are open here.
+// Files that are replaced on the host while the client has them open.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 

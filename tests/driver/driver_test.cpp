@@ -27,7 +27,7 @@ class DriverTest : public DiskTest {
     device.id = 200;  // negative in the signed bytes of some calls
     device.params = R"({"letter": ")" + base + R"(/", "label": "disk", "name": "USB"})";
   }
-  /// Opened, and announced to the remote side.
+  /// Opened, and announced to the client.
   std::shared_ptr<UDiskOperator> open() {
     EXPECT_EQ(driver.Init(), 0);
     EXPECT_TRUE(device.waitForSent(2));
