@@ -44,9 +44,11 @@ class EventLoop {
 /// A callback that hands its result to `task` on the loop's thread.
 template <class T, class Task>
 std::function<void(Result<T>)> onLoop(EventLoop& loop, Task task) {
-  return [&loop, task = std::move(task)](Result<T> result) {
+  // Shared, since closures with constant members are copied and not moved: what the task
+  // owns must be destroyed on the loop's thread.
+  return [&loop, task = std::make_shared<Task>(std::move(task))](Result<T> result) mutable {
     auto shared = std::make_shared<Result<T>>(std::move(result));
-    loop.post([task, shared] { task(std::move(*shared)); });
+    loop.post([task = std::move(task), shared] { (*task)(std::move(*shared)); });
   };
 }
 
