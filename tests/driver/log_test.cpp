@@ -2,14 +2,12 @@
 #include <regex>
 
 #include "disk_fixture.h"
-#include "service/udisk_service.h"
 
 namespace zor::test {
 namespace {
 
 TEST_F(DiskTest, LinesCarryTheNameOfTheFunctionThatTheyBelongTo) {
   put(disk + "/file", "");
-  device.params = "no JSON";
   op.BusEventHandle(requestOf(513, le(5000000, 4)));
   ask(105, readOf("/file"));
   ask(106, wire("0000000000000000 04000000 00000000 01000000 0500 0000 '/file' 'data'"));
@@ -18,8 +16,6 @@ TEST_F(DiskTest, LinesCarryTheNameOfTheFunctionThatTheyBelongTo) {
                 "0000000000000000 02000000 'x'"));
   ask(114, wire("00000000 0a00 ed01 '/new\\a/b/c'"));
   ask(123, le(1, 4) + "short");
-  UDiskService service(&device, &op);
-  UDiskService::ServiceThread(&service);
   for (const auto& row : table(R"(
       start limit udisk write | file_read;
       end limit udisk write   | file_read;
@@ -27,8 +23,7 @@ TEST_F(DiskTest, LinesCarryTheNameOfTheFunctionThatTheyBelongTo) {
       pwrite failed res: -1   | UdiskWriteFile;
       buffer length error     | file_write;
       pszDir:DISK/new/a/b\n   | UdiskMakeDir;
-      small_file_read remaining | small_file_read;
-      path: no JSON, lable:   | ServiceThread;)")) {
+      small_file_read remaining | small_file_read;)")) {
     const std::string text = std::regex_replace(row[0], std::regex("DISK"), disk);
     EXPECT_TRUE(log.has(text)) << text;
     for (const std::string& line : log.all("\"" + text)) {
