@@ -112,7 +112,7 @@ auto reading(std::string contents, std::uint32_t most = 0xffffffff) {
 
 class DownloadTest : public ::testing::Test {
  protected:
-  /// Fetches all that the host shows; what it said is in mMessages.
+  /// Fetches all that the host shows; its messages are in mMessages.
   bool fetch(std::map<std::string, PlayedFile> files) {
     PlayedHost host(std::move(files));
     ::testing::internal::CaptureStderr();

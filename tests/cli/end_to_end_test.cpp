@@ -5,10 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <map>
-#include <thread>
 #include <vector>
 
 #include "support/served_disk.h"
@@ -17,7 +14,6 @@
 namespace zor::client::test {
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -231,10 +227,8 @@ TEST_F(EndToEndTest, ChangesFiles) {
       {{"rm", "-f", "none"}, 0, "", ""},
   });
   EXPECT_EQ(readFile(mDisk / "a/b/f"), "data");
-  struct stat status {};
-  ASSERT_EQ(::stat((mDisk / "f").c_str(), &status), 0);
-  EXPECT_EQ(status.st_nlink, 2U);
-  EXPECT_EQ(status.st_mode & 07777U, 01751U);
+  EXPECT_EQ(fs::hard_link_count(mDisk / "f"), 2U);
+  EXPECT_EQ(fs::status(mDisk / "f").permissions(), fs::perms(01751));
   makeTree(mDisk / "tree");
   ::chmod((mDisk / "tree/мир/日本語").c_str(), 0755);
   fs::create_symlink("../f", mDisk / "tree/link");
@@ -276,7 +270,7 @@ TEST_F(EndToEndTest, ReadOnlyDisksAreLeftAlone) {
   EXPECT_EQ(std::distance(fs::directory_iterator(mDisk.root()), {}), 1);
 }
 
-TEST_F(EndToEndTest, ADiskThatIsGoneIsSaidToBe) {
+TEST_F(EndToEndTest, ADiskThatIsGoneIsReported) {
   writeFile(local("f"), "data");
   fs::rename(mDisk.root(), mDisk.beside("away"));
   check({{{"df"}, 1, "", "its disk is gone"},
@@ -285,7 +279,7 @@ TEST_F(EndToEndTest, ADiskThatIsGoneIsSaidToBe) {
   check({{{"rm", "-f", "f", "d/f"}, 0, "", ""}, {{"stat", "d/f"}, 1, "", "no such file"}});
 }
 
-TEST_F(EndToEndTest, SaysWhatIsWrongWithTheInvocation) {
+TEST_F(EndToEndTest, ReportsWrongArgumentsAndHostsThatCannotBeUsed) {
   mDisk.stop(SIGTERM);
   check({{{"ls"}, 1, "", "is it running with this socket?"},
          {{}, 2, "", "subcommand"},

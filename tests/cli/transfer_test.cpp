@@ -47,9 +47,7 @@ struct TransferTest : ::testing::Test {
   }
   std::ptrdiff_t namesOnDisk() { return std::distance(fs::directory_iterator(mDisk.root()), {}); }
   static unsigned modeOf(const fs::path& path) {
-    struct stat status {};
-    ::lstat(path.c_str(), &status);
-    return status.st_mode & 07777U;
+    return static_cast<unsigned>(fs::symlink_status(path).permissions());
   }
 
   zor::test::ServedDisk mDisk;

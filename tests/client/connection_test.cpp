@@ -18,30 +18,30 @@ using ::testing::HasSubstr;
 constexpr uid_t kStranger = 65534;
 
 struct ConnectionTest : ::testing::Test {
-  /// What a client is told by a host that turns `turnedAway` clients away before it
-  /// announces its disk to one; nothing when it is served.
-  std::string connect(int turnedAway, std::optional<uid_t> allowed = {}) {
+  /// The error that is returned for a host that refuses `refused` clients before it
+  /// announces its disk to one; nothing when it serves the client.
+  std::string connect(int refused, std::optional<uid_t> allowed = {}) {
     for (pollfd left{mListener.get(), POLLIN, 0}; ::poll(&left, 1, 0) == 1;) {
       const UniqueFd refusedBefore(::accept(mListener.get(), nullptr, nullptr));
     }
     std::atomic<bool> over{false};
     std::thread host([&] {
-      for (int i = 0; i <= turnedAway && !over;) {
+      for (int i = 0; i <= refused && !over;) {
         pollfd event{mListener.get(), POLLIN, 0};
         if (::poll(&event, 1, 20) == 0) continue;
         const UniqueFd client(::accept(mListener.get(), nullptr, nullptr));
-        if (i++ < turnedAway) continue;
+        if (i++ < refused) continue;
         const std::string announcement = hex(kAnnouncement);
         ::send(client.get(), announcement.data(), announcement.size(), MSG_NOSIGNAL);
         mSent = takeBytes(client.get(), 1);
       }
     });
     auto connection = Connection::open({mPath, {.idleTimeout = 10s}, 0, allowed});
-    const std::string told = connection ? "" : connection.error().message;
+    const std::string error = connection ? "" : connection.error().message;
     if (connection) connection->reset();
     over = true;
     host.join();
-    return told;
+    return error;
   }
 
   TemporaryDirectory mDirectory;

@@ -169,7 +169,7 @@ TEST_F(DurableLinkTest, SendsNothingToAnotherDisk) {
                                     HasSubstr("cannot be read"), HasSubstr("again")));
 }
 
-TEST_F(DurableLinkTest, TellsFileSystemsWithoutAnIdByTheirDevice) {
+TEST_F(DurableLinkTest, DistinguishesFileSystemsWithoutAnIdByTheirDevice) {
   open(20s, {.fileSystem = 0});
   Outcome write = submit(Command::kFileWrite, "mine");
   greet({.device = 9, .fileSystem = 0});

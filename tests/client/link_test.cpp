@@ -250,7 +250,7 @@ TEST_F(LinkTest, KeepsNoAnswerThatIsTooLong) {
   EXPECT_EQ(settled(next), "next");
 }
 
-TEST_F(LinkTest, TellsUnansweredRequestsByTheFenceBehindThem) {
+TEST_F(LinkTest, RecognizesUnansweredRequestsByTheFenceBehindThem) {
   introduce();
   const auto submitFenced = [this] {
     auto promise = std::make_shared<std::promise<std::string>>();

@@ -98,8 +98,7 @@ TEST_F(DiskTest, AWriteIsCarriedOutWholeThoughNobodyWaitsForIt) {
     std::optional<RequestSourceOffer> offer;
     closed ? op.StopServing() : void(offer.emplace(device, gone));
     put(disk + "/spare", "");
-    EXPECT_EQ(ask(123, le(1, 4) + le(0, 12) + le(9, 4) + le(6, 4) + le(0, 4) + "/spare"),
-              std::nullopt);  // nobody would read it
+    EXPECT_EQ(ask(123, le(1, 4) + readOf("/spare")), std::nullopt);  // nobody would read it
     const std::string rest = le(0, 8) + le(6, 2) + le(0, 2);
     const std::string chunks =
         wire("0000000000000000 02000000 'xx' 0200000000000000 03000000 'yyy'");

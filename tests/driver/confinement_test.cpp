@@ -38,7 +38,7 @@ class ConfinementTest : public DiskTest, public testing::WithParamInterface<bool
     return all + std::to_string(lstatOf(disk).st_ino);
   }
   /// Whether a reply holds contents or attributes from there.
-  bool tellsOfTheOutside(const std::optional<std::string>& reply) const {
+  bool holdsTheOutside(const std::optional<std::string>& reply) const {
     const auto found = [&](const std::string& trace) { return reply->find(trace) != reply->npos; };
     return reply && std::any_of(mTraces.begin(), mTraces.end(), found);
   }
@@ -144,8 +144,7 @@ TEST_P(ConfinementTest, NoCommandLeavesTheDiskByAnyText) {
       for (const char* end : {"", "/", "/.", "/..", "/inside.txt", "/empty", "/fresh"}) {
         const std::string path = way + end;
         if (probe->cmd == 100 && path.find('/') == path.npos) continue;  // makes a mount directory
-        EXPECT_FALSE(tellsOfTheOutside(ask(probe->cmd, probe->request(path))))
-            << probe->name << path;
+        EXPECT_FALSE(holdsTheOutside(ask(probe->cmd, probe->request(path)))) << probe->name << path;
         if (probe->cmd == 100 || probe->cmd == 101) announce();
       }
       ASSERT_EQ(surroundings(), mSurroundings) << probe->name << " " << way;
@@ -187,7 +186,7 @@ TEST_P(ConfinementTest, ANeighbourWhoRenamesWinsNoRace) {
         const std::string path = way + probe->leaf();
         for (int times = together ? 3 : 1; times > 0; --times) {
           const auto reply = ask(probe->cmd, probe->request(path));
-          EXPECT_FALSE(tellsOfTheOutside(reply)) << probe->name << " " << path;
+          EXPECT_FALSE(holdsTheOutside(reply)) << probe->name << " " << path;
           if (probe->cmd == 107) ++(reply == probe->failure(path) ? refused : listed);
           ++round;
         }

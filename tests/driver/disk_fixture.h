@@ -57,6 +57,13 @@ inline std::unique_ptr<ZorPacket> requestOf(int cmd, const std::string& payload,
   return packetOf(headerOf(cmd, 16 + payload.size(), devId) + payload);
 }
 
+/// The record of a file_read, which is also one of a small_file_read.
+inline std::string readOf(const std::string& path, std::uint32_t size = 4,
+                          std::int64_t offset = 0) {
+  return le(static_cast<std::uint64_t>(offset), 8) + le(0, 4) + le(size, 4) + le(path.size(), 4) +
+         le(0, 4) + path;
+}
+
 inline void put(const std::string& path, const std::string& contents) {
   std::ofstream(path, std::ios::binary) << contents;
 }

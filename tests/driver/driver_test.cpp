@@ -28,15 +28,21 @@ class DriverTest : public DiskTest {
     device.params = R"({"letter": ")" + base + R"(/", "label": "disk", "name": "USB"})";
   }
   /// Opened, and announced to the client.
-  std::shared_ptr<UDiskOperator> open() {
-    EXPECT_EQ(driver.Init(), 0);
-    EXPECT_TRUE(device.waitForSent(2));
-    return std::dynamic_pointer_cast<UDiskOperator>(driver.GetDriverObj());
+  std::shared_ptr<UDiskOperator> open() { return open(driver, device); }
+  std::shared_ptr<UDiskOperator> open(UDiskDriver& opened, RecordingDevice& own) {
+    own.id = device.id;
+    own.params = device.params;
+    EXPECT_EQ(opened.Init(), 0);
+    EXPECT_TRUE(own.waitForSent(2));
+    return std::dynamic_pointer_cast<UDiskOperator>(opened.GetDriverObj());
   }
   int send(int cmd, const std::string& payload, int devId = 200) {
     return driver.onEvent(requestOf(cmd, payload, devId), 0);
   }
-  int sendFlush(const std::string& path) { return send(119, le(path.size(), 4) + le(0, 4) + path); }
+  int sendFlush(const std::string& path) { return driver.onEvent(flushOf(path), 0); }
+  static std::unique_ptr<ZorPacket> flushOf(const std::string& path) {
+    return requestOf(119, le(path.size(), 4) + le(0, 4) + path, 200);
+  }
 
   UDiskDriver driver{&device, "policy"};
 };
@@ -92,20 +98,16 @@ TEST_F(DriverTest, AsksADeviceThatCanBeAsked) {
     void give(int number) noexcept {
       if (given != number) return;
       ++given;
-      const std::string path = "/" + std::to_string(number);
-      driver->onEvent(requestOf(119, le(2, 4) + le(0, 4) + path, 200), 0);
+      driver->onEvent(flushOf("/" + std::to_string(number)), 0);
     }
     ZorDriver* driver = nullptr;
     int given = 1, awaited = 0;
   } asked;
-  asked.id = 200;
-  asked.params = device.params;
   const RequestSourceOffer offer(asked, asked);
   UDiskDriver askingDriver(&asked, "");
   asked.driver = &askingDriver;
-  ASSERT_EQ(askingDriver.Init(), 0);
-  ASSERT_TRUE(asked.waitForSent(2));
-  askingDriver.onEvent(requestOf(119, le(2, 4) + le(0, 4) + "/0", 200), 0);
+  open(askingDriver, asked);
+  askingDriver.onEvent(flushOf("/0"), 0);
   ASSERT_TRUE(asked.waitForSent(5));
   EXPECT_EQ(asked.sent()[4].substr(24), "/2");
   askingDriver.Close(0);
@@ -125,12 +127,9 @@ TEST_F(DriverTest, NothingOfTheDiskIsOpenWhileAReplyWaits) {
     std::string disk;
     std::atomic<int> open{0};
   } waiting;
-  waiting.id = 200;
-  waiting.params = device.params;
   waiting.disk = disk;
-  UDiskDriver waitingDriver(&waiting, "");
-  ASSERT_EQ(waitingDriver.Init(), 0);
-  ASSERT_TRUE(waiting.waitForSent(2));  // from now on one thread serves and sends
+  UDiskDriver waitingDriver(&waiting, nullptr);
+  open(waitingDriver, waiting);  // from now on one thread serves and sends
   for (int round = 0; round < 20; ++round) {
     for (const Probe& probe : kProbes) {
       waitingDriver.onEvent(requestOf(probe.cmd, probe.request("/sub/../" + probe.leaf()), 200), 0);
@@ -153,14 +152,11 @@ TEST_F(DriverTest, WhatIsQueuedAtTheStopIsDiscardedUnanswered) {
     UDiskDriver* driver = nullptr;
     std::atomic<bool> serving{false};
   } held;
-  held.id = 200;
-  held.params = device.params;
   UDiskDriver heldDriver(&held, "");
   held.driver = &heldDriver;
-  ASSERT_EQ(heldDriver.Init(), 0);
-  ASSERT_TRUE(held.waitForSent(2));
+  open(heldDriver, held);
   for (int i = 0; i < 3; ++i) {
-    heldDriver.onEvent(requestOf(119, wire("02000000 00000000 '/x'"), 200), 0);
+    heldDriver.onEvent(flushOf("/x"), 0);
     while (!held.serving) std::this_thread::yield();
   }
   heldDriver.Close(0);
@@ -200,9 +196,7 @@ TEST_F(DriverTest, RequestsThatArriveTogetherSeeWhatTheOthersDid) {
 // A stream opens its file once, but only for as long as the path leads to it.
 TEST_F(DriverTest, AStreamGoesOnInWhatANeighbourPutInItsPlace) {
   auto served = open();
-  const auto read = [&] {
-    served->EventHandle(requestOf(105, le(0, 12) + le(9, 4) + le(2, 4) + le(0, 4) + "/s", 200));
-  };
+  const auto read = [&] { served->EventHandle(requestOf(105, readOf("/s", 9), 200)); };
   const auto write = [&](const std::string& data) {
     const std::string record =
         le(0, 8) + le(data.size(), 4) + le(0, 4) + le(1, 4) + le(2, 2) + le(0, 2);
@@ -235,7 +229,7 @@ TEST_F(DriverTest, ClosedUnderLoadItDestroysEveryRequest) {
   std::atomic<bool> ending{false};
   std::thread feeder([&] {
     while (!ending) {
-      auto packet = requestOf(119, le(2, 4) + le(0, 4) + "/x", 200);
+      auto packet = flushOf("/x");
       packet->mBuffer->budget = &counter;
       ++counter.packets;
       driver.onEvent(std::move(packet), 0);
@@ -251,7 +245,7 @@ TEST_F(DriverTest, ClosedUnderLoadItDestroysEveryRequest) {
 TEST_F(DriverTest, ARequestOfManyStepsEndsWithItsDriver) {
   open();
   std::string records = le(30000, 4);
-  for (int i = 0; i < 30000; ++i) records += le(0, 16) + le(6, 4) + le(0, 4) + "/spare";
+  for (int i = 0; i < 30000; ++i) records += readOf("/spare", 0);
   send(123, records);
   while (!log.has("small_file_read num_records")) std::this_thread::yield();
   EXPECT_EQ(driver.Close(0), 0);
@@ -286,15 +280,6 @@ TEST_F(DriverTest, EventsFromManyThreadsAreServedInEachOnesOrder) {
     EXPECT_EQ(sent.substr(25), std::to_string(next[sent[24]]++));
   }
   driver.Close(0);
-}
-
-TEST_F(DriverTest, ClosingAtOnceLosesNoThread) {
-  for (int round = 0; round < 50; ++round) {
-    UDiskDriver brief(&device, nullptr);
-    ASSERT_EQ(brief.Init(), 0);
-    brief.onEvent(requestOf(119, wire("02000000 00000000 '/x'"), 200), 0);
-    brief.Close(0);
-  }
 }
 
 TEST_F(DriverTest, TheModuleShowsItsDescriptorAndNothingElse) {

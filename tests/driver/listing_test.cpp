@@ -46,6 +46,12 @@ class ListingTest : public DiskTest {
     return reply.has_value();
   }
 
+  /// Two listings of `count` entries each.
+  bool compare(int count, std::string one, std::string other) {
+    return op.compare_cache(count, count, reinterpret_cast<unsigned char*>(one.data()),
+                            reinterpret_cast<unsigned char*>(other.data()));
+  }
+
   std::vector<std::string> names;  ///< in the latest listing
 };
 
@@ -153,10 +159,7 @@ TEST_F(ListingTest, NamesThatStandTwiceAreCountedTwice) {
         const char name = (old + now)[static_cast<std::size_t>(i)];
         listings[i / 2] += name == 'A' ? entryOf("a", 2, 1) : entryOf({name}, 1, 1);
       }
-      const auto bytes = [](std::string& text) {
-        return reinterpret_cast<unsigned char*>(text.data());
-      };
-      EXPECT_EQ(op.compare_cache(2, 2, bytes(listings[0]), bytes(listings[1])), same != 0);
+      EXPECT_EQ(compare(2, listings[0], listings[1]), same != 0);
       const auto lines = log.all("\"found dirFileName:a,cacheFileName:a\"").size();
       EXPECT_EQ(lines, level == kLogDebug ? found : 0);
     }
@@ -174,12 +177,8 @@ TEST_F(ListingTest, TheComparisonEndsHoweverManyEntriesThereAre) {
     same += entryOf("same", 1, 1);
   }
   morvelLogSetLevel(kLogError);
-  const auto compare = [this](std::string& one, std::string& other) {
-    return op.compare_cache(kCount, kCount, reinterpret_cast<unsigned char*>(one.data()),
-                            reinterpret_cast<unsigned char*>(other.data()));
-  };
-  EXPECT_TRUE(compare(cached, current));
-  EXPECT_FALSE(compare(same, same));
+  EXPECT_TRUE(compare(kCount, cached, current));
+  EXPECT_FALSE(compare(kCount, same, same));
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ TEST_F(DiskTest, StatisticsAreReadAgainOnceTheDiskMayHaveChanged) {
     for (auto& record : Peek::statistics(op)) {
       std::memset(static_cast<void*>(&record->statistics), 'o', 112);
     }
-    // Unchanged, the first that matches is told from memory; changed, all are read again.
+    // Unchanged, the first that matches is answered from memory; changed, all are read again.
     const std::string one = matching > 0 ? real : "", all = matching > 1 ? real + real : one;
     for (const auto& [changed, records] :
          {std::pair{0, matching > 0 ? old : ""}, {1, all}, {0, one}}) {

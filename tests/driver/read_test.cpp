@@ -12,10 +12,6 @@ namespace {
 
 class ReadTest : public DiskTest {
  protected:
-  static std::string readOf(const std::string& path, std::uint32_t size, std::int64_t offset = 0) {
-    return le(static_cast<std::uint64_t>(offset), 8) + le(0, 4) + le(size, 4) + le(path.size(), 4) +
-           le(0, 4) + path;
-  }
   std::string read(const std::string& path, std::uint32_t size, std::int64_t offset = 0) {
     return ask(105, readOf(path, size, offset)).value().substr(24 + path.size());
   }

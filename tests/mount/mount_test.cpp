@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <random>
 #include <regex>
 #include <thread>
@@ -66,9 +65,9 @@ class MountTest : public ::testing::Test {
                                 "'; ";
     const int code = waitFor(spawn({"sh", "-c", setting + script}, out, "/dev/null"));
     if (code == 0) return "";
-    const std::string said = readFile(out);  // the last of its commands is the one that failed
+    const std::string printed = readFile(out);  // the last of its commands is the one that failed
     return "exit code " + std::to_string(code) + "\n" +
-           said.substr(said.size() - std::min<std::size_t>(said.size(), 500));
+           printed.substr(printed.size() - std::min<std::size_t>(printed.size(), 500));
   }
 
   /// The number of requests of a kind, from the metrics that a signal makes the program print.
@@ -152,7 +151,7 @@ const Program kPrograms[] = {
      "test $(stat -c %s a) = 94; exec 3>&-; echo four >> b; grep -aq four a; "
      "ln b c; exec 4<b; rm b; test $(stat -c %h a) = 2; exec 4>&-; test $(stat -c %h a) = 2; rm c; "
      "test $(stat -c %h a) = 1; exec 3<>a; rm a; echo five >&3; exec 3>&-; "
-     // The kernel tells of the last close a little later.
+     // The kernel reports the last close a little later.
      "for i in $(seq 1000); do test -z \"$(ls -A $DISK)\" && exit; sleep 0.01; done; exit 1"},
     {"Names",
      "cd $DRIVE; printf 0000000000 > a; ln a b; exec 3>>b; printf xxxxx >&3; grep -q xxxxx a; "
@@ -172,7 +171,7 @@ const Program kPrograms[] = {
      "for i in $(seq 1000); do test $(stat -c %a $DISK/h) = 444 && exit; sleep 0.01; done; exit 1"},
     {"Descriptors",
      "cd $DRIVE; mkdir d; : > d/first; perl -e 'for $n (\"a\" .. \"c\") { "
-     // What a file is told to be while it is made, with data, closed, and with a second name.
+     // The attributes of a file while it is made, with data, closed, and with a second name.
      "sysopen(F, \"d/$n\", 65, 0640); @s = stat F; syswrite F, \"x\"; @t = stat F; close F; "
      "@u = stat \"d/$n\"; link \"d/$n\", \"d/l$n\"; @v = lstat \"d/l$n\"; "
      "die \"number\" if $s[1] != $u[1] || $t[1] != $u[1] || $v[1] != $u[1]; "
@@ -283,7 +282,9 @@ TEST_F(MountTest, ASlowLinkIsCrossedSeldom) {
   const DelayRelay relay(mSocket, mDisk.socket(), 20ms);
   mount();
   const std::uint64_t start = requests();
+  const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(run("cp -r $DRIVE copy; diff -r copy $DISK"), "");
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 40ms) << "the relay does not delay";
   const std::uint64_t read = requests();
   EXPECT_LE(read - start, 60U) << readFile(mLog);
   std::this_thread::sleep_for(1100ms);
@@ -367,7 +368,7 @@ TEST_F(MountTest, ACopyOutlivesItsHost) {
   EXPECT_EQ(unmount(), 0) << readFile(mLog);
 }
 
-TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingTellsWhatIsLost) {
+TEST_F(MountTest, AHostThatStaysAwayIsAnErrorAndUnmountingReportsWhatIsLost) {
   const std::string name = "f\x1b";  // what could drive a terminal is escaped
   writeFile(mDisk / name, "text");
   mount({"-o", "timeout=0.5,attr_timeout=0"});
@@ -409,7 +410,7 @@ TEST_F(MountTest, EndsWhateverTheHostDoes) {
   mDisk.signal(SIGCONT);
 }
 
-TEST_F(MountTest, GoesToTheBackgroundOnceItIsMountedAndSaysWhyNot) {
+TEST_F(MountTest, GoesToTheBackgroundOnceItIsMountedOrReportsWhyNot) {
   const std::string drive = mDrive;
   EXPECT_EQ(run(std::string(MOUNT_PROGRAM) + " " + mSocket + " " + drive +
                 "; mountpoint -q $DRIVE; fusermount3 -u $DRIVE; ! mountpoint -q $DRIVE"),

@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 
 #include "device.h"
 #include "driver/wire_text.h"
@@ -34,10 +32,11 @@ std::unique_ptr<ZorPacket> foreignPacket(int cmd, const std::string& payload) {
   return std::unique_ptr<ZorPacket>(packet);
 }
 
-TEST(ForeignFramework, TheModuleServesInIt) {
+TEST(ForeignFramework, TheModuleServesInItAndNeedsNothingElse) {
   std::string directory = testing::TempDir() + "udisk-foreign-XXXXXX";
   ASSERT_NE(::mkdtemp(directory.data()), nullptr);
   std::ofstream(directory + "/file") << "contents";
+  // With more needed of the framework than it has here, this fails.
   void* handle = ::dlopen(UDISK_MODULE, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(handle, nullptr) << ::dlerror();
   auto* module = static_cast<ZorDriverModule*>(::dlsym(handle, kDriverModuleSymbol));
@@ -60,34 +59,6 @@ TEST(ForeignFramework, TheModuleServesInIt) {
   delete driver;
   EXPECT_EQ(device.traces, 4);  // opened, bandwidth, read, closed
   EXPECT_EQ(std::filesystem::remove_all(directory), 1U);
-}
-
-TEST(ForeignFramework, TheModuleNeedsNothingElseOfIt) {
-#ifdef UDISK_SANITIZED
-  GTEST_SKIP() << "a sanitizer needs the types of all objects";
-#endif
-  const std::set<std::string> mayBeNeeded = {"zor::morvelLogPrint",
-                                             "zor::ZorRawDriver::~ZorRawDriver",
-                                             "zor::ZorRawDriver::onReserved",
-                                             "zor::ZorRawDriver::onControl",
-                                             "zor::ZorRawDriver::GetDriverType[abi:cxx11]",
-                                             "zor::ZorPathTable::Lookup",
-                                             "zor::ZorTracer::GetInstance",
-                                             "zor::ZorTracer::GenerateTraceId[abi:cxx11]",
-                                             "typeinfo for zor::ZorRawDriver"};
-  FILE* symbols = ::popen("nm -DC --undefined-only " UDISK_MODULE, "r");
-  ASSERT_NE(symbols, nullptr);
-  std::size_t needed = 0;
-  for (char line[1024]; std::fgets(line, sizeof line, symbols) != nullptr;) {
-    const std::string text = line;
-    const std::size_t kind = text.find(" U ");
-    if (kind == text.npos || text.find("zor::") == text.npos) continue;
-    ++needed;
-    const std::string name = text.substr(kind + 3);
-    EXPECT_EQ(mayBeNeeded.count(name.substr(0, name.find_first_of("(\n"))), 1U) << name;
-  }
-  if (::pclose(symbols) != 0) GTEST_SKIP() << "nm is not installed";
-  EXPECT_GT(needed, 0U);
 }
 
 }  // namespace

@@ -24,7 +24,6 @@ int ZorRawDriver::onControl(void*, std::uint16_t* code) { return *code = 0x1506,
 std::string ZorRawDriver::GetDriverType() { return "RawDrv"; }
 std::shared_ptr<DriverObj> ZorRawDriver::GetDriverObj() { return nullptr; }
 
-ZorDevBase::~ZorDevBase() = default;
 std::shared_ptr<ZorPathEntry> ZorPathTable::Lookup(const std::string&) const {
   return std::make_shared<ZorPathEntry>();
 }
