@@ -26,6 +26,9 @@ class IoPolicy {
   static constexpr std::size_t kMaxSmallPacket = std::size_t{16} << 10;
   static constexpr std::size_t kMaxCoalescedBytes = std::size_t{64} << 10;
   static constexpr std::size_t kMaxCoalescedReplies = 12;
+  /// To write less is over sooner than another thread has woken up.
+  static constexpr std::size_t kMinHandedOver = std::size_t{128} << 10;
+  static constexpr std::size_t kMaxHandedOver = std::size_t{4} << 20;
   /// For how long a reply may wait because the next request takes long: for up to two of these.
   static constexpr auto kCoalescingTime = std::chrono::milliseconds(1);
   /// For how long the data-event thread may keep the reader role without reading: for up to two
@@ -87,6 +90,11 @@ class IoPolicy {
     return inFlight.count > 1 && size <= kMaxSmallPacket &&
            inFlight.bytes <= inFlight.count * kMaxSmallPacket &&
            waiting.bytes < kMaxCoalescedBytes && waiting.count < kMaxCoalescedReplies;
+  }
+  /// Whether another thread writes a reply, while the next request is served.
+  static bool handsOver(std::size_t size, Requests inFlight, Replies waiting) noexcept {
+    return inFlight.count > 1 && size >= kMinHandedOver && waiting.bytes <= kMaxHandedOver &&
+           waiting.count < kMaxCoalescedReplies;
   }
 
  private:

@@ -46,12 +46,15 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
     if (mBudget.stopped()) return false;
     mReplies.push_back({std::move(packet), size});
     mBytes += bytes;
-    if (!IoPolicy::coalesces(size, {mBudget.packets(), mBudget.bytes()},
-                             {mReplies.size(), mBytes})) {
+    const IoPolicy::Requests inFlight{mBudget.packets(), mBudget.bytes()};
+    const IoPolicy::Replies waiting{mReplies.size(), mBytes};
+    const bool coalesces = !mHandedOver && IoPolicy::coalesces(size, inFlight, waiting);
+    if (!coalesces && (mHandedOver || !IoPolicy::handsOver(size, inFlight, waiting))) {
       if (write()) return true;
     } else {
-      mAnyCoalesced.store(true, std::memory_order_relaxed);
-      if (!std::exchange(mTicking, true)) mWork.notifyOne();
+      mAnyWaiting.store(true, std::memory_order_relaxed);
+      bool& known = coalesces ? mTicking : mHandedOver;
+      if (!std::exchange(known, true)) mWork.notifyOne();
       return true;
     }
   }
@@ -60,7 +63,7 @@ bool Outbox::send(std::unique_ptr<ZorPacket> packet, std::size_t size) {
 }
 
 void Outbox::flush() {
-  if (!mAnyCoalesced.load(std::memory_order_relaxed)) return;
+  if (!mAnyWaiting.load(std::memory_order_relaxed)) return;
   {
     const WriterTurn turn(mMutex);
     if (write()) return;
@@ -80,7 +83,8 @@ bool Outbox::write() {
   const bool written = !mBudget.stopped() && writeParts(parts.data(), count);
   mReplies.clear();
   mBytes = 0;
-  mAnyCoalesced.store(false, std::memory_order_relaxed);
+  mHandedOver = false;
+  mAnyWaiting.store(false, std::memory_order_relaxed);
   ++mWrites;
   return written;
 }
@@ -125,15 +129,17 @@ bool Outbox::writeParts(iovec* parts, std::size_t count) noexcept {
 void Outbox::run() {
   MutexLock lock(mMutex);
   while (!mBudget.stopped()) {
-    if (!mTicking) {
+    if (!mHandedOver && !mTicking) {
       mWork.wait(mMutex);
       continue;
     }
-    const std::uint64_t before = mWrites;
-    mWork.waitFor(mMutex, IoPolicy::kCoalescingTime);
-    if (mWrites != before) continue;
-    mTicking = !mReplies.empty();
-    if (!mTicking || write()) continue;
+    if (!mHandedOver) {
+      const std::uint64_t before = mWrites;
+      mWork.waitFor(mMutex, IoPolicy::kCoalescingTime);
+      if (!mHandedOver && mWrites != before) continue;
+      mTicking = !mReplies.empty();
+    }
+    if (mReplies.empty() || write()) continue;
     lock.unlock();
     mFailed();
     return;

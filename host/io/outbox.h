@@ -20,7 +20,7 @@ namespace zor::host {
 /// Writes packets to a stream socket, whole and in the order in which they came. A packet is
 /// written by the thread that brings it, or coalesced with later ones as IoPolicy decides; then
 /// it is written with the next one that is not, by `flush`, or by a thread of the outbox once it
-/// has waited for a moment.
+/// has waited for a moment. A large one may be left to that thread at once.
 ///
 /// Any thread, but for the construction and destruction.
 class Outbox {
@@ -68,8 +68,9 @@ class Outbox {
   std::vector<Reply> mReplies GUARDED_BY(mMutex);
   std::size_t mBytes GUARDED_BY(mMutex) = 0;
   std::uint64_t mWrites GUARDED_BY(mMutex) = 0;
-  bool mTicking GUARDED_BY(mMutex) = false;  ///< the own thread checks the coalesced replies
-  std::atomic<bool> mAnyCoalesced{false};    ///< changed under mMutex
+  bool mTicking GUARDED_BY(mMutex) = false;     ///< the own thread checks the coalesced replies
+  bool mHandedOver GUARDED_BY(mMutex) = false;  ///< the own thread is to write
+  std::atomic<bool> mAnyWaiting{false};         ///< changed under mMutex
   std::atomic<std::uint64_t> mWrittenBytes{0};
   std::thread mThread;
 };

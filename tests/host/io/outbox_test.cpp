@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "host/io/io_policy.h"
@@ -117,6 +118,19 @@ TEST_F(OutboxTest, WritesWhatWasCoalescedThoughNothingComes) {
     EXPECT_EQ(arrived(), 80U + static_cast<std::size_t>(i) * 20);
   }
   EXPECT_EQ(mOutbox.written(), 120U);
+}
+
+TEST_F(OutboxTest, KeepsTheOrderOfLargeAndSmallReplies) {
+  constexpr std::size_t kSizes[] = {20, 128 * kKiB, 20, 20, 300 * kKiB, 128 * kKiB, 17 * kKiB};
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(mBudget.acquire({100}));
+  const auto mark = [](std::size_t i) { return static_cast<char>('a' + i % 26); };
+  std::thread sender([&] {
+    for (std::size_t i = 0; i < 100; ++i) EXPECT_TRUE(send(mark(i), kSizes[i % 7]));
+  });
+  for (std::size_t i = 0; i < 100; ++i) {
+    EXPECT_EQ(client::test::takeBytes(mFar.get(), kSizes[i % 7]).back(), mark(i));
+  }
+  sender.join();
 }
 
 TEST_F(OutboxTest, ReportsOnceThatItCannotWriteAndTakesNothingAfterTheEnd) {
