@@ -39,7 +39,7 @@ class IoPolicy {
 
   // Reading.
 
-  /// The data-event thread asks for requests, whoever reads.
+  /// The data-event thread asks for requests, with or without the reader role.
   void ask() noexcept {
     if (!change(State::kBusy, State::kAsking)) change(State::kAsleep, State::kAsking);
   }

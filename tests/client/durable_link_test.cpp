@@ -48,7 +48,7 @@ struct DurableLinkTest : Test {
   void greet(const DiskReport& disk = {}) {
     const Packet sizes = announce();
     const Packet root = take();
-    // Whatever waits is sent only when both are known.
+    // Waiting requests are sent only when both are known.
     pollfd early{mHost.get(), POLLIN, 0};
     if (disk.reportsSizes) send(reply(sizes, disk.sizes()));
     EXPECT_EQ(::poll(&early, 1, 20), 0);
